@@ -1,0 +1,196 @@
+// The statistics database: one encrypted, authenticated record written as two copies,
+// the rule that picks between them, the day ring and the calendar conversions.
+#include <cstring>
+
+#include "qm_core.h"
+
+namespace {
+
+const uint8_t kMagic[8] = {'Q', 'M', 'S', 'T', 'A', 'T', 'S', 0x02};
+constexpr uint32_t kVersion = 2;
+constexpr size_t kHeader = 44;  // magic, version, id, seq, nonce
+constexpr size_t kTagAt = kHeader + QM_STATS_RECORD_SIZE;
+static_assert(sizeof(qm_stats) == QM_STATS_RECORD_SIZE, "record layout");
+static_assert(kTagAt + 32 == QM_STATS_FILE_SIZE, "file layout");
+
+// Decoding is not reentrant by design: one plaintext buffer, one picked record.
+uint8_t g_plaintext[QM_STATS_RECORD_SIZE];
+qm_stats g_pick_tmp;
+
+uint32_t get32(const uint8_t* p) {
+    return uint32_t(p[0]) | uint32_t(p[1]) << 8 | uint32_t(p[2]) << 16 | uint32_t(p[3]) << 24;
+}
+void put32(uint8_t* p, uint32_t v) {
+    p[0] = uint8_t(v);
+    p[1] = uint8_t(v >> 8);
+    p[2] = uint8_t(v >> 16);
+    p[3] = uint8_t(v >> 24);
+}
+
+// The record's words in serialised order, except chain, which sits between created and first_day.
+uint32_t* head_words(qm_stats* s, int i) {
+    uint32_t* w[] = {&s->sessions, &s->write_secs, &s->longest_secs, &s->words, &s->chars,
+                     &s->sentences, &s->newlines, &s->saves, &s->created};
+    return w[i];
+}
+uint32_t* tail_words(qm_stats* s, int i) {
+    uint32_t* w[] = {&s->first_day, &s->last_day, &s->streak_current, &s->streak_best,
+                     &s->days_written, &s->ring_next, &s->ring_used};
+    return w[i];
+}
+
+void serialise(const qm_stats* in, uint8_t* out) {
+    qm_stats* s = const_cast<qm_stats*>(in);
+    for (int i = 0; i < 9; ++i) put32(out + 4 * i, *head_words(s, i));
+    std::memcpy(out + 36, s->chain, 32);
+    for (int i = 0; i < 7; ++i) put32(out + 68 + 4 * i, *tail_words(s, i));
+    for (int i = 0; i < QM_RING_SLOTS; ++i) {
+        put32(out + 96 + 12 * i, s->ring[i].day);
+        put32(out + 100 + 12 * i, s->ring[i].words);
+        put32(out + 104 + 12 * i, s->ring[i].secs);
+    }
+}
+
+void deserialise(const uint8_t* in, qm_stats* s) {
+    for (int i = 0; i < 9; ++i) *head_words(s, i) = get32(in + 4 * i);
+    std::memcpy(s->chain, in + 36, 32);
+    for (int i = 0; i < 7; ++i) *tail_words(s, i) = get32(in + 68 + 4 * i);
+    for (int i = 0; i < QM_RING_SLOTS; ++i) {
+        s->ring[i].day = get32(in + 96 + 12 * i);
+        s->ring[i].words = get32(in + 100 + 12 * i);
+        s->ring[i].secs = get32(in + 104 + 12 * i);
+    }
+}
+
+void mac(const uint8_t mac_key[32], const uint8_t* data, size_t n, uint8_t out[32]) {
+    hmac_sha256_ctx c;
+    hmac_sha256_init(&c, mac_key, 32);
+    hmac_sha256_update(&c, data, n);
+    hmac_sha256_final(&c, out);
+}
+
+bool is_gregorian_leap(unsigned y) { return (y % 4 == 0 && y % 100 != 0) || y % 400 == 0; }
+
+}  // namespace
+
+extern "C" void statsdb_reset(qm_stats* s) { std::memset(s, 0, sizeof *s); }
+
+extern "C" void statsdb_encode(const qm_stats* s, const uint8_t enc_key[32], const uint8_t mac_key[32],
+                               const uint8_t id[16], uint32_t seq, uint8_t out[QM_STATS_FILE_SIZE],
+                               uint8_t tag_out[32]) {
+    std::memcpy(out, kMagic, 8);
+    put32(out + 8, kVersion);
+    std::memcpy(out + 12, id, 16);
+    put32(out + 28, seq);
+
+    uint8_t seq_le[4], nonce[32];
+    put32(seq_le, seq);
+    hmac_sha256_ctx c;
+    hmac_sha256_init(&c, mac_key, 32);
+    hmac_sha256_update(&c, "qm-stats-nonce", 14);
+    hmac_sha256_update(&c, id, 16);
+    hmac_sha256_update(&c, seq_le, 4);
+    hmac_sha256_update(&c, s->chain, 32);
+    hmac_sha256_final(&c, nonce);
+    std::memcpy(out + 32, nonce, 12);
+
+    serialise(s, out + kHeader);
+    chacha20_xor(enc_key, out + 32, 1, out + kHeader, QM_STATS_RECORD_SIZE);
+    mac(mac_key, out, kTagAt, out + kTagAt);
+    if (tag_out) std::memcpy(tag_out, out + kTagAt, 32);
+}
+
+extern "C" int statsdb_decode(const uint8_t* buf, unsigned len, const uint8_t enc_key[32], const uint8_t mac_key[32],
+                              qm_stats* out, uint8_t id_out[16], uint32_t* seq_out, uint8_t tag_out[32]) {
+    if (!buf || len < QM_STATS_FILE_SIZE) return -1;
+    if (std::memcmp(buf, kMagic, 8) != 0) return -2;
+    if (get32(buf + 8) >= 3) return -3;
+    uint8_t tag[32];
+    mac(mac_key, buf, kTagAt, tag);
+    if (!ct_equal(tag, buf + kTagAt, 32)) return -4;
+
+    std::memcpy(g_plaintext, buf + kHeader, QM_STATS_RECORD_SIZE);
+    chacha20_xor(enc_key, buf + 32, 1, g_plaintext, QM_STATS_RECORD_SIZE);
+    if (out) {
+        deserialise(g_plaintext, out);
+        if (out->ring_next >= QM_RING_SLOTS) out->ring_next = 0;
+        if (out->ring_used > QM_RING_SLOTS) out->ring_used = QM_RING_SLOTS;
+    }
+    if (id_out) std::memcpy(id_out, buf + 12, 16);
+    if (seq_out) *seq_out = get32(buf + 28);
+    if (tag_out) std::memcpy(tag_out, buf + kTagAt, 32);
+    return 0;
+}
+
+extern "C" int statsdb_pick(const uint8_t* db, unsigned db_len, const uint8_t* bak, unsigned bak_len,
+                            const uint8_t enc_key[32], const uint8_t mac_key[32], qm_stats* out, uint32_t* seq_out,
+                            uint8_t tag_out[32], unsigned* valid_mask) {
+    uint32_t db_seq = 0, bak_seq = 0;
+    uint8_t db_tag[32], bak_tag[32];
+    bool db_ok = db_len && statsdb_decode(db, db_len, enc_key, mac_key, &g_pick_tmp, nullptr, &db_seq, db_tag) == 0;
+    if (db_ok && out) *out = g_pick_tmp;
+    bool bak_ok =
+        bak_len && statsdb_decode(bak, bak_len, enc_key, mac_key, &g_pick_tmp, nullptr, &bak_seq, bak_tag) == 0;
+    if (valid_mask) *valid_mask = unsigned(db_ok) + 2u * unsigned(bak_ok);
+    if (!db_ok && !bak_ok) return 0;
+
+    bool choose_bak = bak_ok && (!db_ok || bak_seq > db_seq);
+    if (choose_bak && out) *out = g_pick_tmp;
+    if (seq_out) *seq_out = choose_bak ? bak_seq : db_seq;
+    if (tag_out) std::memcpy(tag_out, choose_bak ? bak_tag : db_tag, 32);
+    return choose_bak ? 2 : 1;
+}
+
+extern "C" void statsdb_note_day(qm_stats* s, uint32_t day, uint32_t words, uint32_t secs) {
+    if (day == 0) return;
+    uint32_t used = s->ring_used > QM_RING_SLOTS ? QM_RING_SLOTS : s->ring_used;
+    for (uint32_t i = 0; i < used; ++i) {
+        if (s->ring[i].day == day) {
+            s->ring[i].words += words;
+            s->ring[i].secs += secs;
+            return;
+        }
+    }
+    s->ring[s->ring_next & (QM_RING_SLOTS - 1)] = qm_day{day, words, secs};
+    s->ring_next = (s->ring_next + 1) & (QM_RING_SLOTS - 1);
+    if (s->ring_used < QM_RING_SLOTS) ++s->ring_used;
+    ++s->days_written;
+    if (s->first_day == 0 || day < s->first_day) s->first_day = day;
+    if (day <= s->last_day) return;
+    if (s->last_day != 0 && day == s->last_day + 1) {
+        ++s->streak_current;
+        s->last_day = day;
+        if (s->streak_current > s->streak_best) s->streak_best = s->streak_current;
+    } else {
+        s->streak_current = 1;
+        s->last_day = day;
+        if (s->streak_best == 0) s->streak_best = 1;
+    }
+}
+
+extern "C" uint32_t statsdb_fatdate_to_day(uint16_t fat_date) {
+    static const uint32_t before_month[12] = {0, 31, 59, 90, 120, 151, 181, 212, 243, 273, 304, 334};
+    uint32_t mday = fat_date & 31, month = (fat_date >> 5) & 15, y = fat_date >> 9;
+    if (mday == 0 || month < 1 || month > 12) return 0;
+    uint32_t day = mday + 365 * y + (y + 3) / 4 + before_month[month - 1];
+    if (y % 4 == 0 && y != 120 && month >= 3) day += 1;
+    if (fat_date >= 0xF200) day -= 1;  // 2100 was counted as leap above
+    return day;
+}
+
+extern "C" void qm_day_to_ymd(uint32_t day, unsigned* year, unsigned* month, unsigned* mday) {
+    unsigned y = 0, m = 0, d = 0;
+    if (day != 0) {
+        uint32_t r = day - 1;
+        y = 1980;
+        while (r >= (is_gregorian_leap(y) ? 366u : 365u)) r -= is_gregorian_leap(y) ? 366u : 365u, ++y;
+        static const unsigned len[12] = {31, 28, 31, 30, 31, 30, 31, 31, 30, 31, 30, 31};
+        m = 0;
+        while (r >= len[m] + (m == 1 && is_gregorian_leap(y))) r -= len[m] + (m == 1 && is_gregorian_leap(y)), ++m;
+        m += 1;
+        d = r + 1;
+    }
+    if (year) *year = y;
+    if (month) *month = m;
+    if (mday) *mday = d;
+}

@@ -178,6 +178,80 @@ void statsdb_note_day(qm_stats* s, uint32_t day, uint32_t words, uint32_t secs);
 uint32_t statsdb_fatdate_to_day(uint16_t fat_date);
 void qm_day_to_ymd(uint32_t day, unsigned* year, unsigned* month, unsigned* mday);
 
+/* ---- Statistics export and upload signing ------------------------------- */
+
+/* Writes the statistics as one compact JSON document. Returns the full length (without
+ * the NUL) whether or not it fitted; buf may be null and cap 0 to measure. A result of
+ * cap or more means the text was cut (and still NUL-terminated). -1 for a null handle. */
+int qm_export_json(const qm_drive* h, char* buf, int cap);
+
+/* HMAC-SHA-256 under the upload key over timestamp "." body, as 64 lower-case hex
+ * digits and a NUL. */
+int qm_sign_upload(const qm_drive* h, const char* timestamp, const uint8_t* body, int body_len, char out[65]);
+
+/* ---- Document version histories ----------------------------------------- */
+
+typedef struct {
+    int32_t id;
+    int32_t parent;
+    int32_t kind; /* 't' saved point, 'x' changed elsewhere, anything else automatic */
+    uint32_t length;
+    uint64_t hash; /* always 0 when read from a log */
+    char branch[32];
+    char file[64];
+    char when[24];
+    char tag[64];
+} qm_version_entry;
+
+typedef struct qm_history qm_history;
+
+/* Names read from a drive (document names, version file names) that contain "/" or a backslash,
+ * are empty, or are "." or "..", are refused: such a history does not open (-1) and such a
+ * version does not read or restore (-2). */
+qm_history* qm_history_open(const char* root, const char* doc, int32_t* err);
+void qm_history_close(qm_history* h);
+int32_t qm_history_count(const qm_history* h);
+int32_t qm_history_get(const qm_history* h, int32_t index, qm_version_entry* out);
+/* Copy at most cap - 1 bytes and a NUL; return the version's full length. */
+int32_t qm_version_read(const qm_history* h, int32_t id, uint8_t* buf, int32_t cap);
+int32_t qm_doc_read(const char* root, const char* doc, uint8_t* buf, int32_t cap);
+/* Restores version id as a new saved point; stamp is "yyyy-MM-dd HH:mm:ss". */
+int32_t qm_qmv_revert(qm_history* h, int32_t id, const char* stamp);
+/* Names of the documents with a history, each followed by a line feed; returns the count. */
+int32_t qm_qmv_docs(const char* root, char* out, int32_t cap);
+
+/* ---- Line diff ---------------------------------------------------------- */
+
+#define QM_DIFF_EQUAL 0
+#define QM_DIFF_CHANGED 1
+#define QM_DIFF_DELETED 2
+#define QM_DIFF_ADDED 3
+
+typedef struct {
+    int32_t op;
+    int32_t a_line; /* -1 for an added row */
+    int32_t b_line; /* -1 for a deleted row */
+} qm_diff_row;
+
+/* Rows pairing the lines of a and b; -1 bad argument, -2 too large or more than max_rows
+ * rows needed (nothing written then). Uses a static scratch area: one thread at a time. */
+int32_t qm_diff(const char* a, int32_t alen, const char* b, int32_t blen, qm_diff_row* rows, int32_t max_rows);
+int32_t diff_count_lines(const char* text, int32_t len);
+size_t diff_scratch_needed(int32_t n, int32_t m);
+int32_t diff_lines(const char* a, int32_t alen, const char* b, int32_t blen, qm_diff_row* rows, int32_t max_rows,
+                   void* scratch, size_t scratch_size);
+
+/* ---- Update message, signature and version order ------------------------ */
+
+/* "qm-update-v1\n" platform "\n" channel "\n" version "\n" sha256 "\n" size "\n" and a NUL.
+ * 0, -1 bad argument (or negative size), -8 buffer too small. */
+int qm_update_message(const char* platform, const char* channel, const char* version, const char* sha256,
+                      int64_t size, char* out, int cap);
+/* 1 when sig is a valid Ed25519 signature of the NUL-terminated message under pub. */
+int qm_update_verify(const char* message, const uint8_t sig[64], const uint8_t pub[32]);
+/* -1, 0 or 1 by the first three numeric components. */
+int qm_version_compare(const char* a, const char* b);
+
 #ifdef __cplusplus
 }
 #endif

@@ -1,0 +1,380 @@
+// Document version histories: the log reader, version and document reads, the restore
+// that adds a saved point, and the list of documents that have a history.
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "qm_core.h"
+
+struct qm_history {
+    qm_version_entry* entries;
+    int32_t count;
+    int32_t capacity;
+    char doc[256];
+    char root[768];
+};
+
+namespace {
+
+constexpr size_t kPathMax = 1024;
+constexpr long kFileLimit = QM_TEXT_LIMIT;
+constexpr int kMaxFields = 9;
+constexpr size_t kRefsKeep = 2048;
+constexpr size_t kRefsStop = 1919;
+
+// A name from a drive must stay inside its folder: no separators, no "." or "..".
+bool safe_name(const char* name) {
+    if (!name[0] || std::strcmp(name, ".") == 0 || std::strcmp(name, "..") == 0) return false;
+    return !std::strpbrk(name, "/\\");
+}
+
+size_t stripped_length(const char* root) {
+    size_t n = std::strlen(root);
+    while (n > 0 && (root[n - 1] == '/' || root[n - 1] == '\\')) --n;
+    return n;
+}
+
+// Paths that do not fit are refused rather than cut, so a long name never turns into another file.
+bool join2(char dst[kPathMax], const char* root, const char* name) {
+    int w = std::snprintf(dst, kPathMax, "%.*s/%s", int(stripped_length(root)), root, name);
+    return w >= 0 && size_t(w) < kPathMax;
+}
+
+bool join3(char dst[kPathMax], const char* root, const char* mid, const char* name) {
+    int w = std::snprintf(dst, kPathMax, "%.*s/%s/%s", int(stripped_length(root)), root, mid, name);
+    return w >= 0 && size_t(w) < kPathMax;
+}
+
+bool history_path(char dst[kPathMax], const char* root, const char* doc, const char* name) {
+    char mid[512];
+    int w = std::snprintf(mid, sizeof mid, ".qmv/%s", doc);
+    return w >= 0 && size_t(w) < sizeof mid && join3(dst, root, mid, name);
+}
+
+// Reads a regular file of at most 4 MiB into a fresh NUL-terminated buffer. Non-blocking
+// open, so a FIFO planted on a drive cannot hang the reader.
+uint8_t* read_whole(const char* path, long* len) {
+    int fd = open(path, O_RDONLY | O_NONBLOCK);
+    if (fd < 0) return nullptr;
+    struct stat st;
+    uint8_t* buf = nullptr;
+    if (fstat(fd, &st) == 0 && S_ISREG(st.st_mode) && st.st_size <= kFileLimit)
+        buf = static_cast<uint8_t*>(std::malloc(size_t(st.st_size) + 1));
+    long got = 0;
+    while (buf && got < st.st_size) {
+        ssize_t r = read(fd, buf + got, size_t(st.st_size - got));
+        if (r == 0) break;
+        if (r < 0) {
+            std::free(buf);
+            buf = nullptr;
+        } else {
+            got += r;
+        }
+    }
+    close(fd);
+    if (!buf) return nullptr;
+    buf[got] = 0;
+    *len = got;
+    return buf;
+}
+
+bool write_whole(const char* path, const void* data, size_t len) {
+    FILE* f = std::fopen(path, "wb");
+    if (!f) return false;
+    bool ok = std::fwrite(data, 1, len, f) == len;
+    ok = std::fflush(f) == 0 && ok;
+    ok = std::fclose(f) == 0 && ok;
+    return ok;
+}
+
+void copy_field(char* dst, size_t width, const char* src, size_t len) {
+    size_t n = len < width - 1 ? len : width - 1;
+    std::memcpy(dst, src, n);
+    dst[n] = 0;
+}
+
+int32_t to_int32(const char* s) {
+    long long v = std::strtoll(s, nullptr, 10);
+    return v > INT32_MAX ? INT32_MAX : v < INT32_MIN ? INT32_MIN : int32_t(v);
+}
+
+uint32_t to_uint32(const char* s) {
+    unsigned long long v = std::strtoull(s, nullptr, 10);
+    return v > UINT32_MAX ? UINT32_MAX : uint32_t(v);
+}
+
+struct Field {
+    const char* p;
+    size_t len;
+};
+
+// Up to nine tab-separated fields; the ninth ends at the next tab. Returns the count.
+int split_fields(const char* line, size_t len, Field out[kMaxFields]) {
+    int n = 0;
+    size_t start = 0;
+    for (size_t pos = 0; pos <= len && n < kMaxFields; ++pos) {
+        if (pos < len && line[pos] != '\t') continue;
+        out[n++] = Field{line + start, pos - start};
+        start = pos + 1;
+    }
+    return n;
+}
+
+// Fills an entry from one log line; false when the line is not a version line.
+bool parse_line(const char* line, size_t len, qm_version_entry* e) {
+    Field f[kMaxFields];
+    int n = split_fields(line, len, f);
+    if (n < 8 || f[0].len == 0 || f[0].p[0] < '0' || f[0].p[0] > '9') return false;
+    *e = qm_version_entry{};
+    char num[24];
+    copy_field(num, sizeof num, f[0].p, f[0].len);
+    e->id = to_int32(num);
+    copy_field(num, sizeof num, f[1].p, f[1].len);
+    e->parent = to_int32(num);
+    copy_field(e->branch, sizeof e->branch, f[2].p, f[2].len);
+    e->kind = f[3].len ? int32_t(int8_t(f[3].p[0])) : 0;
+    copy_field(num, sizeof num, f[5].p, f[5].len);
+    e->length = to_uint32(num);
+    copy_field(e->file, sizeof e->file, f[6].p, f[6].len);
+    copy_field(e->when, sizeof e->when, f[7].p, f[7].len);
+    if (n == 9) copy_field(e->tag, sizeof e->tag, f[8].p, f[8].len);
+    return true;  // the hash column is left 0: nothing on this side compares fingerprints
+}
+
+bool append_entry(qm_history* h, const qm_version_entry& e) {
+    if (h->count == h->capacity) {
+        int32_t cap = h->capacity * 2;
+        void* grown = std::realloc(h->entries, size_t(cap) * sizeof(qm_version_entry));
+        if (!grown) return false;
+        h->entries = static_cast<qm_version_entry*>(grown);
+        h->capacity = cap;
+    }
+    h->entries[h->count++] = e;
+    return true;
+}
+
+bool load_entries(qm_history* h, const char* text, long len) {
+    const char* end = text + len;
+    for (const char* line = text; line < end;) {
+        const char* nl = static_cast<const char*>(std::memchr(line, '\n', size_t(end - line)));
+        const char* stop = nl ? nl : end;
+        size_t n = size_t(stop - line);
+        if (n > 0 && line[n - 1] == '\r') --n;  // a log that went through a CRLF editor still reads
+        qm_version_entry e;
+        if (n > 0 && std::strncmp(line, "QMV", n < 3 ? n : 3) != 0 && parse_line(line, n, &e) && !append_entry(h, e))
+            return false;
+        line = stop + 1;
+    }
+    return true;
+}
+
+qm_history* fail_open(int32_t code, int32_t* err, qm_history* h) {
+    if (h) std::free(h->entries);
+    std::free(h);
+    if (err) *err = code;
+    return nullptr;
+}
+
+const qm_version_entry* find_version(const qm_history* h, int32_t id) {
+    for (int32_t i = 0; i < h->count; ++i)
+        if (h->entries[i].id == id) return &h->entries[i];
+    return nullptr;
+}
+
+// The entry with the largest id, the first of equals winning.
+const qm_version_entry* latest_version(const qm_history* h) {
+    const qm_version_entry* best = nullptr;
+    for (int32_t i = 0; i < h->count; ++i)
+        if (!best || h->entries[i].id > best->id) best = &h->entries[i];
+    return best;
+}
+
+// ".ext" from the last dot of the document name, at most 7 characters, else ".txt".
+void version_file_name(char out[64], int32_t number, const char* stamp, const char* doc) {
+    const char* dot = std::strrchr(doc, '.');
+    std::snprintf(out, 64, "%04d-%.13s%.7s", number, stamp, dot ? dot : ".txt");
+}
+
+bool stamp_is_clean(const char* stamp) { return !std::strpbrk(stamp, "\t\n\r/\\"); }
+
+bool append_log_line(const qm_history* h, int32_t number, const qm_version_entry* latest, uint64_t hash,
+                     size_t len, const char* file, const char* stamp, int32_t restored) {
+    char path[kPathMax];
+    if (!history_path(path, h->root, h->doc, "history.log")) return false;
+    FILE* f = std::fopen(path, "ab");
+    if (!f) return false;
+    const char* branch = latest && latest->branch[0] ? latest->branch : "main";
+    char tag[64];
+    std::snprintf(tag, sizeof tag, "reverted to version %d", restored);
+    int w = std::fprintf(f, "%d\t%d\t%s\t%c\t%016llx\t%lu\t%s\t%.23s\t%s\n", number, latest ? latest->id : 0, branch,
+                         't', static_cast<unsigned long long>(hash), static_cast<unsigned long>(len), file, stamp, tag);
+    bool ok = std::fclose(f) == 0 && w > 0;
+    return ok;
+}
+
+// Keeps the deck's own lines (not "base"), up to about 1.9 KiB, whole lines only.
+size_t kept_refs_lines(const char* old, long len, char out[kRefsKeep]) {
+    size_t kept = 0;
+    const char* end = old + len;
+    for (const char* line = old; line < end && kept <= kRefsStop;) {
+        const char* nl = static_cast<const char*>(std::memchr(line, '\n', size_t(end - line)));
+        const char* stop = nl ? nl : end;
+        size_t n = size_t(stop - line);
+        bool keep = n > 0 && !(n >= 5 && std::memcmp(line, "base\t", 5) == 0);
+        if (keep && kept + n + 1 > kRefsKeep) break;
+        if (keep) {
+            std::memcpy(out + kept, line, n);
+            out[kept + n] = '\n';
+            kept += n + 1;
+        }
+        line = stop + 1;
+    }
+    return kept;
+}
+
+bool rewrite_refs(const qm_history* h, uint64_t hash, size_t len) {
+    char path[kPathMax];
+    if (!history_path(path, h->root, h->doc, "refs")) return false;
+    char kept[kRefsKeep];
+    size_t n = 0;
+    long old_len = 0;
+    if (uint8_t* old = read_whole(path, &old_len)) {
+        n = kept_refs_lines(reinterpret_cast<const char*>(old), old_len, kept);
+        std::free(old);
+    }
+    FILE* f = std::fopen(path, "wb");
+    if (!f) return false;
+    bool ok = std::fwrite(kept, 1, n, f) == n;
+    ok = std::fprintf(f, "base\t%016llx\t%lu\n", static_cast<unsigned long long>(hash),
+                      static_cast<unsigned long>(len)) > 0 && ok;
+    ok = std::fclose(f) == 0 && ok;
+    return ok;
+}
+
+}  // namespace
+
+extern "C" qm_history* qm_history_open(const char* root, const char* doc, int32_t* err) {
+    if (!root || !doc || !safe_name(doc)) return fail_open(QM_EARG, err, nullptr);
+    if (std::strlen(doc) >= sizeof qm_history::doc || std::strlen(root) >= sizeof qm_history::root)
+        return fail_open(QM_EARG, err, nullptr);
+    char path[kPathMax];
+    long len = 0;
+    uint8_t* text = history_path(path, root, doc, "history.log") ? read_whole(path, &len) : nullptr;
+    if (!text) return fail_open(QM_ENOHISTORY, err, nullptr);
+
+    qm_history* h = static_cast<qm_history*>(std::calloc(1, sizeof(qm_history)));
+    if (h) h->entries = static_cast<qm_version_entry*>(std::malloc(32 * sizeof(qm_version_entry)));
+    if (!h || !h->entries) {
+        std::free(text);
+        return fail_open(QM_EIO, err, h);
+    }
+    h->capacity = 32;
+    std::strcpy(h->doc, doc);
+    std::strcpy(h->root, root);
+    bool loaded = load_entries(h, reinterpret_cast<const char*>(text), len);
+    std::free(text);
+    if (!loaded) return fail_open(QM_EIO, err, h);
+    if (err) *err = QM_OK;
+    return h;
+}
+
+extern "C" void qm_history_close(qm_history* h) {
+    if (!h) return;
+    std::free(h->entries);
+    std::free(h);
+}
+
+extern "C" int32_t qm_history_count(const qm_history* h) { return h ? h->count : 0; }
+
+extern "C" int32_t qm_history_get(const qm_history* h, int32_t index, qm_version_entry* out) {
+    if (!h || !out || index < 0 || index >= h->count) return QM_EARG;
+    *out = h->entries[index];
+    return QM_OK;
+}
+
+// Copies what fits of a whole file and returns its full length.
+static int32_t read_into(const char* path, uint8_t* buf, int32_t cap) {
+    long len = 0;
+    uint8_t* data = read_whole(path, &len);
+    if (!data) return QM_EIO;
+    size_t n = size_t(len) < size_t(cap - 1) ? size_t(len) : size_t(cap - 1);
+    std::memcpy(buf, data, n);
+    buf[n] = 0;
+    std::free(data);
+    return int32_t(len);
+}
+
+extern "C" int32_t qm_version_read(const qm_history* h, int32_t id, uint8_t* buf, int32_t cap) {
+    if (!h || !buf || cap < 1) return QM_EARG;
+    const qm_version_entry* e = find_version(h, id);
+    if (!e) return QM_EARG;
+    char path[kPathMax];
+    if (!safe_name(e->file) || !history_path(path, h->root, h->doc, e->file)) return QM_EIO;
+    return read_into(path, buf, cap);
+}
+
+extern "C" int32_t qm_doc_read(const char* root, const char* doc, uint8_t* buf, int32_t cap) {
+    if (!root || !doc || !buf || cap < 1 || !safe_name(doc)) return QM_EARG;
+    char path[kPathMax];
+    if (!join2(path, root, doc)) return QM_EIO;
+    return read_into(path, buf, cap);
+}
+
+extern "C" int32_t qm_qmv_revert(qm_history* h, int32_t id, const char* stamp) {
+    if (!h || !stamp || !stamp_is_clean(stamp)) return QM_EARG;
+    uint8_t* text = static_cast<uint8_t*>(std::malloc(size_t(QM_TEXT_LIMIT) + 1));
+    if (!text) return QM_EIO;
+    int32_t len = qm_version_read(h, id, text, QM_TEXT_LIMIT + 1);
+    const qm_version_entry* latest = latest_version(h);
+    int32_t rc = len < 0 ? len : latest->id == INT32_MAX ? QM_EIO : QM_OK;
+
+    char file[64], version_path[kPathMax], doc_path[kPathMax];
+    int32_t number = rc == QM_OK ? (latest->id < 0 ? 0 : latest->id) + 1 : 0;
+    if (rc == QM_OK) {
+        version_file_name(file, number, stamp, h->doc);
+        bool paths = history_path(version_path, h->root, h->doc, file) && join2(doc_path, h->root, h->doc);
+        if (!paths || !write_whole(version_path, text, size_t(len)) || !write_whole(doc_path, text, size_t(len)))
+            rc = QM_EIO;
+    }
+    if (rc == QM_OK) {
+        uint64_t hash = fnv1a64(text, size_t(len));
+        if (!append_log_line(h, number, latest, hash, size_t(len), file, stamp, id) ||
+            !rewrite_refs(h, hash, size_t(len)))
+            rc = QM_EIO;
+    }
+    std::free(text);
+    return rc;
+}
+
+extern "C" int32_t qm_qmv_docs(const char* root, char* out, int32_t cap) {
+    if (!root || !out || cap < 1) return QM_EARG;
+    out[0] = 0;
+    char dir_path[512];
+    int w = std::snprintf(dir_path, sizeof dir_path, "%.*s/.qmv", int(stripped_length(root)), root);
+    if (w < 0 || size_t(w) >= sizeof dir_path) return 0;
+    DIR* dir = opendir(dir_path);
+    if (!dir) return 0;
+    int32_t count = 0;
+    size_t used = 0;
+    while (struct dirent* d = readdir(dir)) {
+        if (d->d_name[0] == '.') continue;
+        char full[800];
+        struct stat st;
+        w = std::snprintf(full, sizeof full, "%s/%s", dir_path, d->d_name);
+        if (w < 0 || size_t(w) >= sizeof full || stat(full, &st) != 0 || !S_ISDIR(st.st_mode)) continue;
+        size_t n = std::strlen(d->d_name);
+        if (used + n + 1 >= size_t(cap)) break;  // a name that does not fit ends the list
+        std::memcpy(out + used, d->d_name, n);
+        out[used + n] = '\n';
+        used += n + 1;
+        out[used] = 0;
+        ++count;
+    }
+    closedir(dir);
+    return count;
+}

@@ -43,6 +43,7 @@ TEST(Diff, WorkedExamples) {
         {"p\nq", "r", {{1, 0, 0}, {2, 1, -1}}},
         {"line\r\n", "line\n", {{0, 0, 0}, {0, 1, 1}}},
         {"a\n", "a", {{0, 0, 0}, {2, 1, -1}}},
+        {"x\ny", "y\nx", {{2, 0, -1}, {0, 1, 0}, {3, -1, 1}}},  // a tie: the deletion comes first
         {"a\nb\nc\nd", "a\nX\nY\nZ\nd", {{0, 0, 0}, {1, 1, 1}, {1, 2, 2}, {3, -1, 3}, {0, 3, 4}}},
     };
     for (const Case& c : cases) EXPECT_EQ(diff(c.a, c.b), c.rows) << "A=" << c.a << " B=" << c.b;

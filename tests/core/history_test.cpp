@@ -336,3 +336,28 @@ TEST(DocList, DirectoriesOnlyInEnumerationOrderWithinTheBuffer) {
 }
 
 }  // namespace
+
+namespace {
+
+TEST(DeckPrint, ListsWhatTheCoreReads) {
+    TempDir dir;
+    deck::DocOptions o;
+    o.count = 1;
+    o.missing_version = o.hostile_name = true;
+    ASSERT_EQ(deck_drive(dir, o), "");
+    FILE* f = std::tmpfile();
+    deck::print_documents(dir.path(), f);
+    std::rewind(f);
+    std::string out;
+    for (int c; (c = std::fgetc(f)) != EOF;) out += char(c);
+    std::fclose(f);
+    EXPECT_NE(out.find("documents with a history: 4\n"), std::string::npos) << out;
+    EXPECT_NE(out.find("Lost page.txt: "), std::string::npos) << out;
+    EXPECT_NE(out.find("  version 2  "), std::string::npos) << out;
+    EXPECT_NE(out.find("does not read"), std::string::npos) << out;
+    EXPECT_NE(out.find("notes\\..\\..\\Evil.txt: history does not open (-1)"), std::string::npos) << out;
+    EXPECT_NE(out.find("t (saved point)"), std::string::npos) << out;
+    EXPECT_NE(out.find("x (changed elsewhere)"), std::string::npos) << out;
+}
+
+}  // namespace

@@ -50,16 +50,25 @@ bool join3(char dst[kPathMax], const char* root, const char* mid, const char* na
     return w >= 0 && size_t(w) < kPathMax;
 }
 
+// The history folder and .qmv above it must be real folders, not links leading elsewhere.
+bool history_folder_is_real(const char* root, const char* doc) {
+    char qmv[kPathMax], folder[kPathMax];
+    struct stat a, b;
+    return join2(qmv, root, ".qmv") && join3(folder, root, ".qmv", doc) && lstat(qmv, &a) == 0 && S_ISDIR(a.st_mode) &&
+           lstat(folder, &b) == 0 && S_ISDIR(b.st_mode);
+}
+
 bool history_path(char dst[kPathMax], const char* root, const char* doc, const char* name) {
     char mid[512];
     int w = std::snprintf(mid, sizeof mid, ".qmv/%s", doc);
     return w >= 0 && size_t(w) < sizeof mid && join3(dst, root, mid, name);
 }
 
-// Reads a regular file of at most 4 MiB into a fresh NUL-terminated buffer. Non-blocking
-// open, so a FIFO planted on a drive cannot hang the reader.
+// Reads a regular file of at most 4 MiB into a fresh NUL-terminated buffer. Symbolic links are
+// not followed (a drive could point one at the user's files) and the open does not block, so
+// a FIFO planted on a drive cannot hang the reader.
 uint8_t* read_whole(const char* path, long* len) {
-    int fd = open(path, O_RDONLY | O_NONBLOCK);
+    int fd = open(path, O_RDONLY | O_NONBLOCK | O_NOFOLLOW);
     if (fd < 0) return nullptr;
     struct stat st;
     uint8_t* buf = nullptr;
@@ -83,8 +92,17 @@ uint8_t* read_whole(const char* path, long* len) {
     return buf;
 }
 
+// Opens for writing without following a symbolic link at the end of the path.
+FILE* open_for_writing(const char* path, int mode_flags) {
+    int fd = open(path, O_WRONLY | O_CREAT | O_NOFOLLOW | mode_flags, 0644);
+    if (fd < 0) return nullptr;
+    FILE* f = fdopen(fd, "wb");
+    if (!f) close(fd);
+    return f;
+}
+
 bool write_whole(const char* path, const void* data, size_t len) {
-    FILE* f = std::fopen(path, "wb");
+    FILE* f = open_for_writing(path, O_TRUNC);
     if (!f) return false;
     bool ok = std::fwrite(data, 1, len, f) == len;
     ok = std::fflush(f) == 0 && ok;
@@ -206,7 +224,7 @@ bool append_log_line(const qm_history* h, int32_t number, const qm_version_entry
                      size_t len, const char* file, const char* stamp, int32_t restored) {
     char path[kPathMax];
     if (!history_path(path, h->root, h->doc, "history.log")) return false;
-    FILE* f = std::fopen(path, "ab");
+    FILE* f = open_for_writing(path, O_APPEND);
     if (!f) return false;
     const char* branch = latest && latest->branch[0] ? latest->branch : "main";
     char tag[64];
@@ -247,7 +265,7 @@ bool rewrite_refs(const qm_history* h, uint64_t hash, size_t len) {
         n = kept_refs_lines(reinterpret_cast<const char*>(old), old_len, kept);
         std::free(old);
     }
-    FILE* f = std::fopen(path, "wb");
+    FILE* f = open_for_writing(path, O_TRUNC);
     if (!f) return false;
     bool ok = std::fwrite(kept, 1, n, f) == n;
     ok = std::fprintf(f, "base\t%016llx\t%lu\n", static_cast<unsigned long long>(hash),
@@ -264,7 +282,8 @@ extern "C" qm_history* qm_history_open(const char* root, const char* doc, int32_
         return fail_open(QM_EARG, err, nullptr);
     char path[kPathMax];
     long len = 0;
-    uint8_t* text = history_path(path, root, doc, "history.log") ? read_whole(path, &len) : nullptr;
+    bool found = history_folder_is_real(root, doc) && history_path(path, root, doc, "history.log");
+    uint8_t* text = found ? read_whole(path, &len) : nullptr;
     if (!text) return fail_open(QM_ENOHISTORY, err, nullptr);
 
     qm_history* h = static_cast<qm_history*>(std::calloc(1, sizeof(qm_history)));
@@ -330,6 +349,7 @@ extern "C" int32_t qm_qmv_revert(qm_history* h, int32_t id, const char* stamp) {
     uint8_t* text = static_cast<uint8_t*>(std::malloc(size_t(QM_TEXT_LIMIT) + 1));
     if (!text) return QM_EIO;
     int32_t len = qm_version_read(h, id, text, QM_TEXT_LIMIT + 1);
+    if (len >= 0 && !history_folder_is_real(h->root, h->doc)) len = QM_EIO;  // swapped for a link since opening
     const qm_version_entry* latest = latest_version(h);
     int32_t rc = len < 0 ? len : latest->id == INT32_MAX ? QM_EIO : QM_OK;
 
@@ -366,7 +386,7 @@ extern "C" int32_t qm_qmv_docs(const char* root, char* out, int32_t cap) {
         char full[800];
         struct stat st;
         w = std::snprintf(full, sizeof full, "%s/%s", dir_path, d->d_name);
-        if (w < 0 || size_t(w) >= sizeof full || stat(full, &st) != 0 || !S_ISDIR(st.st_mode)) continue;
+        if (w < 0 || size_t(w) >= sizeof full || lstat(full, &st) != 0 || !S_ISDIR(st.st_mode)) continue;
         size_t n = std::strlen(d->d_name);
         if (used + n + 1 >= size_t(cap)) break;  // a name that does not fit ends the list
         std::memcpy(out + used, d->d_name, n);

@@ -318,6 +318,30 @@ TEST(Hostile, NamesFromTheDriveNeverLeaveTheHistoryFolder) {
     }
 }
 
+TEST(Hostile, LinksOnTheDriveAreNotFollowed) {
+    TempDir outside;
+    spit(outside / "secret", "the user's own file\n");
+    spit(outside / "history.log", "1\t0\tmain\tt\t0\t3\tsecret\t2025-03-01 09:00:00\n");
+    {
+        SevenVersions d;
+        fs::create_directory_symlink(outside.path(), d.dir / ".qmv/Linked.txt");
+        EXPECT_EQ(History(d.dir.path(), "Linked.txt").err, -9) << "a history folder that is a link";
+        EXPECT_EQ(docs_of(d.dir.path()).size(), 1u);
+
+        fs::remove(d.dir / ".qmv/Notes.txt/v2.txt");
+        fs::create_symlink(outside / "secret", d.dir / ".qmv/Notes.txt/v2.txt");
+        History hist(d.dir.path(), "Notes.txt");
+        EXPECT_EQ(read_version(hist, 2).first, -2) << "a version file that is a link";
+        EXPECT_EQ(qm_qmv_revert(hist.h, 2, "2025-03-03 14:05:09"), -2);
+
+        fs::remove(d.dir / "Notes.txt");
+        fs::create_symlink(outside / "secret", d.dir / "Notes.txt");
+        EXPECT_EQ(read_doc(d.dir.path(), "Notes.txt"), "rc -2");
+        EXPECT_EQ(qm_qmv_revert(hist.h, 1, "2025-03-03 14:05:09"), -2) << "a document that is a link is not written";
+    }
+    EXPECT_EQ(slurp(outside / "secret"), "the user's own file\n");
+}
+
 TEST(DocList, DirectoriesOnlyInEnumerationOrderWithinTheBuffer) {
     TempDir dir;
     char out[64];

@@ -248,9 +248,8 @@ Document hostile_document(Rng& rng) {
 std::string write_hostile_extras(const fs::path& root) {
     std::error_code ec;
     fs::path evil = root / ".qmv" / "notes\\..\\..\\Evil.txt";
-    fs::create_directories(root / ".qmv" / "Borrowed.txt" / "a", ec);
-    fs::create_directories(evil, ec);
-    if (ec) return "could not create the hostile folders: " + ec.message();
+    for (const fs::path& folder : {root / ".qmv" / "Borrowed.txt" / "a", evil})
+        if (fs::create_directories(folder, ec); ec) return "could not create " + folder.string() + ": " + ec.message();
     for (const auto& [path, text] : {std::pair{root / ".qmv" / "stats.db", "decoy outside the document folder\n"},
                                      std::pair{root / ".qmv" / "Borrowed.txt" / "a" / "b", "decoy in a subfolder\n"},
                                      std::pair{evil / "history.log",

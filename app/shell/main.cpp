@@ -1,0 +1,3 @@
+#include "entry.h"
+
+int main(int argc, char** argv) { return Entry::main(argc, argv); }

@@ -1,0 +1,35 @@
+// The Statistics tab: totals, the heat map and the list of writing days.
+#pragma once
+#include <QWidget>
+
+#include "heatmap_calendar.h"
+#include "stats_model.h"
+
+class QComboBox;
+class QLabel;
+class QListWidget;
+class QPushButton;
+class Heatmap;
+
+class StatsTab : public QWidget {
+    Q_OBJECT
+public:
+    explicit StatsTab(StatsModel* model, QWidget* parent = nullptr);
+    static QString duration(uint32_t secs) { return StatsText::duration(secs); }
+
+    // The figures as shown, by their labels ("Writing sessions", ...), for tests and screen readers.
+    QString total(const QString& label) const;
+
+private:
+    void refreshFromModel();
+    void fillTotals();
+    void fillDays();
+
+    StatsModel* model_;
+    QComboBox* picker_;
+    QPushButton* refresh_;
+    QLabel* status_;
+    QMap<QString, QLabel*> totals_;
+    Heatmap* heatmap_;
+    QListWidget* dayList_;
+};

@@ -5,9 +5,18 @@ BUILD := build/dev
 DECK := $(BUILD)/tools/qm-deck/qm-deck
 SAMPLE := build/sample-drive
 
+APP := $(BUILD)/app/shell/quillmate-flasher
+SHOTS := build/shots
+
+# Opens the window on a sample drive; without a display, renders the tabs to PNG files instead.
 run: build
-	$(DECK) make $(SAMPLE) --seed 7 --force
-	$(DECK) show $(SAMPLE)
+	$(DECK) make $(SAMPLE) --seed 7 --force --docs 4
+	@if [ -n "$$DISPLAY$$WAYLAND_DISPLAY" ]; then \
+	  $(APP) --drive $(SAMPLE); \
+	else \
+	  echo "No display: rendering the tabs off screen instead."; \
+	  $(APP) --shot $(SHOTS) --drive $(SAMPLE) && echo "Open the images in $(SHOTS)/"; \
+	fi
 
 test: build
 	ctest --preset dev -j2

@@ -1,0 +1,66 @@
+// The owning drive handle, error mapping and which mounted volumes count as drives.
+#include <gtest/gtest.h>
+
+#include <QDir>
+
+#include "deck_drive.h"
+#include "drive.h"
+#include "volumes.h"
+
+namespace {
+
+TEST(QmErrorMapping, CodesInsideTheTableMapAndOthersReadAsDriveFailures) {
+    EXPECT_EQ(qmErrorFromCode(-4), QmError::noStatistics);
+    EXPECT_EQ(qmErrorIndex(QmError::noHistory), 9);
+    EXPECT_FALSE(qmErrorFromCode(-12).has_value());
+    EXPECT_FALSE(qmErrorFromCode(1).has_value());
+    EXPECT_EQ(qmErrorOrIo(-12), QmError::io);
+    EXPECT_EQ(qmErrorMessage(QmError::unreadableStatistics), "the statistics database could not be read");
+}
+
+TEST(DriveHandle, OpensWithSummaryAndDaysOrFailsWithTheCoreCase) {
+    TempDir good, keyOnly, noKey;
+    QmError e = QmError::ok;
+    auto drive = Drive::open(deckDrive(good, deck::StatsState::Normal), &e);
+    ASSERT_TRUE(drive);
+    EXPECT_EQ(e, QmError::ok);
+    EXPECT_EQ(uint32_t(drive->days().size()), drive->summary().n_days);
+    for (int i = 1; i < drive->days().size(); ++i) EXPECT_LT(drive->days()[i - 1].day, drive->days()[i].day);
+    std::optional<QString> json = drive->exportJSON();
+    ASSERT_TRUE(json);
+    EXPECT_TRUE(json->startsWith("{\"format\":2,\"drive_id\":\"" + drive->driveIdHex() + "\""));
+    EXPECT_EQ(drive->uploadKeyHex().size(), 64);
+    std::optional<QString> sig = drive->signUpload("0", QByteArray());
+    ASSERT_TRUE(sig);
+    EXPECT_EQ(sig->size(), 64);
+    EXPECT_NE(*sig, *drive->signUpload("1", QByteArray()));
+
+    EXPECT_FALSE(Drive::open(deckDrive(keyOnly, deck::StatsState::KeyOnly), &e));
+    EXPECT_EQ(e, QmError::noStatistics);
+    EXPECT_FALSE(Drive::open(deckDrive(noKey, deck::StatsState::NoKey), &e));
+    EXPECT_EQ(e, QmError::notADrive);
+    EXPECT_EQ(Drive::provision(QString::fromStdString(keyOnly.path()), false), QmError::alreadyHasKey);
+}
+
+TEST(VolumeScan, KeepsDrivesAndUsedVolumesInOrderAndNamesThem) {
+    TempDir keyed, statsOnly, fonts, plain;
+    deckDrive(keyed, deck::StatsState::KeyOnly);
+    spit(statsOnly / "stats.db", "x");
+    QDir().mkpath(QString::fromStdString(fonts / "fonts"));
+    spit(fonts / "fonts.txt", "not a folder of fonts");
+    spit(plain / "notes.txt", "hello");
+    auto q = [](const TempDir& d) { return QString::fromStdString(d.path()); };
+    QList<QmVolume> found = Volumes::classify({{q(plain), "PLAIN"},
+                                               {q(statsOnly) + "/", ""},
+                                               {q(keyed), "DECK"},
+                                               {q(fonts), "FONTS"}});
+    ASSERT_EQ(found.size(), 3);
+    EXPECT_EQ(found[0].path, q(statsOnly) + "/");
+    EXPECT_EQ(found[0].name, QDir(q(statsOnly)).dirName());  // no name given: the last path component
+    EXPECT_FALSE(found[0].hasKey);
+    EXPECT_EQ(found[1], (QmVolume{q(keyed), "DECK", true}));
+    EXPECT_EQ(found[2].name, "FONTS");
+    EXPECT_FALSE(found[2].hasKey);
+}
+
+}  // namespace

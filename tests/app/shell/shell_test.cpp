@@ -1,0 +1,110 @@
+// The command-line dispatch, the main window's frame and tabs, and views following their models.
+#include <gtest/gtest.h>
+
+#include <QComboBox>
+#include <QListWidget>
+#include <QMessageBox>
+#include <QPushButton>
+#include <QSignalSpy>
+#include <QTabWidget>
+#include <QTest>
+
+#include "app_object.h"
+#include "deck_drive.h"
+#include "dispatch.h"
+#include "history_tab.h"
+#include "main_window.h"
+#include "stats_tab.h"
+
+namespace {
+
+Mode mode(const QStringList& rest) { return decideMode(QStringList{"/usr/bin/quillmate-flasher"} + rest); }
+
+TEST(Dispatch, FirstApplicableRowWins) {
+    EXPECT_EQ(mode({}), Mode::Window);
+    EXPECT_EQ(mode({"--backup-run", "/vol", "/dest", "--shot", "/tmp/x"}), Mode::Screenshot);
+    EXPECT_EQ(mode({"--backup-run", "/vol", "/dest"}), Mode::BackupRun);
+    EXPECT_EQ(mode({"--backup-run", "/vol"}), Mode::Window);  // one path: the switch is ignored
+    EXPECT_EQ(mode({"--backup-run", "/vol", "--backup-check"}), Mode::BackupRun);
+    EXPECT_EQ(mode({"--backup-run", "/vol", "--check-update"}), Mode::BackupRun);
+    EXPECT_EQ(mode({"--backup-check"}), Mode::Window);
+    EXPECT_EQ(mode({"--backup-check", "/folder"}), Mode::BackupCheck);
+    EXPECT_EQ(mode({"--whatever", "--fetch-update", "--else"}), Mode::UpdateCheck);
+    EXPECT_EQ(mode({"--shot=1"}), Mode::Window);  // whole strings only
+    EXPECT_EQ(valueAfter({"a", "--shot"}, "--shot"), std::nullopt);
+    EXPECT_EQ(valueAfter({"a", "--shot", "d", "--shot", "e"}, "--shot"), "d");
+}
+
+TEST(MainWindowFrame, TitleFixedTabFrameAndTabsInOrder) {
+    QuillmateFlasherApp app;
+    MainWindow w(&app);
+    w.show();
+    EXPECT_EQ(w.windowTitle(), "Quillmate");
+    EXPECT_EQ(w.tabs()->size(), QSize(580, 560));
+    QStringList labels;
+    for (int i = 0; i < w.tabs()->count(); ++i) labels << w.tabs()->tabText(i);
+    EXPECT_EQ(labels, (QStringList{"Statistics", "History"}));
+    EXPECT_EQ(w.tabs()->currentIndex(), 0);
+    EXPECT_EQ(w.minimumSize(), w.maximumSize());  // sized by its content, not resizable
+}
+
+TEST(StatsView, ShowsWhatTheModelHoldsAfterALoad) {
+    TempDir dir;
+    StatsModel model;
+    StatsTab tab(&model);
+    EXPECT_EQ(tab.total("Writing sessions"), "—");
+    EXPECT_EQ(tab.findChild<QListWidget*>()->item(0)->text(), "No writing days recorded yet.");
+    QSignalSpy loaded(&model, &StatsModel::loaded);
+    model.pin(QmVolume{deckDrive(dir, deck::StatsState::Normal), "SAMPLE", true});
+    ASSERT_TRUE(loaded.wait(5000));
+    EXPECT_EQ(tab.total("Writing sessions"), QLocale().toString(model.summary()->sessions));
+    EXPECT_EQ(tab.total("Characters typed"), QLocale().toString(model.summary()->chars));
+    EXPECT_EQ(tab.total("Writing time"), StatsTab::duration(model.summary()->write_secs));
+    auto* days = tab.findChild<QListWidget*>();
+    EXPECT_EQ(days->count(), model.days().size());
+    EXPECT_TRUE(days->item(0)->text().startsWith(StatsText::date(model.days().last().day)));
+    EXPECT_EQ(tab.findChild<QComboBox*>()->currentText(), "SAMPLE");
+}
+
+QPushButton* button(QWidget* w, const QString& text) {
+    for (QPushButton* b : w->findChildren<QPushButton*>())
+        if (b->text() == text) return b;
+    return nullptr;
+}
+
+TEST(HistoryView, ListsFollowTheModelAndTheConfirmationGatesTheRestore) {
+    TempDir dir;
+    HistoryModel model;
+    HistoryTab tab(&model);
+    tab.show();
+    EXPECT_FALSE(button(&tab, "Put this version back")->isEnabled());
+    model.pin(QmVolume{deckDrive(dir, deck::StatsState::Normal, 2), "SAMPLE", true});
+    QList<QListWidget*> lists = tab.findChildren<QListWidget*>();
+    QListWidget* docs = lists[0];
+    QListWidget* versions = lists[1];
+    EXPECT_EQ(docs->count(), 2);
+    EXPECT_EQ(versions->count(), model.versions.size());
+    EXPECT_EQ(versions->item(0)->text(), HistoryModel::versionLabel(model.versions.first()));
+    int before = int(model.versions.size());
+
+    versions->setCurrentRow(before - 1);  // the oldest version
+    EXPECT_EQ(model.selected, model.versions.last().id);
+    QTest::mouseClick(button(&tab, "Put this version back"), Qt::LeftButton);
+    ASSERT_TRUE(tab.confirmation());
+    EXPECT_EQ(tab.confirmation()->windowTitle(), "Restore a version");
+    tab.confirmation()->button(QMessageBox::Cancel)->click();
+    EXPECT_EQ(model.versions.size(), before);
+
+    QTest::mouseClick(button(&tab, "Put this version back"), Qt::LeftButton);
+    ASSERT_TRUE(tab.confirmation());
+    for (QAbstractButton* b : tab.confirmation()->buttons())
+        if (b->text() == "Put this version back") b->click();
+    EXPECT_EQ(model.versions.size(), before + 1);
+    EXPECT_EQ(versions->count(), before + 1);
+    EXPECT_EQ(model.status, QString("%1 versions.").arg(before + 1));
+
+    docs->setCurrentRow(1);
+    EXPECT_EQ(model.document, model.documents[1]);
+}
+
+}  // namespace

@@ -4,13 +4,12 @@
 #include <QElapsedTimer>
 #include <QTabWidget>
 #include <QTimer>
-#include <filesystem>
+#include <functional>
 
 #include "app_object.h"
 #include "bench_timer.h"
-#include "documents.h"
+#include "full_drive.h"
 #include "main_window.h"
-#include "statistics.h"
 
 namespace {
 
@@ -39,19 +38,12 @@ double longest_gap_ms(int ms, const std::function<void()>& start) {
 int main(int argc, char** argv) {
     qputenv("QT_QPA_PLATFORM", "offscreen");
     QApplication qt(argc, argv);
-    char tmpl[] = "/tmp/qm-bench-load-XXXXXX";
-    if (!mkdtemp(tmpl)) return 1;
-    std::string drive = std::string(tmpl) + "/drive";
-    deck::StatsOptions stats;
-    stats.days = 1100;
-    deck::DocOptions docs;
-    docs.count = 1000;
-    if (!deck::write_statistics(drive, stats, false).empty() || !deck::write_documents(drive, docs, 1).empty()) return 1;
+    FullDrive drive(1000);
 
     QuillmateFlasherApp app;
     MainWindow window(&app);
     window.show();
-    QString root = QString::fromStdString(drive);
+    QString root = QString::fromStdString(drive.root());
     double idle = longest_gap_ms(1500, [] {});
     double loading = longest_gap_ms(1500, [&] {
         app.pinDrive(root, "Quillmate");
@@ -60,6 +52,5 @@ int main(int argc, char** argv) {
     std::printf("loaded %lld documents, %zu days\n", static_cast<long long>(app.history.documents.size()),
                 size_t(app.stats.days().size()));
     report("longest main-thread stall while loading the drive", loading, "same window idle", idle, 50);
-    std::filesystem::remove_all(tmpl);
     return 0;
 }

@@ -4,13 +4,11 @@
 #include <QElapsedTimer>
 #include <QProcess>
 #include <algorithm>
-#include <filesystem>
 #include <cstdio>
 #include <vector>
 
 #include "bench_timer.h"
-#include "documents.h"
-#include "statistics.h"
+#include "full_drive.h"
 
 namespace {
 
@@ -39,24 +37,16 @@ double median_run_ms(int reps, const QString& program, const QStringList& args, 
 
 int main(int argc, char** argv) {
     QCoreApplication app(argc, argv);
-    char tmpl[] = "/tmp/qm-bench-start-XXXXXX";
-    if (!mkdtemp(tmpl)) return 1;
-    std::string drive = std::string(tmpl) + "/drive";
-    deck::StatsOptions stats;
-    stats.days = 1100;
-    deck::DocOptions docs;
-    docs.count = 8;
-    if (!deck::write_statistics(drive, stats, false).empty() || !deck::write_documents(drive, docs, 1).empty()) return 1;
+    FullDrive drive(8);
 
     QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
     env.insert("QT_QPA_PLATFORM", "offscreen");
     env.insert("QM_REPORT_WINDOW", "1");
-    QString d = QString::fromStdString(drive);
+    QString d = QString::fromStdString(drive.root());
     double baseline = median_run_ms(15, QM_BASELINE_PATH, {}, env);
     double window = median_run_ms(15, QM_APP_PATH, {"--drive", d}, env);
-    double shots = median_run_ms(9, QM_APP_PATH, {"--shot", QString(tmpl) + "/shots", "--drive", d}, env);
+    double shots = median_run_ms(9, QM_APP_PATH, {"--shot", QString::fromStdString(drive.scratch("shots")), "--drive", d}, env);
     report("cold start to first painted window (full drive)", window, "smallest Qt window", baseline, 500);
     report("screenshot mode, every tab that exists", shots, "smallest Qt window", baseline, 2000);
-    std::filesystem::remove_all(tmpl);
     return 0;
 }

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "qm_core.h"
+#include "sha256_paths.h"
 
 namespace {
 
@@ -19,14 +20,6 @@ Bytes random_bytes(std::mt19937_64& rng, size_t n) {
     for (auto& x : b) x = uint8_t(rng());
     return b;
 }
-
-class Sha256Paths : public ::testing::TestWithParam<int> {
-protected:
-    void SetUp() override {
-        if (sha256_select(GetParam()) != 0) GTEST_SKIP() << "no hardware SHA-256 on this machine";
-    }
-    void TearDown() override { sha256_select(QM_SHA256_AUTO); }
-};
 
 TEST_P(Sha256Paths, StreamingInRandomSplitsEqualsOneShotEqualsOpenSsl) {
     std::mt19937_64 rng(2024);
@@ -67,8 +60,7 @@ TEST_P(Sha256Paths, HmacWithKeysOfZeroTo200Bytes) {
     }
 }
 
-INSTANTIATE_TEST_SUITE_P(Core, Sha256Paths, ::testing::Values(QM_SHA256_PORTABLE, QM_SHA256_HARDWARE),
-                         [](const auto& info) { return info.param == QM_SHA256_PORTABLE ? "portable" : "hardware"; });
+QM_ON_EVERY_SHA256_PATH(Sha256Paths);
 
 TEST(Differential, Sha512) {
     std::mt19937_64 rng(512);

@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "qm_core.h"
+#include "sha256_paths.h"
 
 namespace {
 
@@ -41,14 +42,6 @@ std::string hmac_hex(const Bytes& key, const Bytes& data) {
     return hex(out, 32);
 }
 
-class Sha256Paths : public ::testing::TestWithParam<int> {
-protected:
-    void SetUp() override {
-        if (sha256_select(GetParam()) != 0) GTEST_SKIP() << "no hardware SHA-256 on this machine";
-    }
-    void TearDown() override { sha256_select(QM_SHA256_AUTO); }
-};
-
 TEST_P(Sha256Paths, Fips180Vectors) {
     EXPECT_EQ(sha256_hex(""), "e3b0c44298fc1c149afbf4c8996fb92427ae41e4649b934ca495991b7852b855");
     EXPECT_EQ(sha256_hex("abc"), "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad");
@@ -79,8 +72,7 @@ TEST_P(Sha256Paths, HmacRfc4231AllCases) {
               "9b09ffa71b942fcb27635fbcd5b0e944bfdc63644f0713938a7f51535c3a35e2");
 }
 
-INSTANTIATE_TEST_SUITE_P(Core, Sha256Paths, ::testing::Values(QM_SHA256_PORTABLE, QM_SHA256_HARDWARE),
-                         [](const auto& info) { return info.param == QM_SHA256_PORTABLE ? "portable" : "hardware"; });
+QM_ON_EVERY_SHA256_PATH(Sha256Paths);
 
 TEST(Hmac, FinalWipesTheStoredOuterKey) {
     hmac_sha256_ctx c;

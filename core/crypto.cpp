@@ -164,6 +164,7 @@ extern "C" void sha256_init(sha256_ctx* ctx) {
 }
 
 extern "C" void sha256_update(sha256_ctx* ctx, const void* data, size_t len) {
+    if (len == 0) return;
     const uint8_t* p = static_cast<const uint8_t*>(data);
     BlockFn blocks = active_blocks();
     size_t used = ctx->count & 63;
@@ -303,7 +304,7 @@ extern "C" void qm_sha512(const void* data, size_t len, uint8_t out[64]) {
     size_t n = len;
     for (; n >= 128; n -= 128, p += 128) sha512_block(s, p);
     uint8_t last[256] = {0};
-    std::memcpy(last, p, n);
+    if (n) std::memcpy(last, p, n);
     last[n] = 0x80;
     size_t total = n + 1 + 16 <= 128 ? 128 : 256;
     // Bit length as a 128-bit big-endian number; the high 64 bits hold len >> 61.

@@ -56,7 +56,7 @@ TEST(StatsView, ShowsWhatTheModelHoldsAfterALoad) {
     EXPECT_EQ(tab.findChild<QListWidget*>()->item(0)->text(), "No writing days recorded yet.");
     QSignalSpy loaded(&model, &StatsModel::loaded);
     model.pin(QmVolume{deckDrive(dir, deck::StatsState::Normal), "SAMPLE", true});
-    ASSERT_TRUE(loaded.wait(5000));
+    ASSERT_TRUE(loaded.wait(20000));
     EXPECT_EQ(tab.total("Writing sessions"), QLocale().toString(model.summary()->sessions));
     EXPECT_EQ(tab.total("Characters typed"), QLocale().toString(model.summary()->chars));
     EXPECT_EQ(tab.total("Writing time"), StatsTab::duration(model.summary()->write_secs));

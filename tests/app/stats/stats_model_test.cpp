@@ -19,7 +19,7 @@ const QString kUnreadable =
 void loadPinned(StatsModel& m, const QmVolume& v) {
     QSignalSpy loaded(&m, &StatsModel::loaded);
     m.pin(v);
-    if (loaded.isEmpty()) ASSERT_TRUE(loaded.wait(5000));
+    if (loaded.isEmpty()) ASSERT_TRUE(loaded.wait(20000));
 }
 
 TEST(StatsModelStatus, EachDriveStateSaysWhereTheFiguresCameFrom) {

@@ -18,8 +18,12 @@ run: build
 	  $(APP) --shot $(SHOTS) --drive $(SAMPLE) && echo "Open the images in $(SHOTS)/"; \
 	fi
 
+# Everything: the suite on the optimised build, again under ASan + UBSan, then the fuzz smoke runs.
 test: build
 	ctest --preset dev -j2
+	cmake --preset sanitizers >/dev/null
+	cmake --build --preset sanitizers
+	ctest --preset sanitizers -j2
 	cmake --preset fuzz >/dev/null
 	cmake --build --preset fuzz
 	ctest --preset fuzz

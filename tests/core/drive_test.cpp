@@ -1,10 +1,16 @@
 // Opening drives in every state the deck can leave them in, provisioning, and the handle's accessors.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstring>
 #include <filesystem>
+#include <numeric>
+#include <regex>
+#include <set>
+#include <sstream>
 #include <vector>
 
+#include "deck_run.h"
 #include "qm_core.h"
 #include "statistics.h"
 #include "temp_dir.h"
@@ -32,6 +38,44 @@ std::string make_drive(const TempDir& dir, deck::StatsState state, int days = 40
     o.state = state;
     EXPECT_EQ(deck::write_statistics(dir.path(), o, false), "");
     return dir.path();
+}
+
+qm_drive_key key_of(const TempDir& dir) {
+    std::string raw = slurp(dir / ".qm/drive.key");
+    qm_drive_key k{};
+    EXPECT_EQ(drivekey_unpack(reinterpret_cast<const uint8_t*>(raw.data()), unsigned(raw.size()), &k), 0);
+    return k;
+}
+
+struct Copy {
+    int rc = 1;
+    qm_stats stats{};
+    uint8_t id[16] = {}, tag[32] = {};
+    uint32_t seq = 0;
+};
+
+Copy decode_file(const std::string& path, const qm_drive_key& k) {
+    std::string raw = slurp(path);
+    Copy c;
+    c.rc = statsdb_decode(reinterpret_cast<const uint8_t*>(raw.data()), unsigned(raw.size()), k.enc_key, k.mac_key,
+                          &c.stats, c.id, &c.seq, c.tag);
+    return c;
+}
+
+std::vector<qm_day> days_of(const qm_drive* h) {
+    std::vector<qm_day> days(QM_RING_SLOTS);
+    int n = qm_days_get(h, days.data(), int(days.size()));
+    days.resize(size_t(std::max(n, 0)));
+    return days;
+}
+
+uint32_t longest_run(const std::vector<qm_day>& days) {
+    uint32_t best = 0, run = 0;
+    for (size_t i = 0; i < days.size(); ++i) {
+        run = i > 0 && days[i].day == days[i - 1].day + 1 ? run + 1 : 1;
+        best = std::max(best, run);
+    }
+    return best;
 }
 
 TEST(DriveOpen, EveryDeckStateGivesItsCodeAndCopyChoice) {
@@ -146,7 +190,9 @@ TEST(DriveHandle, DaysComeSortedAndCappedAndAccessorsCheckArguments) {
     int n = qm_days_get(d.h, days.data(), int(days.size()));
     EXPECT_EQ(uint32_t(n), d.summary().n_days);
     for (int i = 1; i < n; ++i) EXPECT_LT(days[i - 1].day, days[i].day);
+    std::fill(days.begin(), days.end(), qm_day{7, 7, 7});
     EXPECT_EQ(qm_days_get(d.h, days.data(), 0), 0);
+    EXPECT_EQ(days[0].day, 7u);  // nothing copied
     EXPECT_EQ(qm_days_get(d.h, days.data(), 5), 5);
     EXPECT_EQ(qm_days_get(d.h, days.data(), -1), QM_EARG);
     EXPECT_EQ(qm_days_get(nullptr, days.data(), 5), QM_EARG);
@@ -156,11 +202,14 @@ TEST(DriveHandle, DaysComeSortedAndCappedAndAccessorsCheckArguments) {
     ASSERT_EQ(qm_drive_id_hex(d.h, id), 0);
     ASSERT_EQ(qm_upload_key_hex(d.h, up), 0);
     std::string key = slurp(dir / ".qm/drive.key");
-    char expect[3];
-    std::snprintf(expect, sizeof expect, "%02x", uint8_t(key[8]));
-    EXPECT_EQ(std::string(id, 2), expect);
-    EXPECT_EQ(std::strlen(id), 32u);
-    EXPECT_EQ(std::strlen(up), 64u);
+    auto hex_of = [&](size_t from, size_t n) {
+        std::string h;
+        char b[3];
+        for (size_t i = from; i < from + n; ++i) std::snprintf(b, sizeof b, "%02x", uint8_t(key[i])), h += b;
+        return h;
+    };
+    EXPECT_EQ(id, hex_of(8, 16));
+    EXPECT_EQ(up, hex_of(88, 32));
     EXPECT_EQ(std::memcmp(qm_upload_key(d.h), key.data() + 88, 32), 0);
     EXPECT_EQ(qm_upload_key(nullptr), nullptr);
     EXPECT_EQ(qm_drive_id_hex(nullptr, id), QM_EARG);
@@ -222,6 +271,315 @@ TEST(Random, FillsAndRefusesNull) {
     EXPECT_EQ(qm_random_bytes(b, sizeof b), 0);
     EXPECT_NE(std::memcmp(a, b, sizeof a), 0);
     EXPECT_EQ(qm_random_bytes(nullptr, 4), -1);
+}
+
+TEST(DriveOpen, OversizedEmptyAndOverlongPathsAreRefusedNotCut) {
+    TempDir dir;
+    make_drive(dir, deck::StatsState::Normal);
+    std::string db = slurp(dir / "stats.db");
+
+    spit(dir / "stats.db", db + "x");  // one byte too long counts as unreadable; the backup serves
+    Opened longer(dir.path());
+    ASSERT_EQ(longer.err, QM_OK);
+    EXPECT_EQ(longer.summary().from_backup, 1u);
+    EXPECT_EQ(longer.summary().both_valid, 0u);
+
+    std::filesystem::remove(dir / "stats.bak");
+    EXPECT_EQ(Opened(dir.path()).err, QM_ENOSTATS);  // the only file there is refused as unreadable
+    spit(dir / "stats.db", "");
+    EXPECT_EQ(Opened(dir.path()).err, QM_EBADSTATS);  // present but empty
+
+    std::string deep = dir.path() + "/" + std::string(1100, 'd');
+    EXPECT_EQ(qm_provision(deep.c_str(), 0), QM_EIO);
+    EXPECT_EQ(qm_is_drive(deep.c_str()), 0);
+    EXPECT_EQ(Opened(deep).err, QM_ENOTDRIVE);
+    EXPECT_EQ(qm_is_drive(nullptr), 0);
+    EXPECT_EQ(sizeof(qm_summary), 31 * sizeof(uint32_t));
+}
+
+// The deck's history must look like a real one: counters that agree with the days, a chain of
+// images, late entries, streaks that differ from seed to seed.
+TEST(DeckHistory, CountersAgreeWithTheDaysAndImagesChain) {
+    std::set<std::pair<uint32_t, uint32_t>> streaks;
+    bool late_entry_seen = false;
+    for (uint64_t seed = 1; seed <= 6; ++seed) {
+        SCOPED_TRACE(seed);
+        TempDir dir;
+        deck::StatsOptions o;
+        o.seed = seed;
+        o.days = 200;
+        ASSERT_EQ(deck::write_statistics(dir.path(), o, false), "");
+        Opened d(dir.path());
+        ASSERT_TRUE(d.h);
+        qm_summary s = d.summary();
+        std::vector<qm_day> days = days_of(d.h);
+        ASSERT_EQ(days.size(), 200u);
+        EXPECT_EQ(s.days_written, 200u);
+        EXPECT_EQ(s.first_day, days.front().day);
+        EXPECT_EQ(s.last_day, days.back().day);
+        EXPECT_EQ(s.last_day, deck::default_last_day());
+        uint64_t words = 0, secs = 0;
+        uint32_t longest_day = 0;
+        for (const qm_day& day : days) {
+            words += day.words, secs += day.secs;
+            longest_day = std::max(longest_day, day.secs);
+            EXPECT_GT(day.words, 0u);
+            EXPECT_GT(day.secs, 0u);
+        }
+        EXPECT_EQ(s.words, words);
+        EXPECT_EQ(s.write_secs, secs);
+        EXPECT_LE(s.longest_secs, longest_day);
+        EXPECT_GE(s.longest_secs * 3, longest_day);  // at most three sessions a day
+        EXPECT_GE(s.sessions, 200u);
+        EXPECT_LE(s.sessions, 600u);
+        EXPECT_GE(s.saves, s.sessions);
+        EXPECT_GT(s.chars, s.words);
+        EXPECT_GT(s.sentences, 0u);
+        EXPECT_GT(s.newlines, 0u);
+        EXPECT_GE(s.created, 1u);
+        EXPECT_GE(s.streak_current, 1u);
+        EXPECT_GE(s.streak_best, s.streak_current);
+        EXPECT_LE(s.streak_best, longest_run(days));
+        streaks.insert({s.streak_current, s.streak_best});
+
+        qm_drive_key k = key_of(dir);
+        Copy db = decode_file(dir / "stats.db", k), bak = decode_file(dir / "stats.bak", k);
+        ASSERT_EQ(db.rc, 0);
+        ASSERT_EQ(bak.rc, 0);
+        EXPECT_EQ(db.seq, bak.seq + 1);
+        EXPECT_EQ(std::memcmp(db.stats.chain, bak.tag, 32), 0);  // the previous image's tag
+        EXPECT_EQ(std::memcmp(db.id, k.drive_id, 16), 0);
+        EXPECT_EQ(std::memcmp(bak.id, k.drive_id, 16), 0);
+        EXPECT_EQ(bak.stats.days_written, 199u);
+        for (uint32_t i = 1; i < db.stats.ring_used; ++i)  // slots are in order of noting
+            late_entry_seen |= db.stats.ring[i].day < db.stats.ring[i - 1].day;
+    }
+    EXPECT_TRUE(late_entry_seen);
+    EXPECT_GT(streaks.size(), 1u);
+}
+
+TEST(DeckHistory, FullRingKeepsTheNewest1024Days) {
+    TempDir dir;
+    deck::StatsOptions o;
+    o.days = 1100;
+    ASSERT_EQ(deck::write_statistics(dir.path(), o, false), "");
+    Opened d(dir.path());
+    ASSERT_TRUE(d.h);
+    qm_summary s = d.summary();
+    std::vector<qm_day> days = days_of(d.h);
+    EXPECT_EQ(s.days_written, 1100u);
+    EXPECT_EQ(s.n_days, 1024u);
+    ASSERT_EQ(days.size(), 1024u);
+    EXPECT_EQ(days.back().day, s.last_day);
+    EXPECT_GT(days.front().day, s.first_day);  // the oldest days fell out of the ring
+}
+
+TEST(DeckHistory, NeverWrittenDriveStillHasTwoValidCopies) {
+    TempDir dir;
+    deck::StatsOptions o;
+    o.days = 0;
+    o.state = deck::StatsState::NewerBak;
+    ASSERT_EQ(deck::write_statistics(dir.path(), o, false), "");
+    Opened d(dir.path());
+    ASSERT_TRUE(d.h);
+    qm_summary s = d.summary();
+    EXPECT_EQ(s.from_backup, 1u);
+    EXPECT_EQ(s.both_valid, 1u);
+    EXPECT_EQ(s.n_days, 0u);
+    EXPECT_EQ(s.first_day, 0u);
+    EXPECT_EQ(s.streak_best, 0u);
+}
+
+// ---- The qm-deck command ----------------------------------------------------------------
+
+std::vector<std::string> lines_of(const std::string& text) {
+    std::vector<std::string> lines;
+    std::istringstream in(text);
+    for (std::string line; std::getline(in, line);) lines.push_back(line);
+    return lines;
+}
+
+bool has_line(const std::string& text, const std::string& line) {
+    auto lines = lines_of(text);
+    return std::find(lines.begin(), lines.end(), line) != lines.end();
+}
+
+TEST(DeckCommand, ShowPrintsWhatTheCoreReads) {
+    TempDir dir;
+    std::string drive = dir / "drive";
+    DeckRun made = run_deck({"make", drive, "--seed", "7", "--docs", "0"});
+    ASSERT_EQ(made.status, 0) << made.err;
+    EXPECT_EQ(made.err, "");
+    DeckRun shown = run_deck({"show", drive + "/"});
+    ASSERT_EQ(shown.status, 0) << shown.err;
+
+    Opened d(drive);
+    ASSERT_TRUE(d.h);
+    qm_summary s = d.summary();
+    char id[33];
+    qm_drive_id_hex(d.h, id);
+    EXPECT_TRUE(has_line(shown.out, "open: 0 (OK)")) << shown.out;
+    EXPECT_TRUE(has_line(shown.out, "copy: stats.db, seq " + std::to_string(s.seq) + " (both copies valid)"));
+    EXPECT_TRUE(has_line(shown.out, std::string("drive id: ") + id));
+    EXPECT_NE(shown.out.find("words " + std::to_string(s.words) + " (" + std::to_string(s.pages) + " pages)"),
+              std::string::npos);
+    EXPECT_TRUE(has_line(shown.out, "days: " + std::to_string(s.n_days)));
+    EXPECT_TRUE(has_line(shown.out, "documents with a history: 0"));
+
+    // One line per day, in order, each agreeing with the core's record of that day.
+    std::vector<qm_day> days = days_of(d.h);
+    std::regex day_line(R"(\s+(\d{4})-(\d{2})-(\d{2})\s+(\d+) words\s+(\d+) s)");
+    size_t k = 0;
+    for (const std::string& line : lines_of(shown.out)) {
+        std::smatch m;
+        if (!std::regex_match(line, m, day_line)) continue;
+        ASSERT_LT(k, days.size());
+        unsigned y, mo, dd;
+        qm_day_to_ymd(days[k].day, &y, &mo, &dd);
+        EXPECT_EQ(std::stoul(m[1]), y);
+        EXPECT_EQ(std::stoul(m[2]), mo);
+        EXPECT_EQ(std::stoul(m[3]), dd);
+        EXPECT_EQ(std::stoul(m[4]), days[k].words);
+        EXPECT_EQ(std::stoul(m[5]), days[k].secs);
+        ++k;
+    }
+    EXPECT_EQ(k, days.size());
+}
+
+TEST(DeckCommand, EveryStateOptionShowsItsCodeMessageAndCopy) {
+    struct Case {
+        const char* option;
+        int status;
+        const char* open_line;
+        const char* also;  // a line that must follow, or null
+    } cases[] = {
+        {"--only-bak", 0, "open: 0 (OK)", "(recovered from the backup copy)"},
+        {"--torn-db", 0, "open: 0 (OK)", "(recovered from the backup copy)"},
+        {"--newer-bak", 0, "open: 0 (OK)", "(both copies valid, the backup newer)"},
+        {"--full-ring", 0, "open: 0 (OK)", "days: 1024"},
+        {"--both-damaged", 1, "open: -5 (the statistics database could not be read)", nullptr},
+        {"--foreign-key", 1, "open: -5 (the statistics database could not be read)", nullptr},
+        {"--key-only", 1, "open: -4 (no statistics have been written yet)", nullptr},
+        {"--no-key", 1, "open: -3 (not a Quillmate drive)", nullptr},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.option);
+        TempDir dir;
+        DeckRun made = run_deck({"make", dir.path(), c.option, "--docs", "0"});
+        ASSERT_EQ(made.status, 0) << made.err;
+        DeckRun shown = run_deck({"show", dir.path()});
+        EXPECT_EQ(shown.status, c.status);
+        EXPECT_EQ(lines_of(shown.out).at(0), c.open_line);
+        if (c.also) {
+            EXPECT_NE(shown.out.find(c.also), std::string::npos) << shown.out;
+        }
+        if (c.status) {
+            EXPECT_EQ(shown.out.find("copy:"), std::string::npos);  // nothing was opened to describe
+        }
+    }
+    TempDir torn;
+    ASSERT_EQ(run_deck({"make", torn.path(), "--torn-db", "--docs", "0"}).status, 0);
+    EXPECT_LT(std::filesystem::file_size(torn / "stats.db"), uint64_t(QM_STATS_FILE_SIZE));
+    EXPECT_EQ(run_deck({"show", torn / "no such drive"}).status, 1);
+}
+
+TEST(DeckCommand, AnExistingDriveIsReplacedOnlyWithForce) {
+    TempDir dir;
+    ASSERT_EQ(run_deck({"make", dir.path(), "--docs", "0"}).status, 0);
+    std::string key = slurp(dir / ".qm/drive.key"), db = slurp(dir / "stats.db");
+
+    DeckRun again = run_deck({"make", dir.path(), "--docs", "0"});
+    EXPECT_EQ(again.status, 1);
+    EXPECT_NE(again.err.find("--force"), std::string::npos) << again.err;
+    EXPECT_EQ(slurp(dir / ".qm/drive.key"), key);
+    EXPECT_EQ(slurp(dir / "stats.db"), db);
+
+    ASSERT_EQ(run_deck({"make", dir.path(), "--force", "--docs", "0", "--seed", "4"}).status, 0);
+    EXPECT_NE(slurp(dir / ".qm/drive.key"), key);
+    EXPECT_EQ(Opened(dir.path()).err, QM_OK);  // the statistics were written again under the new key
+
+    TempDir keyless;  // statistics without a key are a drive too
+    ASSERT_EQ(run_deck({"make", keyless.path(), "--no-key", "--docs", "0"}).status, 0);
+    std::string bak = slurp(keyless / "stats.bak");
+    EXPECT_EQ(run_deck({"make", keyless.path(), "--docs", "0"}).status, 1);
+    EXPECT_EQ(slurp(keyless / "stats.bak"), bak);
+    EXPECT_FALSE(std::filesystem::exists(keyless / ".qm/drive.key"));
+}
+
+TEST(DeckCommand, OneSeedOneHistory) {
+    auto shown_without_keys = [](const std::string& seed) {
+        TempDir dir;
+        EXPECT_EQ(run_deck({"make", dir.path(), "--seed", seed, "--days", "90"}).status, 0);
+        std::string kept;
+        for (const std::string& line : lines_of(run_deck({"show", dir.path()}).out))
+            if (line.rfind("drive id:", 0) != 0 && line.rfind("chain tag:", 0) != 0) kept += line + "\n";
+        return kept;
+    };
+    std::string a = shown_without_keys("11");
+    EXPECT_NE(a.find("days: 90"), std::string::npos) << a;
+    EXPECT_EQ(a, shown_without_keys("11"));
+    EXPECT_NE(a, shown_without_keys("12"));
+}
+
+TEST(DeckCommand, DocumentsAreWrittenUnlessDocsIsZero) {
+    TempDir plain, none, extra, blocked;
+    ASSERT_EQ(run_deck({"make", plain.path()}).status, 0);
+    EXPECT_TRUE(has_line(run_deck({"show", plain.path()}).out, "documents with a history: 3"));
+
+    ASSERT_EQ(run_deck({"make", none.path(), "--docs", "0"}).status, 0);
+    EXPECT_FALSE(std::filesystem::exists(none / ".qmv"));
+
+    ASSERT_EQ(run_deck({"make", extra.path(), "--docs", "1", "--crlf", "--missing-version"}).status, 0);
+    EXPECT_TRUE(has_line(run_deck({"show", extra.path()}).out, "documents with a history: 3"));
+
+    spit(blocked / ".qmv", "a file where the history folder belongs");
+    DeckRun failed = run_deck({"make", blocked.path(), "--docs", "2"});
+    EXPECT_EQ(failed.status, 1);
+    EXPECT_NE(failed.err.find("could not"), std::string::npos) << failed.err;
+}
+
+TEST(DeckCommand, BadCommandLinesExitWithTwoAndSayWhy) {
+    TempDir dir;
+    std::string d = dir / "drive", e = dir / "other";
+    struct Case {
+        std::vector<std::string> args;
+        const char* says;
+    } cases[] = {
+        {{}, "say make"},
+        {{"frobnicate"}, "unknown command frobnicate"},
+        {{"make"}, "make needs a drive folder"},
+        {{"make", d, e}, "only one drive folder"},
+        {{"make", d, "--torn-db", "--only-bak"}, "at most one statistics state"},
+        {{"make", d, "--full-ring", "--newer-bak"}, "at most one statistics state"},
+        {{"make", d, "--full-ring", "--days", "5"}, "leave out --days"},
+        {{"make", d, "--seed"}, "--seed needs a whole number"},
+        {{"make", d, "--days", "many"}, "--days needs a whole number"},
+        {{"make", d, "--days", "-3"}, "--days needs a whole number"},
+        {{"make", d, "--docs", "2x"}, "--docs needs a whole number"},
+        {{"make", d, "--docs", "0", "--hostile-name"}, "--docs 0"},
+        {{"make", d, "--wat"}, "unknown option --wat"},
+        {{"show"}, "exactly one drive folder"},
+        {{"show", d, e}, "exactly one drive folder"},
+    };
+    for (const Case& c : cases) {
+        DeckRun r = run_deck(c.args);
+        SCOPED_TRACE(r.err);
+        EXPECT_EQ(r.status, 2);
+        EXPECT_NE(r.err.find(c.says), std::string::npos);
+        EXPECT_NE(r.err.find("--help"), std::string::npos);
+        EXPECT_EQ(r.out, "");
+    }
+    EXPECT_FALSE(std::filesystem::exists(d));
+}
+
+TEST(DeckCommand, HelpNamesEveryOption) {
+    DeckRun r = run_deck({"--help"});
+    EXPECT_EQ(r.status, 0);
+    for (const char* option : {"make DIR", "show DIR", "--seed N", "--days N", "--force", "--only-bak", "--torn-db",
+                               "--both-damaged", "--key-only", "--no-key", "--foreign-key", "--full-ring",
+                               "--newer-bak", "--docs N", "--crlf", "--log-fields", "--missing-version",
+                               "--big-version", "--long-doc", "--hostile-name"})
+        EXPECT_NE(r.out.find(option), std::string::npos) << option;
 }
 
 }  // namespace

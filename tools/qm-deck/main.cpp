@@ -15,26 +15,35 @@ namespace {
 const char kUsage[] =
     "usage: qm-deck make DIR [options]   write a drive as the deck does\n"
     "       qm-deck show DIR             print what the core reads from a drive\n"
+    "       qm-deck --help               this text\n"
     "\n"
     "make options:\n"
-    "  --seed N           seed of the writing history (default 1); one seed, one drive\n"
-    "  --days N           distinct writing days (default 240)\n"
-    "  --force            replace an existing drive key and statistics\n"
-    "  --docs N           documents with a version history (default 3; 0 for none)\n"
-    "statistics states (at most one):\n"
+    "  --seed N           seed of the writing history (default 1); one seed, one history\n"
+    "  --days N           distinct writing days (default 240; 0 for a drive never written on)\n"
+    "  --force            replace the drive key and statistics already in DIR\n"
+    "statistics state (at most one; by default both copies are valid, stats.db the newer):\n"
     "  --only-bak         stats.db absent, stats.bak valid\n"
     "  --torn-db          stats.db cut short by an interrupted write, stats.bak valid\n"
     "  --both-damaged     neither copy authenticates\n"
     "  --key-only         a drive key and no statistics\n"
     "  --no-key           statistics but no drive key\n"
     "  --foreign-key      statistics written under another drive's key\n"
+    "  --full-ring        1,100 writing days, more than the ring of 1,024 holds (not with --days)\n"
     "  --newer-bak        both copies valid, the backup copy newer\n"
-    "  --full-ring        1,100 writing days, more than the ring of 1,024 holds\n"
-    "awkward documents:\n"
-    "  --crlf --log-fields --missing-version --big-version --long-doc --hostile-name\n";
+    "documents:\n"
+    "  --docs N           documents with a version history (default 3; 0 writes none)\n"
+    "  --crlf             one more document saved with CRLF line ends\n"
+    "  --log-fields       one more document whose log has lines of 7, 8, 9 and 10 fields\n"
+    "  --missing-version  one more document with a version file missing\n"
+    "  --big-version      one more document with a version file over 4 MiB\n"
+    "  --long-doc         one more document of more than 1,020 lines\n"
+    "  --hostile-name     names that try to leave the history folder\n"
+    "\n"
+    "show exits with 0 when the drive opened, 1 when the core refused it;\n"
+    "both commands exit with 2 on a bad command line.\n";
 
 int usage_error(const std::string& message) {
-    std::fprintf(stderr, "qm-deck: %s\n\n%s", message.c_str(), kUsage);
+    std::fprintf(stderr, "qm-deck: %s\n(qm-deck --help lists the commands and options)\n", message.c_str());
     return 2;
 }
 
@@ -53,40 +62,46 @@ struct MakeOptions {
     deck::DocOptions docs;
 };
 
+bool any_awkward_document(const deck::DocOptions& d) {
+    return d.crlf || d.log_fields || d.missing_version || d.big_version || d.long_doc || d.hostile_name;
+}
+
 // Returns an empty string or what is wrong with the command line.
 std::string parse_make(const std::vector<std::string>& args, MakeOptions* o) {
     static const std::map<std::string, deck::StatsState> states = {
-        {"--only-bak", deck::StatsState::OnlyBak},       {"--torn-db", deck::StatsState::TornDb},
+        {"--only-bak", deck::StatsState::OnlyBak},         {"--torn-db", deck::StatsState::TornDb},
         {"--both-damaged", deck::StatsState::BothDamaged}, {"--key-only", deck::StatsState::KeyOnly},
-        {"--no-key", deck::StatsState::NoKey},           {"--foreign-key", deck::StatsState::ForeignKey},
-        {"--newer-bak", deck::StatsState::NewerBak}};
+        {"--no-key", deck::StatsState::NoKey},             {"--foreign-key", deck::StatsState::ForeignKey},
+        {"--newer-bak", deck::StatsState::NewerBak},       {"--full-ring", deck::StatsState::Normal}};
     const std::map<std::string, bool*> doc_flags = {
         {"--crlf", &o->docs.crlf},           {"--log-fields", &o->docs.log_fields},
         {"--missing-version", &o->docs.missing_version}, {"--big-version", &o->docs.big_version},
         {"--long-doc", &o->docs.long_doc},   {"--hostile-name", &o->docs.hostile_name}};
-    bool state_seen = false;
+    std::string state_seen;
+    bool days_given = false;
     for (size_t i = 0; i < args.size(); ++i) {
         const std::string& a = args[i];
         long n = 0;
-        bool has_value = i + 1 < args.size();
         if (a == "--force") {
             o->force = true;
-        } else if (a == "--full-ring") {
-            o->stats.days = 1100;
         } else if (states.count(a)) {
-            if (state_seen) return "choose at most one statistics state";
-            state_seen = true;
+            if (!state_seen.empty()) return "choose at most one statistics state (got " + state_seen + " and " + a + ")";
+            state_seen = a;
             o->stats.state = states.at(a);
         } else if (doc_flags.count(a)) {
             *doc_flags.at(a) = true;
         } else if (a == "--seed" || a == "--days" || a == "--docs") {
-            if (!has_value || !parse_count(args[i + 1].c_str(), a == "--seed" ? 2147483647L : 100000L, &n))
-                return a + " needs a whole number";
+            long max = a == "--seed" ? 2147483647L : a == "--days" ? 100000L : 1000L;
+            if (i + 1 >= args.size() || !parse_count(args[i + 1].c_str(), max, &n))
+                return a + " needs a whole number from 0 to " + std::to_string(max);
             ++i;
             if (a == "--seed") o->stats.seed = uint64_t(n);
-            if (a == "--days") o->stats.days = int(n);
+            if (a == "--days") {
+                o->stats.days = int(n);
+                days_given = true;
+            }
             if (a == "--docs") o->docs.count = int(n);
-        } else if (a.rfind("--", 0) == 0) {
+        } else if (a.rfind("-", 0) == 0) {
             return "unknown option " + a;
         } else if (o->dir.empty()) {
             o->dir = a;
@@ -94,6 +109,12 @@ std::string parse_make(const std::vector<std::string>& args, MakeOptions* o) {
             return "only one drive folder, please (got " + o->dir + " and " + a + ")";
         }
     }
+    if (state_seen == "--full-ring") {
+        if (days_given) return "--full-ring sets the number of days itself; leave out --days";
+        o->stats.days = 1100;
+    }
+    if (o->docs.count == 0 && any_awkward_document(o->docs))
+        return "--docs 0 writes no documents, so it cannot go with the document options";
     return o->dir.empty() ? "make needs a drive folder" : "";
 }
 
@@ -102,8 +123,7 @@ int make_drive(const MakeOptions& o) {
         std::fprintf(stderr, "qm-deck: %s\n", err.c_str());
         return 1;
     }
-    if (o.docs.count > 0 || o.docs.crlf || o.docs.log_fields || o.docs.missing_version || o.docs.big_version ||
-        o.docs.long_doc || o.docs.hostile_name) {
+    if (o.docs.count > 0) {
         if (std::string err = deck::write_documents(o.dir, o.docs, o.stats.seed); !err.empty()) {
             std::fprintf(stderr, "qm-deck: %s\n", err.c_str());
             return 1;
@@ -129,12 +149,23 @@ std::string hex(const uint8_t* p, size_t n) {
     return s;
 }
 
+std::string hours(uint32_t secs) {
+    char buf[32];
+    std::snprintf(buf, sizeof buf, "%u h %02u min", secs / 3600, secs / 60 % 60);
+    return buf;
+}
+
+const char* copy_note(const qm_summary& s) {
+    if (s.from_backup) return s.both_valid ? "both copies valid, the backup newer" : "recovered from the backup copy";
+    return s.both_valid ? "both copies valid" : "stats.bak missing or not valid";
+}
+
 void print_summary(const qm_summary& s) {
-    std::printf("copy: %s%s, seq %u\n", s.from_backup ? "stats.bak (recovered from the backup copy)" : "stats.db",
-                s.both_valid ? ", both copies valid" : ", only one copy valid", s.seq);
+    std::printf("copy: %s, seq %u (%s)\n", s.from_backup ? "stats.bak" : "stats.db", s.seq, copy_note(s));
     std::printf("drive id: %s\n", hex(s.drive_id, 16).c_str());
     std::printf("chain tag: %s\n", hex(s.chain_tag, 32).c_str());
-    std::printf("sessions %u, writing %u s, longest %u s\n", s.sessions, s.write_secs, s.longest_secs);
+    std::printf("sessions %u, writing %u s (%s), longest %u s (%s)\n", s.sessions, s.write_secs,
+                hours(s.write_secs).c_str(), s.longest_secs, hours(s.longest_secs).c_str());
     std::printf("words %u (%u pages), characters %u, sentences %u, line breaks %u\n", s.words, s.pages, s.chars,
                 s.sentences, s.newlines);
     std::printf("saves %u, documents created %u\n", s.saves, s.created);
@@ -165,7 +196,7 @@ int show_drive(const std::string& dir) {
 
 int main(int argc, char** argv) {
     std::vector<std::string> args(argv + 1, argv + argc);
-    if (args.empty()) return usage_error("say make or show");
+    if (args.empty()) return usage_error("say make, show or --help");
     if (args[0] == "--help" || args[0] == "-h") {
         std::fputs(kUsage, stdout);
         return 0;

@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
+#include <numeric>
 #include <random>
 #include <vector>
 
@@ -35,6 +36,14 @@ std::string read_key(const std::string& dir, qm_drive_key* key) {
     return "";
 }
 
+// The first file of an existing drive found in dir, or an empty string.
+std::string existing_drive_file(const std::string& dir) {
+    std::error_code ec;
+    for (const char* name : {".qm/drive.key", "stats.db", "stats.bak"})
+        if (fs::exists(fs::path(dir) / name, ec)) return name;
+    return "";
+}
+
 std::string provision(const std::string& dir, bool force, qm_drive_key* key) {
     int rc = qm_provision(dir.c_str(), force ? 1 : 0);
     if (rc == QM_EHASKEY) return dir + " already holds a drive key; pass --force to replace it";
@@ -56,7 +65,7 @@ std::vector<Day> writing_days(std::mt19937_64& rng, int count, uint32_t last_day
         d.words = std::clamp(uint32_t(words(rng)), 20u, 9000u);
         d.sessions = uint32_t(sessions(rng));
         d.secs = d.words * (90 + uint32_t(rng() % 120)) / 60;
-        d.longest = d.secs / d.sessions + uint32_t(rng() % 300);
+        d.longest = std::min(d.secs, d.secs / d.sessions + uint32_t(rng() % 300));
         days.push_back(d);
         uint32_t step = 1 + uint32_t(gap(rng) / 2 + (rng() % 10 == 0 ? gap(rng) * 3 : 0));
         day = day > step ? day - step : 1;
@@ -74,8 +83,21 @@ void count_day(qm_stats* s, const Day& d, std::mt19937_64& rng) {
     s->sentences += d.words / 14 + 1;
     s->newlines += d.words / 45 + d.sessions;
     s->saves += d.sessions * (2 + uint32_t(rng() % 4));
-    if (rng() % 9 == 0) s->created += 1;
+    if (s->days_written == 0 || rng() % 9 == 0) s->created += 1;
     statsdb_note_day(s, d.day, d.words, d.secs);
+}
+
+// Now and then the deck learns of a day only after a later one (it was typed up from paper, or
+// the clock was off), so that day arrives as a late entry and leaves the streaks alone.
+std::vector<size_t> noting_order(std::mt19937_64& rng, size_t n) {
+    std::vector<size_t> order(n);
+    std::iota(order.begin(), order.end(), size_t(0));
+    for (size_t i = 0; i + 2 < n; ++i)  // the newest day is always noted last
+        if (rng() % 25 == 0) {
+            std::swap(order[i], order[i + 1]);
+            ++i;
+        }
+    return order;
 }
 
 // Each save is a new image: a higher seq, and the previous image's tag in the chain field so the
@@ -117,7 +139,10 @@ std::string write_statistics(const std::string& dir, const StatsOptions& o, bool
     std::error_code ec;
     fs::create_directories(dir, ec);
     if (!fs::is_directory(dir)) return "could not create the folder " + dir;
-    if (force) {
+    if (!force) {
+        if (std::string file = existing_drive_file(dir); !file.empty())
+            return dir + " already holds a drive (" + file + "); pass --force to replace it";
+    } else {
         fs::remove(fs::path(dir) / "stats.db", ec);
         fs::remove(fs::path(dir) / "stats.bak", ec);
     }
@@ -131,15 +156,18 @@ std::string write_statistics(const std::string& dir, const StatsOptions& o, bool
     statsdb_reset(&s);
     Image previous, current;
     uint32_t seq = 1 + uint32_t(rng() % 50);
-    for (size_t i = 0; i < days.size(); ++i) {
+    size_t saves = 0;
+    for (size_t i : noting_order(rng, days.size())) {
         count_day(&s, days[i], rng);
-        // Now and then a day's words are entered late, after later days were written.
-        if (i >= 3 && rng() % 25 == 0) statsdb_note_day(&s, days[i - 2].day + 1, 150, 400);
+        previous = current;
+        save(&s, key, seq++, previous, &current);
+        ++saves;
+    }
+    // A drive barely written on has still been saved twice, so both copies exist.
+    for (; saves < 2; ++saves) {
         previous = current;
         save(&s, key, seq++, previous, &current);
     }
-    if (days.empty()) save(&s, key, seq, previous, &current);  // a drive set up but not yet written on
-    if (days.size() < 2) previous = current;
     if (std::string err = write_copies(dir, current, previous, o.state); !err.empty()) return err;
 
     if (o.state == StatsState::NoKey) fs::remove(fs::path(dir) / ".qm" / "drive.key", ec);

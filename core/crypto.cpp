@@ -1,5 +1,6 @@
 // The core's own primitives: ChaCha20, SHA-256, HMAC-SHA-256, SHA-512, FNV-1a and
 // Ed25519 verification. No allocation; everything lives in caller or stack memory.
+#include <atomic>
 #include <cstring>
 
 #include "qm_core.h"
@@ -127,34 +128,48 @@ void blocks_portable(uint32_t s[8], const uint8_t* p, size_t nblocks) {
 
 namespace {
 using qm::sha256_detail::BlockFn;
-BlockFn g_blocks = nullptr;
-const char* g_impl_name = "portable";
 
-BlockFn active_blocks() {
-    if (!g_blocks) sha256_select(QM_SHA256_AUTO);
-    return g_blocks;
+struct BlockPath {
+    BlockFn blocks;
+    const char* name;
+};
+
+const BlockPath kPortable = {qm::sha256_detail::blocks_portable, "portable"};
+
+// The processor's path, discovered once (a function-local static is initialised exactly once).
+const BlockPath* hardware_path() {
+    static const BlockPath hw = {qm::sha256_detail::hardware_blocks(), qm::sha256_detail::hardware_name()};
+    return hw.blocks ? &hw : nullptr;
+}
+
+const BlockPath* automatic_path() {
+    const BlockPath* hw = hardware_path();
+    return hw ? hw : &kPortable;
+}
+
+// One pointer, so the function and its name always change together; threads that hash while
+// another selects see either path whole.
+std::atomic<const BlockPath*> g_path{nullptr};
+
+const BlockPath* active_path() {
+    const BlockPath* p = g_path.load(std::memory_order_acquire);
+    if (p) return p;
+    const BlockPath* chosen = automatic_path();
+    return g_path.compare_exchange_strong(p, chosen, std::memory_order_acq_rel) ? chosen : p;
 }
 }  // namespace
 
 extern "C" int sha256_select(int impl) {
-    BlockFn hw = qm::sha256_detail::hardware_blocks();
-    if (impl == QM_SHA256_PORTABLE || (impl == QM_SHA256_AUTO && !hw)) {
-        g_blocks = qm::sha256_detail::blocks_portable;
-        g_impl_name = "portable";
-        return 0;
-    }
-    if ((impl == QM_SHA256_HARDWARE || impl == QM_SHA256_AUTO) && hw) {
-        g_blocks = hw;
-        g_impl_name = qm::sha256_detail::hardware_name();
-        return 0;
-    }
-    return -1;
+    const BlockPath* p = impl == QM_SHA256_AUTO       ? automatic_path()
+                         : impl == QM_SHA256_PORTABLE ? &kPortable
+                         : impl == QM_SHA256_HARDWARE ? hardware_path()
+                                                      : nullptr;
+    if (!p) return -1;
+    g_path.store(p, std::memory_order_release);
+    return 0;
 }
 
-extern "C" const char* sha256_impl_name(void) {
-    active_blocks();
-    return g_impl_name;
-}
+extern "C" const char* sha256_impl_name(void) { return active_path()->name; }
 
 extern "C" void sha256_init(sha256_ctx* ctx) {
     static const uint32_t iv[8] = {0x6a09e667, 0xbb67ae85, 0x3c6ef372, 0xa54ff53a,
@@ -166,7 +181,7 @@ extern "C" void sha256_init(sha256_ctx* ctx) {
 extern "C" void sha256_update(sha256_ctx* ctx, const void* data, size_t len) {
     if (len == 0) return;
     const uint8_t* p = static_cast<const uint8_t*>(data);
-    BlockFn blocks = active_blocks();
+    BlockFn blocks = active_path()->blocks;
     size_t used = ctx->count & 63;
     ctx->count += len;
     if (used) {
@@ -188,7 +203,7 @@ extern "C" void sha256_update(sha256_ctx* ctx, const void* data, size_t len) {
 extern "C" void sha256_final(sha256_ctx* ctx, uint8_t out[32]) {
     uint64_t bits = ctx->count * 8;
     size_t used = ctx->count & 63;
-    BlockFn blocks = active_blocks();
+    BlockFn blocks = active_path()->blocks;
     ctx->buf[used++] = 0x80;
     if (used > 56) {
         std::memset(ctx->buf + used, 0, 64 - used);

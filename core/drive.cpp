@@ -1,82 +1,81 @@
-// The drive directory: its key file, the open-drive handle and the result messages.
+// The drive folder: its key file, the open-drive handle and the result messages.
+#include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
+#include "drive_files.h"
 #include "qm_core.h"
 
 namespace {
 
+namespace drive_files = qm::drive_files;
+
 const char kMagicKey[8] = {'Q', 'M', 'D', 'R', 'V', 'K', 'Y', 0x01};
 constexpr size_t kPathMax = 1024;
-
-// One block of messages with offsets into it, indexed by code + 8.
-const char kMessages[] =
-    "buffer too small\0"
-    "the system random number generator failed\0"
-    "this drive already has a key\0"
-    "the statistics database could not be read\0"
-    "no statistics have been written yet\0"
-    "not a Quillmate drive\0"
-    "could not read or write the drive\0"
-    "bad argument\0"
-    "OK";
-const unsigned short kMessageOffsets[9] = {0, 17, 59, 88, 130, 166, 188, 222, 235};
-const char kUnknown[] = "unknown error";
 
 void wipe(void* p, size_t n) {
     volatile uint8_t* v = static_cast<volatile uint8_t*>(p);
     while (n--) *v++ = 0;
 }
 
-// base + "/" + name with every trailing separator of base stripped. Returns false when
-// the result would not fit, so an over-long path is never silently cut to another file.
-bool join(char dst[kPathMax], const char* base, const char* name) {
-    size_t n = std::strlen(base);
-    while (n > 0 && (base[n - 1] == '/' || base[n - 1] == '\\')) --n;
-    int w = std::snprintf(dst, kPathMax, "%.*s/%s", int(n), base, name);
-    return w >= 0 && size_t(w) < kPathMax;
+void to_hex(const uint8_t* p, size_t n, char* out) {
+    static const char digits[] = "0123456789abcdef";
+    for (size_t i = 0; i < n; ++i) {
+        out[2 * i] = digits[p[i] >> 4];
+        out[2 * i + 1] = digits[p[i] & 15];
+    }
+    out[2 * n] = 0;
 }
 
-// Reads at most n bytes; a longer file is refused (-1), never truncated.
-long read_file(const char* path, uint8_t* buf, size_t n) {
-    FILE* f = std::fopen(path, "rb");
-    if (!f) return -1;
-    size_t got = std::fread(buf, 1, n, f);
-    uint8_t extra;
-    bool too_long = std::fread(&extra, 1, 1, f) == 1;
-    bool failed = std::ferror(f) != 0;
-    std::fclose(f);
-    if (too_long || failed) return -1;
-    return long(got);
+// The drive folder named by path, trailing separators of either kind ignored. A link given by
+// the caller is followed; only what is found on the drive is distrusted. -1 when it does not open.
+int open_drive(const char* path) {
+    size_t n = std::strlen(path);
+    while (n > 0 && (path[n - 1] == '/' || path[n - 1] == '\\')) --n;
+    if (n >= kPathMax) return -1;  // refused rather than cut to another folder
+    char dir[kPathMax];
+    std::memcpy(dir, path, n);
+    dir[n] = 0;
+    return open(n == 0 && path[0] ? "/" : dir, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
 }
 
-int write_file(const char* path, const uint8_t buf[QM_KEY_FILE_SIZE]) {
-    FILE* f = std::fopen(path, "wb");
-    if (!f) return -1;
-    bool ok = std::fwrite(buf, 1, QM_KEY_FILE_SIZE, f) == QM_KEY_FILE_SIZE;
-    ok = std::fflush(f) == 0 && ok;
-    ok = std::fclose(f) == 0 && ok;
-    return ok ? 0 : -1;
-}
-
-bool key_path(char dst[kPathMax], const char* drive) {
-    char rel[64];
-    std::snprintf(rel, sizeof rel, "%s/%s", ".qm", "drive.key");
-    return join(dst, drive, rel);
-}
-
-int load_key(const char* path, qm_drive_key* out) {
-    char p[kPathMax];
-    if (!key_path(p, path)) return -1;
+int load_key(int drive_fd, qm_drive_key* out) {
+    int qm = drive_files::open_folder(drive_fd, ".qm");
+    if (qm < 0) return -1;
     uint8_t buf[QM_KEY_FILE_SIZE];
-    long n = read_file(p, buf, sizeof buf);
+    long n = drive_files::read_regular(qm, "drive.key", buf, sizeof buf);
+    close(qm);
     int rc = n == QM_KEY_FILE_SIZE ? drivekey_unpack(buf, unsigned(n), out) : -1;
     wipe(buf, sizeof buf);
     return rc;
+}
+
+// Writes the key to a fresh file beside drive.key and renames it over, so a reader never sees
+// half a key and a link standing at drive.key is replaced instead of written through.
+int write_key(int drive_fd, const uint8_t packed[QM_KEY_FILE_SIZE]) {
+    mkdirat(drive_fd, ".qm", 0700);  // may already exist; the open below tells
+    int qm = drive_files::open_folder(drive_fd, ".qm");
+    if (qm < 0) return -1;
+    uint8_t nonce[8];
+    char tmp[32];
+    std::memcpy(tmp, ".drive.key-", 11);
+    int fd = -1;
+    if (qm_random_bytes(nonce, sizeof nonce) == 0) {
+        to_hex(nonce, sizeof nonce, tmp + 11);
+        fd = openat(qm, tmp, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
+    }
+    bool ok = fd >= 0 && drive_files::write_all(fd, packed, QM_KEY_FILE_SIZE) && fsync(fd) == 0;
+    if (fd >= 0) ok = close(fd) == 0 && ok;
+    ok = ok && renameat(qm, tmp, qm, "drive.key") == 0;
+    if (!ok && fd >= 0) unlinkat(qm, tmp, 0);
+    if (ok) fsync(qm);  // the rename itself reaches the drive
+    close(qm);
+    return ok ? 0 : -1;
 }
 
 void expand(const uint8_t* master, size_t len, const char* label, uint8_t* dst, size_t n) {
@@ -92,15 +91,6 @@ void expand(const uint8_t* master, size_t len, const char* label, uint8_t* dst, 
 int cmp_day(const void* a, const void* b) {
     uint32_t x = static_cast<const qm_day*>(a)->day, y = static_cast<const qm_day*>(b)->day;
     return (x > y) - (x < y);
-}
-
-void to_hex(const uint8_t* p, size_t n, char* out) {
-    static const char digits[] = "0123456789abcdef";
-    for (size_t i = 0; i < n; ++i) {
-        out[2 * i] = digits[p[i] >> 4];
-        out[2 * i + 1] = digits[p[i] & 15];
-    }
-    out[2 * n] = 0;
 }
 
 qm_drive* fail_open(int code, int* err, qm_drive* h, uint8_t* a, uint8_t* b) {
@@ -121,8 +111,19 @@ qm_drive* fail_open(int code, int* err, qm_drive* h, uint8_t* a, uint8_t* b) {
 extern "C" int qm_core_abi(void) { return QM_CORE_ABI; }
 
 extern "C" const char* qm_strerror(int code) {
-    if (code < -8 || code > 0) return kUnknown;
-    return kMessages + kMessageOffsets[code + 8];
+    switch (code) {
+        case QM_OK: return "OK";
+        case QM_EARG: return "bad argument";
+        case QM_EIO: return "could not read or write the drive";
+        case QM_ENOTDRIVE: return "not a Quillmate drive";
+        case QM_ENOSTATS: return "no statistics have been written yet";
+        case QM_EBADSTATS: return "the statistics database could not be read";
+        case QM_EHASKEY: return "this drive already has a key";
+        case QM_ERANDOM: return "the system random number generator failed";
+        case QM_ESMALL: return "buffer too small";
+        case QM_ENOHISTORY: return "This document has no history log yet.";
+        default: return "unknown error";
+    }
 }
 
 extern "C" void drivekey_pack(const qm_drive_key* k, uint8_t out[QM_KEY_FILE_SIZE]) {
@@ -151,35 +152,34 @@ extern "C" void drivekey_derive(const uint8_t* master, size_t len, qm_drive_key*
 }
 
 extern "C" int qm_is_drive(const char* path) {
-    if (!path) return 0;
+    int drive = path ? open_drive(path) : -1;
+    if (drive < 0) return 0;
     qm_drive_key k;
-    int ok = load_key(path, &k) == 0;
+    int ok = load_key(drive, &k) == 0;
     wipe(&k, sizeof k);
+    close(drive);
     return ok;
 }
 
 extern "C" int qm_provision(const char* path, int force) {
     if (!path) return QM_EARG;
+    int drive = open_drive(path);
+    if (drive < 0) return QM_EIO;
     qm_drive_key k;
-    if (!force && load_key(path, &k) == 0) {
-        wipe(&k, sizeof k);
-        return QM_EHASKEY;
-    }
-    if (qm_random_bytes(k.drive_id, 16) || qm_random_bytes(k.enc_key, 32) || qm_random_bytes(k.mac_key, 32) ||
-        qm_random_bytes(k.upload_key, 32)) {
-        wipe(&k, sizeof k);
-        return QM_ERANDOM;
-    }
-    char dir[kPathMax], file[kPathMax];
-    int rc = QM_EIO;
-    if (join(dir, path, ".qm") && key_path(file, path)) {
-        mkdir(dir, 0700);  // may already exist; the write below tells
+    int rc = QM_OK;
+    if (!force && load_key(drive, &k) == 0) {
+        rc = QM_EHASKEY;
+    } else if (qm_random_bytes(k.drive_id, 16) || qm_random_bytes(k.enc_key, 32) || qm_random_bytes(k.mac_key, 32) ||
+               qm_random_bytes(k.upload_key, 32)) {
+        rc = QM_ERANDOM;
+    } else {
         uint8_t packed[QM_KEY_FILE_SIZE];
         drivekey_pack(&k, packed);
-        rc = write_file(file, packed) == 0 ? QM_OK : QM_EIO;
+        rc = write_key(drive, packed) == 0 ? QM_OK : QM_EIO;
         wipe(packed, sizeof packed);
     }
     wipe(&k, sizeof k);
+    close(drive);
     return rc;
 }
 
@@ -192,11 +192,13 @@ extern "C" qm_drive* qm_open(const char* path, int* err) {
     uint8_t* db = static_cast<uint8_t*>(std::malloc(QM_STATS_FILE_SIZE));
     uint8_t* bak = static_cast<uint8_t*>(std::malloc(QM_STATS_FILE_SIZE));
     if (!h || !db || !bak) return fail_open(QM_EIO, err, h, db, bak);
-    if (load_key(path, &h->key) != 0) return fail_open(QM_ENOTDRIVE, err, h, db, bak);
-
-    char p[kPathMax];
-    long db_len = join(p, path, "stats.db") ? read_file(p, db, QM_STATS_FILE_SIZE) : -1;
-    long bak_len = join(p, path, "stats.bak") ? read_file(p, bak, QM_STATS_FILE_SIZE) : -1;
+    int drive = open_drive(path);
+    bool has_key = drive >= 0 && load_key(drive, &h->key) == 0;
+    // A copy that is a link, a FIFO or too long counts as missing.
+    long db_len = has_key ? drive_files::read_regular(drive, "stats.db", db, QM_STATS_FILE_SIZE) : -1;
+    long bak_len = has_key ? drive_files::read_regular(drive, "stats.bak", bak, QM_STATS_FILE_SIZE) : -1;
+    if (drive >= 0) close(drive);
+    if (!has_key) return fail_open(QM_ENOTDRIVE, err, h, db, bak);
     if (db_len < 0 && bak_len < 0) return fail_open(QM_ENOSTATS, err, h, db, bak);
 
     unsigned mask = 0;
@@ -238,7 +240,7 @@ extern "C" int qm_summary_get(const qm_drive* h, qm_summary* out) {
     out->newlines = s.newlines;
     out->saves = s.saves;
     out->created = s.created;
-    out->pages = (s.words + 249u) / 250u;
+    out->pages = uint32_t((uint64_t(s.words) + 249u) / 250u);  // no wrap for the last 249 words
     out->streak_current = s.streak_current;
     out->streak_best = s.streak_best;
     out->days_written = s.days_written;

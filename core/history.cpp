@@ -9,7 +9,10 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "drive_files.h"
 #include "qm_core.h"
+
+namespace drive_files = qm::drive_files;
 
 struct qm_history {
     qm_version_entry* entries;
@@ -27,10 +30,13 @@ constexpr int kMaxFields = 9;
 constexpr size_t kRefsKeep = 2048;
 constexpr size_t kRefsStop = 1919;
 
-// A name from a drive must stay inside its folder: no separators, no "." or "..".
+// A name from a drive must stay inside its folder (no separators, no "." or "..") and hold no
+// control character, which would split the document list or the log's columns.
 bool safe_name(const char* name) {
     if (!name[0] || std::strcmp(name, ".") == 0 || std::strcmp(name, "..") == 0) return false;
-    return !std::strpbrk(name, "/\\");
+    for (const unsigned char* p = reinterpret_cast<const unsigned char*>(name); *p; ++p)
+        if (*p < 0x20 || *p == 0x7F || *p == '/' || *p == '\\') return false;
+    return true;
 }
 
 size_t stripped_length(const char* root) {
@@ -64,50 +70,47 @@ bool history_path(char dst[kPathMax], const char* root, const char* doc, const c
     return w >= 0 && size_t(w) < sizeof mid && join3(dst, root, mid, name);
 }
 
-// Reads a regular file of at most 4 MiB into a fresh NUL-terminated buffer. Symbolic links are
-// not followed (a drive could point one at the user's files) and the open does not block, so
-// a FIFO planted on a drive cannot hang the reader.
+// Reads a regular file of at most 4 MiB into a fresh NUL-terminated buffer; links and FIFOs
+// on the drive are refused.
 uint8_t* read_whole(const char* path, long* len) {
-    int fd = open(path, O_RDONLY | O_NONBLOCK | O_NOFOLLOW);
+    size_t size = 0;
+    int fd = drive_files::open_regular(AT_FDCWD, path, size_t(kFileLimit), &size);
     if (fd < 0) return nullptr;
-    struct stat st;
-    uint8_t* buf = nullptr;
-    if (fstat(fd, &st) == 0 && S_ISREG(st.st_mode) && st.st_size <= kFileLimit)
-        buf = static_cast<uint8_t*>(std::malloc(size_t(st.st_size) + 1));
-    long got = 0;
-    while (buf && got < st.st_size) {
-        ssize_t r = read(fd, buf + got, size_t(st.st_size - got));
-        if (r == 0) break;
-        if (r < 0) {
-            std::free(buf);
-            buf = nullptr;
-        } else {
-            got += r;
-        }
+    uint8_t* buf = static_cast<uint8_t*>(std::malloc(size + 1));
+    if (buf && !drive_files::read_exact(fd, buf, size)) {
+        std::free(buf);
+        buf = nullptr;
     }
     close(fd);
     if (!buf) return nullptr;
-    buf[got] = 0;
-    *len = got;
+    buf[size] = 0;
+    *len = long(size);
     return buf;
 }
 
-// Opens for writing without following a symbolic link at the end of the path.
-FILE* open_for_writing(const char* path, int mode_flags) {
-    int fd = open(path, O_WRONLY | O_CREAT | O_NOFOLLOW | mode_flags, 0644);
+// Opens for writing without following a link or blocking on a FIFO.
+FILE* open_for_writing(const char* path, int flags) {
+    int fd = drive_files::open_regular_for_writing(path, flags | O_CREAT, 0644);
     if (fd < 0) return nullptr;
-    FILE* f = fdopen(fd, "wb");
+    FILE* f = fdopen(fd, (flags & O_RDWR) ? "r+b" : "wb");
     if (!f) close(fd);
     return f;
 }
 
 bool write_whole(const char* path, const void* data, size_t len) {
-    FILE* f = open_for_writing(path, O_TRUNC);
+    FILE* f = open_for_writing(path, O_WRONLY | O_TRUNC);
     if (!f) return false;
     bool ok = std::fwrite(data, 1, len, f) == len;
     ok = std::fflush(f) == 0 && ok;
     ok = std::fclose(f) == 0 && ok;
     return ok;
+}
+
+// True when the file is empty or ends with a line feed, so an appended line starts a line of its own.
+bool ends_with_newline(FILE* f) {
+    struct stat st;
+    char last = '\n';
+    return fstat(fileno(f), &st) == 0 && (st.st_size == 0 || (pread(fileno(f), &last, 1, st.st_size - 1) == 1 && last == '\n'));
 }
 
 void copy_field(char* dst, size_t width, const char* src, size_t len) {
@@ -224,12 +227,13 @@ bool append_log_line(const qm_history* h, int32_t number, const qm_version_entry
                      size_t len, const char* file, const char* stamp, int32_t restored) {
     char path[kPathMax];
     if (!history_path(path, h->root, h->doc, "history.log")) return false;
-    FILE* f = open_for_writing(path, O_APPEND);
+    FILE* f = open_for_writing(path, O_RDWR | O_APPEND);
     if (!f) return false;
+    bool newline_first = !ends_with_newline(f);
     const char* branch = latest && latest->branch[0] ? latest->branch : "main";
     char tag[64];
     std::snprintf(tag, sizeof tag, "reverted to version %d", restored);
-    int w = std::fprintf(f, "%d\t%d\t%s\t%c\t%016llx\t%lu\t%s\t%.23s\t%s\n", number, latest ? latest->id : 0, branch,
+    int w = std::fprintf(f, "%s%d\t%d\t%s\t%c\t%016llx\t%lu\t%s\t%.23s\t%s\n", newline_first ? "\n" : "", number, latest ? latest->id : 0, branch,
                          't', static_cast<unsigned long long>(hash), static_cast<unsigned long>(len), file, stamp, tag);
     bool ok = std::fclose(f) == 0 && w > 0;
     return ok;
@@ -265,7 +269,7 @@ bool rewrite_refs(const qm_history* h, uint64_t hash, size_t len) {
         n = kept_refs_lines(reinterpret_cast<const char*>(old), old_len, kept);
         std::free(old);
     }
-    FILE* f = open_for_writing(path, O_TRUNC);
+    FILE* f = open_for_writing(path, O_WRONLY | O_TRUNC);
     if (!f) return false;
     bool ok = std::fwrite(kept, 1, n, f) == n;
     ok = std::fprintf(f, "base\t%016llx\t%lu\n", static_cast<unsigned long long>(hash),
@@ -382,7 +386,7 @@ extern "C" int32_t qm_qmv_docs(const char* root, char* out, int32_t cap) {
     int32_t count = 0;
     size_t used = 0;
     while (struct dirent* d = readdir(dir)) {
-        if (d->d_name[0] == '.') continue;
+        if (d->d_name[0] == '.' || !safe_name(d->d_name)) continue;
         char full[800];
         struct stat st;
         w = std::snprintf(full, sizeof full, "%s/%s", dir_path, d->d_name);

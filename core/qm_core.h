@@ -1,7 +1,11 @@
 /* Quillmate drive core: the portable library that reads and writes a Quillmate
  * drive's key, statistics and document histories, computes line diffs and checks
  * signed update messages. Plain functions over caller-owned buffers; results are 0
- * (or a count) on success and a small negative code otherwise, see qm_strerror. */
+ * (or a count) on success and a small negative code otherwise, see qm_strerror.
+ *
+ * Threads: every function may run on several threads at once, except qm_diff (one static
+ * scratch area; diff_lines is the reentrant form) and calls sharing one handle. Files on a
+ * drive are opened without following links or blocking, and only regular files are read. */
 #ifndef QM_CORE_H
 #define QM_CORE_H
 
@@ -24,7 +28,7 @@ extern "C" {
 #define QM_EHASKEY (-6)    /* this drive already has a key */
 #define QM_ERANDOM (-7)    /* the system random number generator failed */
 #define QM_ESMALL (-8)     /* buffer too small */
-#define QM_ENOHISTORY (-9) /* the document has no readable history */
+#define QM_ENOHISTORY (-9) /* the document has no readable history log */
 
 #define QM_KEY_FILE_SIZE 120
 #define QM_STATS_RECORD_SIZE 12384
@@ -55,8 +59,8 @@ void sha256(const void* data, size_t len, uint8_t out[32]);
 
 /* SHA-256 block function in use. QM_SHA256_AUTO picks the hardware path when the
  * processor has one; the others force a path (for tests and benchmarks). Returns 0,
- * or -1 when the requested path is not available here. Not thread-safe: call before
- * hashing starts. */
+ * or -1 when the requested path is not available here. Safe while other threads hash:
+ * each block run uses one path or the other. */
 #define QM_SHA256_AUTO 0
 #define QM_SHA256_PORTABLE 1
 #define QM_SHA256_HARDWARE 2
@@ -144,6 +148,7 @@ typedef struct {
 } qm_summary;
 
 int qm_core_abi(void);
+/* The message for every code above, "unknown error" for any other value. */
 const char* qm_strerror(int code);
 int qm_is_drive(const char* path);
 int qm_provision(const char* path, int force);
@@ -205,9 +210,10 @@ typedef struct {
 
 typedef struct qm_history qm_history;
 
-/* Names read from a drive (document names, version file names) that contain "/" or a backslash,
- * are empty, or are "." or "..", are refused: such a history does not open (-1) and such a
- * version does not read or restore (-2). */
+/* Names read from a drive (document names, version file names) that contain "/", a backslash or
+ * a control character (bytes 1 to 31 and 127), are empty, or are "." or "..", are refused: such a
+ * history does not open (-1), such a version does not read or restore (-2), and such a folder is
+ * not listed by qm_qmv_docs. */
 qm_history* qm_history_open(const char* root, const char* doc, int32_t* err);
 void qm_history_close(qm_history* h);
 int32_t qm_history_count(const qm_history* h);
@@ -239,6 +245,9 @@ typedef struct {
 int32_t qm_diff(const char* a, int32_t alen, const char* b, int32_t blen, qm_diff_row* rows, int32_t max_rows);
 int32_t diff_count_lines(const char* text, int32_t len);
 size_t diff_scratch_needed(int32_t n, int32_t m);
+/* qm_diff in the caller's scratch area of at least diff_scratch_needed(lines of a, lines of b)
+ * bytes; results as qm_diff's, and -1 also for an area too small. Reentrant: threads with their
+ * own scratch areas may diff at the same time. */
 int32_t diff_lines(const char* a, int32_t alen, const char* b, int32_t blen, qm_diff_row* rows, int32_t max_rows,
                    void* scratch, size_t scratch_size);
 

@@ -13,9 +13,10 @@ constexpr size_t kTagAt = kHeader + QM_STATS_RECORD_SIZE;
 static_assert(sizeof(qm_stats) == QM_STATS_RECORD_SIZE, "record layout");
 static_assert(kTagAt + 32 == QM_STATS_FILE_SIZE, "file layout");
 
-// Decoding is not reentrant by design: one plaintext buffer, one picked record.
-uint8_t g_plaintext[QM_STATS_RECORD_SIZE];
-qm_stats g_pick_tmp;
+void wipe(void* p, size_t n) {
+    volatile uint8_t* v = static_cast<volatile uint8_t*>(p);
+    while (n--) *v++ = 0;
+}
 
 uint32_t get32(const uint8_t* p) {
     return uint32_t(p[0]) | uint32_t(p[1]) << 8 | uint32_t(p[2]) << 16 | uint32_t(p[3]) << 24;
@@ -69,8 +70,6 @@ void mac(const uint8_t mac_key[32], const uint8_t* data, size_t n, uint8_t out[3
     hmac_sha256_final(&c, out);
 }
 
-bool is_gregorian_leap(unsigned y) { return (y % 4 == 0 && y % 100 != 0) || y % 400 == 0; }
-
 }  // namespace
 
 extern "C" void statsdb_reset(qm_stats* s) { std::memset(s, 0, sizeof *s); }
@@ -109,10 +108,12 @@ extern "C" int statsdb_decode(const uint8_t* buf, unsigned len, const uint8_t en
     mac(mac_key, buf, kTagAt, tag);
     if (!ct_equal(tag, buf + kTagAt, 32)) return -4;
 
-    std::memcpy(g_plaintext, buf + kHeader, QM_STATS_RECORD_SIZE);
-    chacha20_xor(enc_key, buf + 32, 1, g_plaintext, QM_STATS_RECORD_SIZE);
-    if (out) {
-        deserialise(g_plaintext, out);
+    if (out) {  // decrypted on the stack, so decoding is reentrant; the copy is wiped
+        uint8_t plain[QM_STATS_RECORD_SIZE];
+        std::memcpy(plain, buf + kHeader, QM_STATS_RECORD_SIZE);
+        chacha20_xor(enc_key, buf + 32, 1, plain, QM_STATS_RECORD_SIZE);
+        deserialise(plain, out);
+        wipe(plain, sizeof plain);
         if (out->ring_next >= QM_RING_SLOTS) out->ring_next = 0;
         if (out->ring_used > QM_RING_SLOTS) out->ring_used = QM_RING_SLOTS;
     }
@@ -127,15 +128,15 @@ extern "C" int statsdb_pick(const uint8_t* db, unsigned db_len, const uint8_t* b
                             uint8_t tag_out[32], unsigned* valid_mask) {
     uint32_t db_seq = 0, bak_seq = 0;
     uint8_t db_tag[32], bak_tag[32];
-    bool db_ok = db_len && statsdb_decode(db, db_len, enc_key, mac_key, &g_pick_tmp, nullptr, &db_seq, db_tag) == 0;
-    if (db_ok && out) *out = g_pick_tmp;
-    bool bak_ok =
-        bak_len && statsdb_decode(bak, bak_len, enc_key, mac_key, &g_pick_tmp, nullptr, &bak_seq, bak_tag) == 0;
+    qm_stats bak_stats;  // the backup's record until it is known to win
+    qm_stats* bak_out = out ? &bak_stats : nullptr;
+    bool db_ok = db_len && statsdb_decode(db, db_len, enc_key, mac_key, out, nullptr, &db_seq, db_tag) == 0;
+    bool bak_ok = bak_len && statsdb_decode(bak, bak_len, enc_key, mac_key, bak_out, nullptr, &bak_seq, bak_tag) == 0;
     if (valid_mask) *valid_mask = unsigned(db_ok) + 2u * unsigned(bak_ok);
-    if (!db_ok && !bak_ok) return 0;
-
     bool choose_bak = bak_ok && (!db_ok || bak_seq > db_seq);
-    if (choose_bak && out) *out = g_pick_tmp;
+    if (choose_bak && out) *out = bak_stats;
+    wipe(&bak_stats, sizeof bak_stats);
+    if (!db_ok && !bak_ok) return 0;
     if (seq_out) *seq_out = choose_bak ? bak_seq : db_seq;
     if (tag_out) std::memcpy(tag_out, choose_bak ? bak_tag : db_tag, 32);
     return choose_bak ? 2 : 1;
@@ -178,17 +179,20 @@ extern "C" uint32_t statsdb_fatdate_to_day(uint16_t fat_date) {
     return day;
 }
 
+// Day 1 is 1 January 1980. Civil date from a count of days, in constant time for every input
+// (the days-to-civil method over 400-year eras of 146,097 days); years past 65535 are exact too.
 extern "C" void qm_day_to_ymd(uint32_t day, unsigned* year, unsigned* month, unsigned* mday) {
     unsigned y = 0, m = 0, d = 0;
     if (day != 0) {
-        uint32_t r = day - 1;
-        y = 1980;
-        while (r >= (is_gregorian_leap(y) ? 366u : 365u)) r -= is_gregorian_leap(y) ? 366u : 365u, ++y;
-        static const unsigned len[12] = {31, 28, 31, 30, 31, 30, 31, 31, 30, 31, 30, 31};
-        m = 0;
-        while (r >= len[m] + (m == 1 && is_gregorian_leap(y))) r -= len[m] + (m == 1 && is_gregorian_leap(y)), ++m;
-        m += 1;
-        d = r + 1;
+        const uint64_t z = uint64_t(day) - 1 + 3652 + 719468;  // days since 1 March of year 0
+        const uint64_t era = z / 146097;
+        const uint64_t doe = z - era * 146097;                                    // [0, 146096]
+        const uint64_t yoe = (doe - doe / 1460 + doe / 36524 - doe / 146096) / 365;  // [0, 399]
+        const uint64_t doy = doe - (365 * yoe + yoe / 4 - yoe / 100);              // [0, 365], from 1 March
+        const uint64_t mp = (5 * doy + 2) / 153;                                   // [0, 11], March first
+        d = unsigned(doy - (153 * mp + 2) / 5 + 1);
+        m = unsigned(mp < 10 ? mp + 3 : mp - 9);
+        y = unsigned(yoe + era * 400 + (m <= 2));
     }
     if (year) *year = y;
     if (month) *month = m;

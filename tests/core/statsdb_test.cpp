@@ -202,20 +202,52 @@ uint32_t chrono_day(int y, unsigned m, unsigned d) {
     return uint32_t((sys_days(year{y} / month{m} / day{d}) - sys_days(year{1980} / January / 1)).count() + 1);
 }
 
-TEST(Calendar, DayNumbersMatchTheCivilCalendar) {
+struct Ymd {
     unsigned y, m, d;
-    qm_day_to_ymd(0, &y, &m, &d);
-    EXPECT_EQ(y + m + d, 0u);
-    qm_day_to_ymd(60, &y, &m, &d);
-    EXPECT_EQ((std::array<unsigned, 3>{y, m, d}), (std::array<unsigned, 3>{1980, 2, 29}));
+    bool operator==(const Ymd&) const = default;
+};
+std::ostream& operator<<(std::ostream& o, const Ymd& v) { return o << v.y << "-" << v.m << "-" << v.d; }
+
+Ymd ymd_of(uint32_t n) {
+    Ymd v{9, 9, 9};
+    qm_day_to_ymd(n, &v.y, &v.m, &v.d);
+    return v;
+}
+
+bool leap(unsigned y) { return (y % 4 == 0 && y % 100 != 0) || y % 400 == 0; }
+
+void next_day(Ymd& v) {
+    static const unsigned len[12] = {31, 28, 31, 30, 31, 30, 31, 31, 30, 31, 30, 31};
+    if (v.d < len[v.m - 1] + (v.m == 2 && leap(v.y))) return void(++v.d);
+    v.d = 1;
+    if (++v.m == 13) v.m = 1, ++v.y;
+}
+
+// Against std::chrono where it reaches, then a calendar walked year by year up to the top of the
+// uint32 range (every 1 January, 29 February or 1 March, 31 December), and day by day through its last 100,001 days.
+TEST(Calendar, DayNumbersMatchTheCivilCalendarOverTheWholeRange) {
+    EXPECT_EQ(ymd_of(0), (Ymd{0, 0, 0}));
     qm_day_to_ymd(5, nullptr, nullptr, nullptr);
     using namespace std::chrono;
     for (uint32_t n = 1; n <= 60000; ++n) {
-        year_month_day ymd{sys_days(year{1980} / January / 1) + days(n - 1)};
-        qm_day_to_ymd(n, &y, &m, &d);
-        ASSERT_EQ(int(y), int(ymd.year())) << n;
-        ASSERT_EQ(m, unsigned(ymd.month())) << n;
-        ASSERT_EQ(d, unsigned(ymd.day())) << n;
+        year_month_day c{sys_days(year{1980} / January / 1) + days(n - 1)};
+        ASSERT_EQ(ymd_of(n), (Ymd{unsigned(int(c.year())), unsigned(c.month()), unsigned(c.day())})) << n;
+    }
+    const uint64_t tail = uint64_t(UINT32_MAX) - 100000;
+    uint64_t first = 1;  // day number of 1 January of year y
+    unsigned y = 1980;
+    for (; first + 365 + leap(y) <= tail; first += 365 + leap(y), ++y) {
+        uint64_t feb_end = first + 58 + leap(y);
+        ASSERT_TRUE(ymd_of(uint32_t(first)) == (Ymd{y, 1, 1})) << first;
+        ASSERT_TRUE(ymd_of(uint32_t(feb_end)) == (Ymd{y, 2, 28u + leap(y)})) << feb_end;
+        ASSERT_TRUE(ymd_of(uint32_t(feb_end + 1)) == (Ymd{y, 3, 1})) << feb_end + 1;
+        ASSERT_TRUE(ymd_of(uint32_t(first + 364 + leap(y))) == (Ymd{y, 12, 31})) << first;
+    }
+    Ymd walked{y, 1, 1};
+    for (uint64_t n = first; n <= UINT32_MAX; ++n, next_day(walked)) {
+        if (n >= tail) {
+            ASSERT_EQ(ymd_of(uint32_t(n)), walked) << n;
+        }
     }
 }
 

@@ -1,4 +1,5 @@
-// The core's primitives against OpenSSL, an independent implementation, over seeded random inputs.
+// The core's primitives: one or two published vectors each as fixed anchors, then OpenSSL, an
+// independent implementation, over seeded random inputs. SHA-256 runs on every path available.
 #include <gtest/gtest.h>
 #include <openssl/evp.h>
 #include <openssl/hmac.h>
@@ -6,6 +7,7 @@
 
 #include <memory>
 #include <random>
+#include <string>
 #include <vector>
 
 #include "qm_core.h"
@@ -19,6 +21,33 @@ Bytes random_bytes(std::mt19937_64& rng, size_t n) {
     Bytes b(n);
     for (auto& x : b) x = uint8_t(rng());
     return b;
+}
+
+Bytes unhex(const std::string& h) {
+    Bytes out;
+    for (size_t i = 0; i + 1 < h.size(); i += 2) out.push_back(uint8_t(std::stoi(h.substr(i, 2), nullptr, 16)));
+    return out;
+}
+std::string hex(const uint8_t* p, size_t n) {
+    static const char d[] = "0123456789abcdef";
+    std::string s;
+    for (size_t i = 0; i < n; ++i) s += d[p[i] >> 4], s += d[p[i] & 15];
+    return s;
+}
+
+TEST_P(Sha256Paths, PublishedVectors) {
+    uint8_t out[32];
+    const std::string million(1000000, 'a');
+    sha256("abc", 3, out);
+    EXPECT_EQ(hex(out, 32), "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad");
+    sha256(million.data(), million.size(), out);
+    EXPECT_EQ(hex(out, 32), "cdc76e5c9914fb9281a1c7e284d73e67f1809a48a497200e046d39ccc7112cd0");
+    hmac_sha256_ctx c;  // RFC 4231 case 2
+    hmac_sha256_init(&c, reinterpret_cast<const uint8_t*>("Jefe"), 4);
+    hmac_sha256_update(&c, "what do ya want for nothing?", 28);
+    hmac_sha256_final(&c, out);
+    EXPECT_EQ(hex(out, 32), "5bdcc146bf60754e6a042426089575c75a003f089d2739839dec58b964ec3843");
+    EXPECT_EQ(Bytes(c.okey, c.okey + 64), Bytes(64, 0)) << "final wipes the stored outer key";
 }
 
 TEST_P(Sha256Paths, StreamingInRandomSplitsEqualsOneShotEqualsOpenSsl) {
@@ -61,6 +90,50 @@ TEST_P(Sha256Paths, HmacWithKeysOfZeroTo200Bytes) {
 }
 
 QM_ON_EVERY_SHA256_PATH(Sha256Paths);
+
+TEST(PublishedVectors, Sha512ChaCha20AndSmallHelpers) {
+    uint8_t out[64];
+    qm_sha512("abc", 3, out);
+    EXPECT_EQ(hex(out, 64),
+              "ddaf35a193617abacc417349ae20413112e6fa4e89a97ea20a9eeee64b55d39a2192992a274fc1a836ba3c23a3feebbd454d4423643c"
+              "e80e2a9ac94fa54ca49f");
+    Bytes key = unhex("000102030405060708090a0b0c0d0e0f101112131415161718191a1b1c1d1e1f");  // RFC 8439 2.4.2
+    Bytes nonce = unhex("000000000000004a00000000");
+    std::string text = "Ladies and Gentlemen of the class of '99: If I could offer you only one tip for the future, "
+                       "sunscreen would be it.";
+    chacha20_xor(key.data(), nonce.data(), 1, reinterpret_cast<uint8_t*>(text.data()), text.size());
+    EXPECT_EQ(hex(reinterpret_cast<const uint8_t*>(text.data()), 32),
+              "6e2e359a2568f98041ba0728dd0d6981e97e7aec1d4360c20a27afccfd9fae0b");
+    uint8_t a[3] = {1, 2, 3}, b[3] = {1, 2, 4};
+    EXPECT_EQ(ct_equal(nullptr, nullptr, 0) + ct_equal(a, b, 2), 2);
+    EXPECT_EQ(ct_equal(a, b, 3), 0);
+    EXPECT_EQ(fnv1a64("foobar", 6), 0x85944171f73967e8ULL);
+    EXPECT_EQ(fnv1a64_update(fnv1a64("foo", 3), "bar", 3), fnv1a64("foobar", 6));
+}
+
+// RFC 8032 test 1: it verifies, and no flipped bit of signature, key or message does.
+TEST(PublishedVectors, Ed25519EveryFlippedBitAndANonCanonicalSAreRefused) {
+    Bytes pub = unhex("d75a980182b10ab7d54bfed3c964073a0ee172f3daa62325af021a68f707511a"), msg;
+    Bytes sig = unhex("e5564300c360ac729086e2cc806e828a84877f1eb8e5d974d873e065224901555fb8821590a33bacc61e39701cf9b46bd"
+                      "25bf5f0595bbe24655141438e7a100b");
+    ASSERT_EQ(qm_ed25519_verify(msg.data(), 0, sig.data(), pub.data()), 1);
+    for (Bytes* part : {&sig, &pub}) {
+        for (size_t bit = 0; bit < part->size() * 8; ++bit) {
+            (*part)[bit / 8] ^= uint8_t(1u << (bit % 8));
+            ASSERT_EQ(qm_ed25519_verify(msg.data(), 0, sig.data(), pub.data()), 0) << bit;
+            (*part)[bit / 8] ^= uint8_t(1u << (bit % 8));
+        }
+    }
+    EXPECT_EQ(qm_ed25519_verify("x", 1, sig.data(), pub.data()), 0);
+    // S + L is the same scalar modulo L; only the canonical form is accepted.
+    Bytes L = unhex("edd3f55c1a631258d69cf7a2def9de1400000000000000000000000000000010");
+    for (unsigned i = 0, carry = 0; i < 32; ++i) {
+        unsigned v = sig[32 + i] + L[i] + carry;
+        sig[32 + i] = uint8_t(v);
+        carry = v >> 8;
+    }
+    EXPECT_EQ(qm_ed25519_verify(msg.data(), 0, sig.data(), pub.data()), 0);
+}
 
 TEST(Differential, Sha512) {
     std::mt19937_64 rng(512);

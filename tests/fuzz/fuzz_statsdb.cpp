@@ -1,7 +1,11 @@
-// Statistics files and key files from a drive, as arbitrary bytes: the decoder, the copy
-// picker, the key unpacking and a whole open. The first input byte picks the mode; in the
-// "authenticated" mode the input is a plaintext record encoded under a fixed key, so the
-// fuzzer reaches the record handling behind the MAC (odd ring indices, duplicate days).
+// Statistics files and key files from a drive, as arbitrary bytes. The first input byte picks
+// the mode:
+//   even: a drive's files: 120 bytes of key file, stats.db's length (2 bytes, little-endian),
+//         stats.db, and stats.bak as the rest; also fed to the decoder, the picker and the key
+//         unpacking directly. A drive the deck made, packed so, authenticates whole.
+//   odd:  a plaintext record encoded under a fixed key, so the fuzzer reaches the record
+//         handling behind the MAC (odd ring indices, duplicate days, days near 2^32).
+// Every drive that opens is exported and has its days turned into dates.
 #include <sys/stat.h>
 
 #include <cstdio>
@@ -29,11 +33,6 @@ const std::string& drive_dir() {
         char tmpl[] = "/tmp/qm-fuzz-stats-XXXXXX";
         if (!mkdtemp(tmpl)) std::abort();
         mkdir((std::string(tmpl) + "/.qm").c_str(), 0700);
-        uint8_t packed[QM_KEY_FILE_SIZE];
-        drivekey_pack(&fixed_key(), packed);
-        FILE* f = std::fopen((std::string(tmpl) + "/.qm/drive.key").c_str(), "wb");
-        std::fwrite(packed, 1, sizeof packed, f);
-        std::fclose(f);
         return std::string(tmpl);
     }();
     return dir;
@@ -46,6 +45,34 @@ void put(const std::string& name, const uint8_t* data, size_t len) {
     std::fclose(f);
 }
 
+// A day's date, checked to be a real one (day 0 has none).
+uint64_t date_key(uint32_t day) {
+    unsigned y = 1, m = 1, d = 1;
+    qm_day_to_ymd(day, &y, &m, &d);
+    if (day == 0 ? (y | m | d) != 0 : (y < 1980 || m < 1 || m > 12 || d < 1 || d > 31)) std::abort();
+    return (uint64_t(y) * 13 + m) * 32 + d;
+}
+
+// Dates must follow the order of the days.
+void check_dates(const qm_day* days, int n, const qm_summary& s) {
+    date_key(s.first_day);
+    date_key(s.last_day);
+    uint64_t prev = 0;
+    for (int i = 0; i < n; ++i) {
+        uint64_t key = date_key(days[i].day);
+        if (i > 0 && (days[i].day > days[i - 1].day) != (key > prev)) std::abort();
+        prev = key;
+    }
+}
+
+void check_export(const qm_drive* h) {
+    int n = qm_export_json(h, nullptr, 0);
+    if (n <= 0) std::abort();
+    std::vector<char> json(size_t(n) + 1);
+    if (qm_export_json(h, json.data(), n + 1) != n || std::strlen(json.data()) != size_t(n)) std::abort();
+    if (json[0] != '{' || json[size_t(n) - 1] != '}') std::abort();
+}
+
 // Opens the drive and reads everything the application reads; checks what must always hold.
 void open_and_read() {
     int err = 1;
@@ -55,41 +82,52 @@ void open_and_read() {
         return;
     }
     qm_summary s;
-    qm_day days[QM_RING_SLOTS];
+    static qm_day days[QM_RING_SLOTS];
     if (qm_summary_get(h, &s) != 0 || s.n_days > QM_RING_SLOTS) std::abort();
     int n = qm_days_get(h, days, QM_RING_SLOTS);
-    for (int i = 1; i < n; ++i)
-        if (days[i - 1].day > days[i].day || days[i].day == 0) std::abort();
+    for (int i = 0; i < n; ++i)
+        if (days[i].day == 0 || (i > 0 && days[i - 1].day > days[i].day)) std::abort();
+    check_dates(days, n, s);
+    check_export(h);
     qm_close(h);
 }
 
-void raw_bytes(const uint8_t* data, size_t size) {
+void drive_files(const uint8_t* data, size_t size) {
+    const size_t key_len = size < QM_KEY_FILE_SIZE ? size : QM_KEY_FILE_SIZE;
+    put(".qm/drive.key", data, key_len);
+    qm_drive_key key = fixed_key();
+    drivekey_unpack(data, unsigned(key_len), &key);  // a key that does not unpack leaves the fixed one
+    const uint8_t* p = data + key_len;
+    size_t rest = size - key_len, db_len = 0;
+    if (rest >= 2) {
+        db_len = size_t(p[0] | p[1] << 8);
+        p += 2, rest -= 2;
+        if (db_len > rest) db_len = rest;
+    }
     qm_stats out;
-    const qm_drive_key& k = fixed_key();
-    statsdb_decode(data, unsigned(size), k.enc_key, k.mac_key, &out, nullptr, nullptr, nullptr);
-    size_t half = size / 2;
+    statsdb_decode(p, unsigned(db_len), key.enc_key, key.mac_key, &out, nullptr, nullptr, nullptr);
     unsigned mask = 0;
-    int pick = statsdb_pick(data, unsigned(half), data + half, unsigned(size - half), k.enc_key, k.mac_key, &out,
+    int pick = statsdb_pick(p, unsigned(db_len), p + db_len, unsigned(rest - db_len), key.enc_key, key.mac_key, &out,
                             nullptr, nullptr, &mask);
     if (pick < 0 || pick > 2 || mask > 3) std::abort();
-    qm_drive_key unpacked;
-    drivekey_unpack(data, unsigned(size), &unpacked);
-    put("stats.db", data, half);
-    put("stats.bak", data + half, size - half);
+    put("stats.db", p, db_len);
+    put("stats.bak", p + db_len, rest - db_len);
     open_and_read();
 }
 
 void authenticated_record(const uint8_t* data, size_t size) {
-    qm_stats s;
+    static qm_stats s, back;
     std::memset(&s, 0, sizeof s);
     std::memcpy(&s, data, size < sizeof s ? size : sizeof s);
     std::vector<uint8_t> file(QM_STATS_FILE_SIZE);
     const qm_drive_key& k = fixed_key();
     statsdb_encode(&s, k.enc_key, k.mac_key, k.drive_id, 1, file.data(), nullptr);
-    qm_stats back;
     if (statsdb_decode(file.data(), QM_STATS_FILE_SIZE, k.enc_key, k.mac_key, &back, nullptr, nullptr, nullptr) != 0)
         std::abort();
     if (back.ring_next >= QM_RING_SLOTS || back.ring_used > QM_RING_SLOTS) std::abort();
+    uint8_t packed[QM_KEY_FILE_SIZE];
+    drivekey_pack(&k, packed);
+    put(".qm/drive.key", packed, sizeof packed);
     put("stats.db", file.data(), file.size());
     put("stats.bak", nullptr, 0);
     open_and_read();
@@ -103,6 +141,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (data[0] & 1)
         authenticated_record(data + 1, size - 1);
     else
-        raw_bytes(data + 1, size - 1);
+        drive_files(data + 1, size - 1);
     return 0;
 }

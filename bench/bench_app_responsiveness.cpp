@@ -46,10 +46,10 @@ int main(int argc, char** argv) {
     QString root = QString::fromStdString(drive.root());
     double idle = longest_gap_ms(1500, [] {});
     double loading = longest_gap_ms(1500, [&] {
-        app.pinDrive(root, "Quillmate");
+        app.drives.pin(root, "Quillmate");
         window.tabs()->setCurrentIndex(1);  // the history tab, with its 1,000 documents, on screen
     });
-    std::printf("loaded %lld documents, %zu days\n", static_cast<long long>(app.history.documents.size()),
+    std::printf("loaded %lld documents, %zu days\n", static_cast<long long>(app.history.documents().size()),
                 size_t(app.stats.days().size()));
     report("longest main-thread stall while loading the drive", loading, "same window idle", idle, 50);
     return 0;

@@ -59,15 +59,3 @@ QString Drive::uploadKeyHex() const {
     qm_upload_key_hex(handle_, out);
     return QString::fromLatin1(out);
 }
-
-#include <QThreadPool>
-
-QThreadPool* coreWorkerPool() {
-    static QThreadPool* pool = [] {
-        auto* p = new QThreadPool;
-        p->setMaxThreadCount(1);
-        p->setExpiryTimeout(-1);
-        return p;
-    }();
-    return pool;
-}

@@ -41,8 +41,3 @@ private:
     qm_summary summary_{};
     QList<DayRow> days_;
 };
-
-class QThreadPool;
-// The one worker thread on which the core's drive opens run: its statistics decoding keeps
-// static buffers, so two opens must never overlap.
-QThreadPool* coreWorkerPool();

@@ -19,7 +19,8 @@ enum class QmError : int32_t {
 
 // The case for a core code, or nothing when the code is outside -9..0.
 std::optional<QmError> qmErrorFromCode(int code);
-// As above, but codes outside the table read as a failure to read or write the drive.
+// The one mapping the application uses: codes outside the table read as a failure to read
+// or write the drive.
 QmError qmErrorOrIo(int code);
 inline int qmErrorIndex(QmError e) { return -int(e); }
 QString qmErrorMessage(QmError e);

@@ -6,11 +6,6 @@
 
 namespace {
 
-QmError error_of_open(int code) {
-    if (code >= -8 && code <= -1) return QmError(code);
-    return QmError::noHistory;
-}
-
 DocVersion version_of(const qm_version_entry& e) {
     return DocVersion{e.id,
                       e.parent,
@@ -29,7 +24,7 @@ std::unique_ptr<History> History::open(const QString& root, const QString& doc, 
     int32_t code = 0;
     qm_history* h = qm_history_open(root.toUtf8().constData(), doc.toUtf8().constData(), &code);
     if (!h) {
-        if (error) *error = error_of_open(code);
+        if (error) *error = qmErrorOrIo(code);
         return nullptr;
     }
     if (error) *error = QmError::ok;
@@ -54,8 +49,7 @@ QString History::read(int32_t version) const {
 
 QmError History::revert(int32_t version) const {
     QByteArray stamp = QDateTime::currentDateTime().toString(QStringLiteral("yyyy-MM-dd HH:mm:ss")).toUtf8();
-    int32_t r = qm_qmv_revert(handle_, version, stamp.constData());
-    return r >= -9 && r <= 0 ? QmError(r) : QmError::io;
+    return qmErrorOrIo(qm_qmv_revert(handle_, version, stamp.constData()));
 }
 
 QStringList History::documents(const QString& root) {
@@ -71,10 +65,16 @@ QString History::liveDocument(const QString& root, const QString& doc) {
     return n > 0 ? text_up_to_nul(buf) : QString();
 }
 
-QList<DiffRow> History::diff(const QString& a, const QString& b) {
+std::optional<QList<DiffRow>> History::diff(const QString& a, const QString& b) {
     QByteArray ab = a.toUtf8(), bb = b.toUtf8();
+    if (ab.size() > kTextCapacity || bb.size() > kTextCapacity) return std::nullopt;
+    int32_t alen = int32_t(ab.size()), blen = int32_t(bb.size());
+    size_t scratch = diff_scratch_needed(diff_count_lines(ab.constData(), alen), diff_count_lines(bb.constData(), blen));
+    if (scratch > QM_DIFF_SCRATCH_SIZE) return std::nullopt;
+    std::vector<unsigned char> area(scratch);
     std::vector<qm_diff_row> rows(kDiffRows);
-    int32_t n = qm_diff(ab.constData(), int32_t(ab.size()), bb.constData(), int32_t(bb.size()), rows.data(), kDiffRows);
+    int32_t n = diff_lines(ab.constData(), alen, bb.constData(), blen, rows.data(), kDiffRows, area.data(), area.size());
+    if (n < 0) return std::nullopt;
     QList<DiffRow> out;
     for (int32_t i = 0; i < n; ++i) {
         DiffOp op = rows[i].op >= 0 && rows[i].op <= 3 ? DiffOp(rows[i].op) : DiffOp::equal;

@@ -4,6 +4,7 @@
 #include <QList>
 #include <QString>
 #include <memory>
+#include <optional>
 
 #include "qm_core.h"
 #include "qm_error.h"
@@ -45,7 +46,9 @@ public:
 
     static QStringList documents(const QString& root);
     static QString liveDocument(const QString& root, const QString& doc);
-    static QList<DiffRow> diff(const QString& a, const QString& b);
+    // The rows pairing the lines of a and b, or none when the texts are too large to compare
+    // (more scratch than the core's 4 MiB, or more than kDiffRows rows). Reentrant.
+    static std::optional<QList<DiffRow>> diff(const QString& a, const QString& b);
 
 private:
     explicit History(qm_history* handle);

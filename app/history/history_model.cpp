@@ -3,10 +3,7 @@
 const QString HistoryModel::kNoDriveStatus = QStringLiteral("Plug in a Quillmate drive and press Refresh.");
 const QString HistoryModel::kNoHistoryStatus = QStringLiteral(
     "No snapshot history on this drive yet. Save a named document on the deck and it will start keeping one.");
-
-QColor HistoryModel::equalColour() { return QColor::fromRgbF(0.35f, 0.35f, 0.35f); }
-QColor HistoryModel::deletedColour() { return QColor(Qt::red); }
-QColor HistoryModel::addedColour() { return QColor(0, 160, 0); }
+const QString HistoryModel::kTooLargeStatus = QStringLiteral("These versions are too large to compare here.");
 
 QString HistoryModel::kindLabel(QChar kind) {
     if (kind == QLatin1Char('t')) return QStringLiteral("saved point");
@@ -20,97 +17,145 @@ QString HistoryModel::versionLabel(const DocVersion& v) {
     return label;
 }
 
-HistoryModel::HistoryModel(QObject* parent) : QObject(parent) {}
+namespace {
 
-void HistoryModel::rescan() {
-    if (pinned) return;
-    volumes = Volumes::scan();
-    root = volumes.isEmpty() ? std::nullopt : std::optional<QString>(volumes.first().path);
-    loadDocuments();
+using State = HistoryModel::State;
+
+QString count_text(qsizetype n, const char* what) {
+    return QStringLiteral("%1 %2%3").arg(n).arg(QLatin1String(what)).arg(n == 1 ? "" : "s");
 }
 
-void HistoryModel::pin(const QmVolume& volume) {
-    pinned = true;
-    volumes = {volume};
-    root = volume.path;
-    loadDocuments();
-}
-
-void HistoryModel::loadDocuments() {
-    documents = root ? History::documents(*root) : QStringList();
-    document = documents.isEmpty() ? std::nullopt : std::optional<QString>(documents.first());
-    loadVersions();
-    if (documents.isEmpty()) status = kNoHistoryStatus;
-    emit changed();
-}
-
-void HistoryModel::loadVersions() {
-    versions.clear();
-    selected.reset();  // an id means nothing in another document's history
-    text.clear();
-    diffLines.clear();
-    if (root && document) {
-        QmError error = QmError::ok;
-        std::unique_ptr<History> h = History::open(*root, *document, &error);
-        if (!h) {
-            status = qmErrorMessage(error);
-        } else {
-            const QList<DocVersion>& log = h->versions();
-            versions = QList<DocVersion>(log.rbegin(), log.rend());
-            selected = versions.isEmpty() ? std::nullopt : std::optional<int32_t>(versions.first().id);
-            status = QStringLiteral("%1 version%2.").arg(versions.size()).arg(versions.size() == 1 ? "" : "s");
-            show(false);
-        }
-    }
-    emit changed();
-}
-
-void HistoryModel::show(bool asDiff) {
-    showingDiff = asDiff;
-    diffLines.clear();
-    text.clear();
-    std::unique_ptr<History> h = root && document && selected ? History::open(*root, *document, nullptr) : nullptr;
-    if (h) {
-        QString old = h->read(*selected);
-        if (asDiff)
-            fillComparison(old, History::liveDocument(*root, *document));
-        else
-            text = old;
-    }
-    emit changed();
-}
-
-void HistoryModel::fillComparison(const QString& old, const QString& now) {
+// Comparison lines of old against now, and the status that counts them.
+void fill_comparison(State& s, const QString& old, const QString& now) {
     auto lines = [](QString t) { return t.replace(QStringLiteral("\r\n"), QStringLiteral("\n")).split('\n'); };
     QStringList a = lines(old), b = lines(now);
     auto line = [](const QStringList& l, int32_t i) { return i >= 0 && i < l.size() ? l[i] : QString(); };
-    QList<DiffRow> rows = History::diff(old, now);
+    std::optional<QList<DiffRow>> rows = History::diff(old, now);
+    if (!rows) {
+        s.status = HistoryModel::kTooLargeStatus;
+        return;
+    }
     int differences = 0;
-    for (const DiffRow& r : rows) {
+    for (const DiffRow& r : *rows) {
         if (r.op == DiffOp::equal) {
-            diffLines.append({QStringLiteral("  ") + line(a, r.aLine), equalColour()});
+            s.diffLines.append({QStringLiteral("  ") + line(a, r.aLine), DiffOp::equal});
             continue;
         }
         ++differences;
         if (r.op == DiffOp::change || r.op == DiffOp::del)
-            diffLines.append({QStringLiteral("- ") + line(a, r.aLine), deletedColour()});
+            s.diffLines.append({QStringLiteral("- ") + line(a, r.aLine), DiffOp::del});
         if (r.op == DiffOp::change || r.op == DiffOp::add)
-            diffLines.append({QStringLiteral("+ ") + line(b, r.bLine), addedColour()});
+            s.diffLines.append({QStringLiteral("+ ") + line(b, r.bLine), DiffOp::add});
     }
-    status = differences == 0 || rows.isEmpty()
-                 ? QStringLiteral("This version is identical to the document on the drive now.")
-                 : QStringLiteral("%1 line%2 differ from the document on the drive now.")
-                       .arg(differences)
-                       .arg(differences == 1 ? "" : "s");
+    s.status = differences == 0 ? QStringLiteral("This version is identical to the document on the drive now.")
+                                : count_text(differences, "line") + QStringLiteral(" differ from the document on the drive now.");
+}
+
+State with_shown(const QString& root, State s) {
+    s.diffLines.clear();
+    s.text.clear();
+    std::unique_ptr<History> h = s.document && s.selected ? History::open(root, *s.document, nullptr) : nullptr;
+    if (!h) return s;  // the status is left as it is
+    QString old = h->read(*s.selected);
+    if (s.showingDiff)
+        fill_comparison(s, old, History::liveDocument(root, *s.document));
+    else
+        s.text = old;
+    return s;
+}
+
+State with_versions(const QString& root, State s) {
+    s.versions.clear();
+    s.selected.reset();  // an id means nothing in another document's history
+    s.text.clear();
+    s.diffLines.clear();
+    if (!s.document) return s;
+    QmError error = QmError::ok;
+    std::unique_ptr<History> h = History::open(root, *s.document, &error);
+    if (!h) {
+        s.status = qmErrorMessage(error);
+        return s;
+    }
+    const QList<DocVersion>& log = h->versions();
+    s.versions = QList<DocVersion>(log.rbegin(), log.rend());
+    if (!s.versions.isEmpty()) s.selected = s.versions.first().id;
+    s.status = count_text(s.versions.size(), "version") + QLatin1Char('.');
+    s.showingDiff = false;
+    return with_shown(root, std::move(s));
+}
+
+State with_documents(const QString& root, State s) {
+    s.documents = History::documents(root);
+    s.document = s.documents.isEmpty() ? std::nullopt : std::optional<QString>(s.documents.first());
+    s = with_versions(root, std::move(s));
+    if (s.documents.isEmpty()) s.status = HistoryModel::kNoHistoryStatus;
+    return s;
+}
+
+State after_revert(const QString& root, State s) {
+    std::unique_ptr<History> h = s.document && s.selected ? History::open(root, *s.document, nullptr) : nullptr;
+    if (!h) return s;
+    QmError result = h->revert(*s.selected);
+    h.reset();
+    s = with_versions(root, std::move(s));
+    // A success reads as the new count; a failure keeps saying what went wrong.
+    if (result != QmError::ok) s.status = QStringLiteral("Could not restore: ") + qmErrorMessage(result);
+    return s;
+}
+
+}  // namespace
+
+HistoryModel::HistoryModel(DriveSelection* selection, QObject* parent) : QObject(parent), selection_(selection) {
+    connect(selection_, &DriveSelection::changed, this, &HistoryModel::loadDocuments);
+}
+
+
+void HistoryModel::rescan() { selection_->rescan(); }
+
+void HistoryModel::loadDocuments() {
+    if (!root()) {
+        ++generation_;  // whatever was on its way belonged to a drive that is gone
+        state_ = State{};
+        emit changed();
+        return;
+    }
+    run(with_documents);
+}
+
+void HistoryModel::selectDocument(const QString& doc) {
+    if (state_.document == doc) return;
+    state_.document = doc;
+    run(with_versions);
+}
+
+void HistoryModel::selectVersion(int32_t id) {
+    if (state_.selected == id) return;
+    state_.selected = id;
+    run(with_shown);
+}
+
+void HistoryModel::show(bool asDiff) {
+    state_.showingDiff = asDiff;
+    run(with_shown);
 }
 
 void HistoryModel::revert() {
-    std::unique_ptr<History> h = root && document && selected ? History::open(*root, *document, nullptr) : nullptr;
-    if (!h) return;
-    QmError result = h->revert(*selected);
-    h.reset();
-    status = result == QmError::ok
-                 ? QStringLiteral("Restored. Eject the drive before unplugging it.")
-                 : QStringLiteral("Could not restore: ") + qmErrorMessage(result);
-    loadVersions();
+    if (root() && state_.document && state_.selected) run(after_revert);
+}
+
+void HistoryModel::run(Step step) {
+    int generation = ++generation_;
+    ++pending_;
+    emit changed();  // busy, and any choice made just now
+    background_.post([step, root = root().value_or(QString()), state = state_] { return step(root, state); },
+                     [this, generation](State state) {
+                         --pending_;
+                         apply(std::move(state), generation);
+                     });
+}
+
+void HistoryModel::apply(State state, int generation) {
+    if (generation == generation_) state_ = std::move(state);
+    emit changed();
+    if (generation == generation_) emit settled();
 }

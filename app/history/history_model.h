@@ -1,53 +1,83 @@
-// The History tab's model: documents with a history, their versions newest first, a version's
-// text or its comparison with the document now, and restoring it. Main thread only.
+// The History tab's model: documents with a history on the selected drive, their versions
+// newest first, a version's text or its comparison with the document now, and restoring it.
+// Every read, comparison and restore runs off the main thread, one at a time and in order (a
+// read never sees half a restore); a result that a newer request has overtaken is dropped.
 #pragma once
-#include <QColor>
 #include <QList>
 #include <QObject>
-#include <QPair>
 #include <optional>
 
+#include "background_queue.h"
+#include "drive_selection.h"
 #include "history.h"
-#include "volumes.h"
+
+// One line of a comparison as shown: a changed row becomes a deleted and an added line.
+struct DiffLine {
+    QString text;
+    DiffOp op = DiffOp::equal;  // equal, del or add
+    bool operator==(const DiffLine&) const = default;
+};
 
 class HistoryModel : public QObject {
     Q_OBJECT
 public:
     static const QString kNoDriveStatus;
     static const QString kNoHistoryStatus;
-    static QColor equalColour();
-    static QColor deletedColour();
-    static QColor addedColour();
+    static const QString kTooLargeStatus;
     // "saved point", "changed elsewhere" or "auto".
     static QString kindLabel(QChar kind);
     // The versions list's row text: when, kind label and tag.
     static QString versionLabel(const DocVersion& v);
 
-    explicit HistoryModel(QObject* parent = nullptr);
+    explicit HistoryModel(DriveSelection* selection, QObject* parent = nullptr);
 
-    QList<QmVolume> volumes;
-    std::optional<QString> root;
-    QStringList documents;
-    std::optional<QString> document;
-    QList<DocVersion> versions;
-    std::optional<int32_t> selected;
-    QString text;
-    QList<QPair<QString, QColor>> diffLines;
-    bool showingDiff = false;
-    QString status = kNoDriveStatus;
-    bool pinned = false;
+    DriveSelection* driveSelection() const { return selection_; }
+    const QList<QmVolume>& volumes() const { return selection_->volumes(); }
+    const std::optional<QString>& root() const { return selection_->path(); }
+    const QStringList& documents() const { return state_.documents; }
+    const std::optional<QString>& document() const { return state_.document; }
+    const QList<DocVersion>& versions() const { return state_.versions; }
+    const std::optional<int32_t>& selected() const { return state_.selected; }
+    const QString& text() const { return state_.text; }
+    const QList<DiffLine>& diffLines() const { return state_.diffLines; }
+    bool showingDiff() const { return state_.showingDiff; }
+    const QString& status() const { return state_.status; }
+    bool busy() const { return pending_ > 0; }
 
+    // Scans the mounted volumes again; a pinned selection stays as it is.
     void rescan();
     void loadDocuments();
-    void loadVersions();
+    void selectDocument(const QString& doc);
+    // Shows another version in the current mode.
+    void selectVersion(int32_t id);
     void show(bool asDiff);
     void revert();
-    // Makes one volume the only one and keeps it: Refresh does nothing afterwards.
-    void pin(const QmVolume& volume);
+
+    // Everything the tab shows, filled in by the steps below in the background.
+    struct State {
+        QStringList documents;
+        std::optional<QString> document;
+        QList<DocVersion> versions;
+        std::optional<int32_t> selected;
+        QString text;
+        QList<DiffLine> diffLines;
+        bool showingDiff = false;
+        QString status = kNoDriveStatus;
+    };
 
 signals:
     void changed();
+    // A background step's result has been applied.
+    void settled();
 
 private:
-    void fillComparison(const QString& old, const QString& now);
+    using Step = State (*)(const QString& root, State state);
+    void run(Step step);
+    void apply(State state, int generation);
+
+    DriveSelection* selection_;
+    State state_;
+    int generation_ = 0;
+    int pending_ = 0;
+    BackgroundQueue background_;  // one thread, so steps run in order; last: stopped first
 };

@@ -1,7 +1,5 @@
 #include "history_tab.h"
 
-#include <QComboBox>
-#include <QFontDatabase>
 #include <QHBoxLayout>
 #include <QLabel>
 #include <QListWidget>
@@ -11,51 +9,31 @@
 #include <QStackedLayout>
 #include <QVBoxLayout>
 
-namespace {
+#include "drive_header.h"
+#include "labels.h"
 
-QLabel* caption(const QString& text) {
-    auto* l = new QLabel(text);
-    QFont f = l->font();
-    f.setPointSize(11);
-    l->setFont(f);
-    l->setForegroundRole(QPalette::PlaceholderText);
-    return l;
+QColor HistoryTab::colourOf(DiffOp op) {
+    switch (op) {
+        case DiffOp::del:
+        case DiffOp::change: return QColor(Qt::red);
+        case DiffOp::add: return QColor(0, 160, 0);
+        case DiffOp::equal: break;
+    }
+    return QColor::fromRgbF(0.35f, 0.35f, 0.35f);
 }
-
-QFont monospaced() {
-    QFont f = QFontDatabase::systemFont(QFontDatabase::FixedFont);
-    f.setPointSize(11);
-    return f;
-}
-
-}  // namespace
 
 HistoryTab::HistoryTab(HistoryModel* model, QWidget* parent) : QWidget(parent), model_(model) {
     auto* layout = new QVBoxLayout(this);
     layout->setContentsMargins(20, 20, 20, 20);
     layout->setSpacing(12);
-
-    auto* title = new QLabel(tr("History"));
-    QFont tf = title->font();
-    tf.setPointSize(18);
-    tf.setBold(true);
-    title->setFont(tf);
-    layout->addWidget(title);
-
-    auto* pickRow = new QHBoxLayout;
-    picker_ = new QComboBox;
-    picker_->setMinimumWidth(220);
-    refresh_ = new QPushButton(tr("Refresh"));
-    pickRow->addWidget(picker_);
-    pickRow->addWidget(refresh_);
-    pickRow->addStretch();
-    layout->addLayout(pickRow);
+    header_ = new DriveHeader(tr("History"), model_->driveSelection(), [model] { model->rescan(); });
+    layout->addWidget(header_);
 
     auto* lists = new QHBoxLayout;
     auto* docColumn = new QVBoxLayout;
     documents_ = new QListWidget;
     documents_->setFixedSize(200, 120);
-    docColumn->addWidget(caption(tr("Document")));
+    docColumn->addWidget(Labels::caption(tr("Document")));
     docColumn->addWidget(documents_);
     auto* verColumn = new QVBoxLayout;
     versions_ = new QListWidget;
@@ -63,7 +41,7 @@ HistoryTab::HistoryTab(HistoryModel* model, QWidget* parent) : QWidget(parent), 
     QFont vf = versions_->font();
     vf.setPointSize(12);
     versions_->setFont(vf);
-    verColumn->addWidget(caption(tr("Versions")));
+    verColumn->addWidget(Labels::caption(tr("Versions")));
     verColumn->addWidget(versions_);
     lists->addLayout(docColumn);
     lists->addLayout(verColumn, 1);
@@ -71,92 +49,71 @@ HistoryTab::HistoryTab(HistoryModel* model, QWidget* parent) : QWidget(parent), 
 
     auto* shown = new QWidget;
     shown->setFixedHeight(190);
-    auto* stack = new QStackedLayout(shown);
+    shown_ = new QStackedLayout(shown);
     reading_ = new QPlainTextEdit;
     reading_->setReadOnly(true);
-    reading_->setFont(monospaced());
     comparison_ = new QListWidget;
-    comparison_->setFont(monospaced());
     comparison_->setSelectionMode(QAbstractItemView::NoSelection);
-    for (QWidget* w : {static_cast<QWidget*>(reading_), static_cast<QWidget*>(comparison_)})
+    for (QWidget* w : {static_cast<QWidget*>(reading_), static_cast<QWidget*>(comparison_)}) {
+        w->setFont(Labels::monospaced(11));
         w->setStyleSheet(QStringLiteral("background: rgb(250,250,250); border: 1px solid rgb(217,217,217);"));
-    stack->addWidget(reading_);
-    stack->addWidget(comparison_);
+        shown_->addWidget(w);
+    }
     layout->addWidget(shown);
 
     auto* buttons = new QHBoxLayout;
-    view_ = new QPushButton(tr("View"));
-    compare_ = new QPushButton(tr("Compare with now"));
+    auto* view = new QPushButton(tr("View"));
+    auto* compare = new QPushButton(tr("Compare with now"));
     restore_ = new QPushButton(tr("Put this version back"));
-    status_ = new QLabel;
-    status_->setWordWrap(true);
-    buttons->addWidget(view_);
-    buttons->addWidget(compare_);
+    status_ = Labels::status();
+    buttons->addWidget(view);
+    buttons->addWidget(compare);
     buttons->addWidget(restore_);
     buttons->addStretch();
     buttons->addWidget(status_, 1);
     layout->addLayout(buttons);
     layout->addStretch();
 
-    connect(refresh_, &QPushButton::clicked, model_, &HistoryModel::rescan);
-    connect(picker_, &QComboBox::activated, this, [this](int index) {
-        QVariant path = picker_->itemData(index);
-        model_->root = path.isValid() ? std::optional<QString>(path.toString()) : std::nullopt;
-        model_->loadDocuments();
-    });
     connect(documents_, &QListWidget::currentRowChanged, this, [this](int row) {
-        if (filling_ || row < 0 || row >= model_->documents.size()) return;
-        model_->document = model_->documents[row];
-        model_->loadVersions();
+        if (!filling_ && row >= 0 && row < model_->documents().size()) model_->selectDocument(model_->documents()[row]);
     });
     connect(versions_, &QListWidget::currentRowChanged, this, [this](int row) {
-        if (filling_ || row < 0 || row >= model_->versions.size()) return;
-        model_->selected = model_->versions[row].id;
-        model_->show(model_->showingDiff);
+        if (!filling_ && row >= 0 && row < model_->versions().size()) model_->selectVersion(model_->versions()[row].id);
     });
-    connect(view_, &QPushButton::clicked, this, [this] { model_->show(false); });
-    connect(compare_, &QPushButton::clicked, this, [this] { model_->show(true); });
+    connect(view, &QPushButton::clicked, this, [this] { model_->show(false); });
+    connect(compare, &QPushButton::clicked, this, [this] { model_->show(true); });
     connect(restore_, &QPushButton::clicked, this, &HistoryTab::askToRestore);
     connect(model_, &HistoryModel::changed, this, &HistoryTab::refreshFromModel);
-    stack->setCurrentIndex(0);
-    connect(model_, &HistoryModel::changed, this, [this, stack] { stack->setCurrentIndex(model_->showingDiff ? 1 : 0); });
     refreshFromModel();
 }
 
 void HistoryTab::refreshFromModel() {
     filling_ = true;
-    fillPicker();
     fillLists();
     fillShownText();
-    restore_->setEnabled(model_->selected.has_value());
-    status_->setText(model_->status);
+    restore_->setEnabled(model_->selected().has_value());
+    status_->setText(model_->status());
     filling_ = false;
-}
-
-void HistoryTab::fillPicker() {
-    picker_->clear();
-    if (model_->volumes.isEmpty()) picker_->addItem(tr("No drives found"));
-    for (const QmVolume& v : model_->volumes) picker_->addItem(v.name, v.path);
-    if (model_->root) picker_->setCurrentIndex(std::max(0, picker_->findData(*model_->root)));
 }
 
 void HistoryTab::fillLists() {
     documents_->clear();
-    documents_->addItems(model_->documents);
-    if (model_->document) documents_->setCurrentRow(int(model_->documents.indexOf(*model_->document)));
+    documents_->addItems(model_->documents());
+    if (model_->document()) documents_->setCurrentRow(int(model_->documents().indexOf(*model_->document())));
     versions_->clear();
-    for (const DocVersion& v : model_->versions) {
+    for (const DocVersion& v : model_->versions()) {
         versions_->addItem(HistoryModel::versionLabel(v));
-        if (model_->selected == v.id) versions_->setCurrentRow(versions_->count() - 1);
+        if (model_->selected() == v.id) versions_->setCurrentRow(versions_->count() - 1);
     }
 }
 
 void HistoryTab::fillShownText() {
-    reading_->setPlainText(model_->text);
+    shown_->setCurrentIndex(model_->showingDiff() ? 1 : 0);
+    reading_->setPlainText(model_->text());
     comparison_->clear();
-    for (const auto& [line, colour] : model_->diffLines) {
-        auto* item = new QListWidgetItem(line, comparison_);
-        item->setForeground(colour);
+    for (const DiffLine& line : model_->diffLines()) {
+        auto* item = new QListWidgetItem(line.text, comparison_);
+        item->setForeground(colourOf(line.op));
     }
 }
 

@@ -4,37 +4,37 @@
 
 #include "history_model.h"
 
-class QComboBox;
+class DriveHeader;
 class QLabel;
 class QListWidget;
+class QMessageBox;
 class QPlainTextEdit;
 class QPushButton;
-class QMessageBox;
+class QStackedLayout;
 
 class HistoryTab : public QWidget {
     Q_OBJECT
 public:
     explicit HistoryTab(HistoryModel* model, QWidget* parent = nullptr);
 
+    // The colour a comparison line is drawn in.
+    static QColor colourOf(DiffOp op);
     // The restore confirmation while it is open (the tab's `confirming` state), else null.
     QMessageBox* confirmation() const { return confirmation_; }
 
 private:
     void refreshFromModel();
-    void fillPicker();
     void fillLists();
     void fillShownText();
     void askToRestore();
 
     HistoryModel* model_;
-    QComboBox* picker_;
-    QPushButton* refresh_;
+    DriveHeader* header_;
     QListWidget* documents_;
     QListWidget* versions_;
+    QStackedLayout* shown_;
     QPlainTextEdit* reading_;
     QListWidget* comparison_;
-    QPushButton* view_;
-    QPushButton* compare_;
     QPushButton* restore_;
     QLabel* status_;
     QMessageBox* confirmation_ = nullptr;

@@ -1,9 +1,18 @@
 #include "app_object.h"
 
-#include "drive.h"
+#include <QDir>
+#include <QFileInfo>
 
-void QuillmateFlasherApp::pinDrive(const QString& path, const QString& name) {
-    QmVolume volume{path, name, Drive::is(path)};
-    stats.pin(volume);
-    history.pin(volume);
+#include "dispatch.h"
+
+void QuillmateFlasherApp::start(const QStringList& args, const QString& pinnedName) {
+    std::optional<QString> drive = valueAfter(args, QStringLiteral("--drive"));
+    if (!drive) {
+        drives.rescan();
+        return;
+    }
+    QString name = pinnedName.isEmpty() ? QFileInfo(QDir::cleanPath(*drive)).fileName() : pinnedName;
+    drives.pin(*drive, name.isEmpty() ? *drive : name);
 }
+
+bool QuillmateFlasherApp::busy() const { return drives.scanning() || stats.busy() || history.busy(); }

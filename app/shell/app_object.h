@@ -1,17 +1,24 @@
-// The application object: the tabs' models, created once in their order and kept for the
-// life of the process. The flash, backup, account and settings models join as those
-// subsystems land (order: flash, stats, history, backup, account, settings).
+// The application object: the shared drive selection and the tabs' models, created once in
+// their order and kept for the life of the process. The flash, backup, account and settings
+// models join as those subsystems land (order: flash, stats, history, backup, account, settings).
 #pragma once
 #include <QString>
+#include <QStringList>
 
+#include "drive_selection.h"
 #include "history_model.h"
 #include "stats_model.h"
 
 class QuillmateFlasherApp {
 public:
-    StatsModel stats;
-    HistoryModel history;
+    DriveSelection drives;
+    StatsModel stats{&drives};
+    HistoryModel history{&drives};
 
-    // "--drive <path>": that path becomes the only volume of the drive models, named as given.
-    void pinDrive(const QString& path, const QString& name);
+    // The start of the window and of the screenshot mode alike: "--drive <path>" makes that
+    // folder the only drive, shown as pinnedName (or its folder name when that is empty);
+    // otherwise the mounted volumes are scanned.
+    void start(const QStringList& args, const QString& pinnedName = QString());
+    // Some model still has background work on its way.
+    bool busy() const;
 };

@@ -1,9 +1,7 @@
 #include "entry.h"
 
 #include <QApplication>
-#include <QDir>
 #include <QElapsedTimer>
-#include <QFileInfo>
 #include <QTabWidget>
 #include <QTimer>
 #include <cstdio>
@@ -43,12 +41,7 @@ void report_first_paint(MainWindow* window, const QElapsedTimer& clock) {
 
 int run_window(const QStringList& args, const QElapsedTimer& clock) {
     QuillmateFlasherApp app;
-    if (std::optional<QString> drive = valueAfter(args, QStringLiteral("--drive"))) {
-        QString name = QFileInfo(QDir::cleanPath(*drive)).fileName();
-        app.pinDrive(*drive, name.isEmpty() ? *drive : name);
-    } else {
-        app.stats.rescan();
-    }
+    app.start(args);
     MainWindow window(&app);
     if (qEnvironmentVariableIntValue("QM_REPORT_WINDOW")) report_first_paint(&window, clock);
     window.show();

@@ -3,17 +3,7 @@
 #include <QTabWidget>
 #include <QVBoxLayout>
 
-#include "app_object.h"
-#include "history_tab.h"
-#include "stats_tab.h"
-
-QWidget* MainWindow::createTabView(QuillmateFlasherApp* app, Tab tab, QWidget* parent) {
-    switch (tab) {
-        case Statistics: return new StatsTab(&app->stats, parent);
-        case History: return new HistoryTab(&app->history, parent);
-        default: return nullptr;
-    }
-}
+#include "tabs.h"
 
 MainWindow::MainWindow(QuillmateFlasherApp* app, QWidget* parent) : QWidget(parent) {
     setWindowTitle(QStringLiteral("Quillmate"));
@@ -24,11 +14,7 @@ MainWindow::MainWindow(QuillmateFlasherApp* app, QWidget* parent) : QWidget(pare
 
     tabs_ = new QTabWidget;
     tabs_->setFixedSize(kTabWidth, kTabHeight);
-    const std::pair<Tab, const char*> order[] = {{Install, "Install"}, {Statistics, "Statistics"},
-                                                 {History, "History"}, {Backup, "Backup"},
-                                                 {Account, "Account"}, {Settings, "Settings"}};
-    for (auto [tab, label] : order)
-        if (QWidget* view = createTabView(app, tab)) tabs_->addTab(view, tr(label));
+    for (const TabEntry& tab : tabTable()) tabs_->addTab(tab.create(app), tr(tab.label));
     layout->addWidget(tabs_, 0, Qt::AlignHCenter);
 }
 

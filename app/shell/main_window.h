@@ -11,12 +11,9 @@ class MainWindow : public QWidget {
 public:
     static constexpr int kTabWidth = 580;
     static constexpr int kTabHeight = 560;
-    enum Tab { Install, Statistics, History, Backup, Account, Settings };
 
     explicit MainWindow(QuillmateFlasherApp* app, QWidget* parent = nullptr);
     QTabWidget* tabs() const { return tabs_; }
-    // The view of one tab on its own, as the screenshot mode draws it; null for tabs not built.
-    static QWidget* createTabView(QuillmateFlasherApp* app, Tab tab, QWidget* parent = nullptr);
 
 signals:
     void firstPainted();

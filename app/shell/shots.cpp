@@ -10,39 +10,31 @@
 #include "app_object.h"
 #include "dispatch.h"
 #include "main_window.h"
+#include "tabs.h"
 
 namespace {
-
-struct Image {
-    const char* name;
-    MainWindow::Tab tab;
-};
-// In the order they are written; the other tabs' images join as their views land.
-const Image kImages[] = {{"mac-stats", MainWindow::Statistics}, {"mac-history", MainWindow::History}};
 
 void say(const QString& line) {
     std::fputs(qPrintable(line + QLatin1Char('\n')), stdout);
     std::fflush(stdout);
 }
 
-// Turns the event loop until the statistics model's work has landed, within a bound.
+// Turns the event loop until the models' background work has landed, within a bound.
 void settle(const QuillmateFlasherApp& app) {
-    QDeadlineTimer deadline(3000);
+    QDeadlineTimer deadline(5000);
     do {
         QCoreApplication::processEvents(QEventLoop::AllEvents, 20);
-    } while (app.stats.loading() && !deadline.hasExpired());
+    } while (app.busy() && !deadline.hasExpired());
     for (int i = 0; i < 12; ++i) QCoreApplication::processEvents(QEventLoop::AllEvents, 5);
 }
 
-QPixmap render(QuillmateFlasherApp* app, MainWindow::Tab tab) {
+QPixmap render(QuillmateFlasherApp* app, const TabEntry& tab) {
     QWidget window;
     window.setWindowTitle(QStringLiteral("Quillmate"));
     window.setFixedSize(MainWindow::kTabWidth, MainWindow::kTabHeight);
     auto* layout = new QVBoxLayout(&window);
     layout->setContentsMargins(0, 0, 0, 0);
-    QWidget* view = MainWindow::createTabView(app, tab, &window);
-    if (!view) return {};
-    layout->addWidget(view);
+    layout->addWidget(tab.create(app));
     window.show();
     settle(*app);
     QPixmap image = window.grab();
@@ -60,20 +52,15 @@ int Shots::run(const QStringList& args) {
     }
     QDir().mkpath(*folder);
     QuillmateFlasherApp app;
-    if (std::optional<QString> drive = valueAfter(args, QStringLiteral("--drive"))) {
-        app.pinDrive(*drive, QStringLiteral("Quillmate"));
-    } else {
-        app.stats.rescan();
-        app.history.rescan();
-    }
+    app.start(args, QStringLiteral("Quillmate"));
     int written = 0;
-    for (const Image& image : kImages) {
-        QPixmap pixmap = render(&app, image.tab);
+    for (const TabEntry& tab : tabTable()) {
+        QPixmap pixmap = render(&app, tab);
         if (pixmap.isNull()) {
-            say(QStringLiteral("FAILED to render ") + QLatin1String(image.name));
+            say(QStringLiteral("FAILED to render ") + QLatin1String(tab.image));
             continue;
         }
-        QString path = QDir(*folder).filePath(QLatin1String(image.name) + QStringLiteral(".png"));
+        QString path = QDir(*folder).filePath(QLatin1String(tab.image) + QStringLiteral(".png"));
         if (!pixmap.save(path, "PNG")) {
             say(QStringLiteral("FAILED to write ") + path);
             continue;

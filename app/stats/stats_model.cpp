@@ -1,9 +1,5 @@
 #include "stats_model.h"
 
-#include <QPointer>
-#include <QThreadPool>
-#include <QtConcurrent>
-
 const QString StatsModel::kNoDriveStatus = QStringLiteral("Plug in a Quillmate drive and press Refresh.");
 
 namespace {
@@ -30,7 +26,9 @@ QString status_after_failure(QmError e) {
 
 }  // namespace
 
-StatsModel::StatsModel(QObject* parent) : QObject(parent) {}
+StatsModel::StatsModel(DriveSelection* selection, QObject* parent) : QObject(parent), selection_(selection) {
+    connect(selection_, &DriveSelection::changed, this, &StatsModel::load);
+}
 
 StatsModel::Reading StatsModel::read(const QmVolume& volume) {
     if (!volume.hasKey) Drive::provision(volume.path, false);  // a used drive without a key gets one first
@@ -41,48 +39,31 @@ StatsModel::Reading StatsModel::read(const QmVolume& volume) {
 }
 
 void StatsModel::rescan() {
-    if (busy_) return;
-    if (!pinned_) {
-        volumes_ = Volumes::scan();
-        selection_ = volumes_.isEmpty() ? std::nullopt : std::optional<QString>(volumes_.first().path);
-    }
-    load();
+    if (!busy()) selection_->rescan();
 }
 
-void StatsModel::select(const QString& path) {
-    selection_ = path;
-    load();
-}
-
-void StatsModel::pin(const QmVolume& volume) {
-    pinned_ = true;
-    volumes_ = {volume};
-    selection_ = volume.path;
-    load();
-}
+void StatsModel::select(const QString& path) { selection_->select(path); }
 
 void StatsModel::load() {
     int generation = ++generation_;
-    auto it = std::find_if(volumes_.begin(), volumes_.end(),
-                           [&](const QmVolume& v) { return selection_ && v.path == *selection_; });
-    if (!selection_ || it == volumes_.end()) {
+    std::optional<QmVolume> volume = selection_->volume();
+    if (!volume) {
         apply(Reading{std::nullopt, {}, kNoDriveStatus}, generation);
         return;
     }
     ++pending_;
-    QmVolume volume = *it;
-    QPointer<StatsModel> self(this);
-    QThreadPool* worker = coreWorkerPool();
-    auto future = QtConcurrent::run(worker, [volume] { return read(volume); });
-    future.then(this, [self, generation](Reading reading) {
-        if (!self) return;
-        --self->pending_;
-        self->apply(std::move(reading), generation);
+    emit changed();  // busy now
+    background_.post([volume = *volume] { return read(volume); }, [this, generation](Reading reading) {
+        --pending_;
+        apply(std::move(reading), generation);
     });
 }
 
 void StatsModel::apply(Reading reading, int generation) {
-    if (generation != generation_) return;  // a newer load is on its way
+    if (generation != generation_) {  // a newer load is on its way; only busy may have changed
+        emit changed();
+        return;
+    }
     summary_ = reading.summary;
     days_ = std::move(reading.days);
     status_ = std::move(reading.status);

@@ -1,42 +1,42 @@
-// The Statistics tab's model: which drive, its figures, and where they came from.
+// The Statistics tab's model: the selected drive's figures and where they came from.
 #pragma once
 #include <QList>
 #include <QObject>
 #include <QString>
 #include <optional>
 
+#include "background_queue.h"
 #include "drive.h"
-#include "volumes.h"
+#include "drive_selection.h"
 
 class StatsModel : public QObject {
     Q_OBJECT
 public:
     static const QString kNoDriveStatus;
 
-    explicit StatsModel(QObject* parent = nullptr);
+    explicit StatsModel(DriveSelection* selection, QObject* parent = nullptr);
 
-    const QList<QmVolume>& volumes() const { return volumes_; }
-    const std::optional<QString>& selection() const { return selection_; }
+    const QList<QmVolume>& volumes() const { return selection_->volumes(); }
+    const std::optional<QString>& selection() const { return selection_->path(); }
+    DriveSelection* driveSelection() const { return selection_; }
     const std::optional<qm_summary>& summary() const { return summary_; }
     const QList<DayRow>& days() const { return days_; }
     const QString& status() const { return status_; }
-    bool busy() const { return busy_; }
-    bool loading() const { return pending_ > 0; }
+    // True while the selected drive is being read (and provisioned when it has no key yet).
+    bool busy() const { return pending_ > 0; }
 
-    // Scans the mounted volumes (or, once pinned, keeps the pinned one), selects the first, loads.
+    // Scans the mounted volumes again (a pinned selection stays); ignored while busy.
     void rescan();
-    // Reads the selected drive on the core's worker thread; loaded() follows.
+    // Reads the selected drive in the background; loaded() follows.
     void load();
     void select(const QString& path);
-    // Makes one volume the only one, selected, and keeps it across rescans.
-    void pin(const QmVolume& volume);
 
     struct Reading {
         std::optional<qm_summary> summary;
         QList<DayRow> days;
         QString status;
     };
-    // What loading a volume shows; runs wherever it is called (the model calls it on its worker).
+    // What loading a volume shows. Blocking file work: the model runs it off the main thread.
     static Reading read(const QmVolume& volume);
 
 signals:
@@ -46,13 +46,11 @@ signals:
 private:
     void apply(Reading reading, int generation);
 
-    QList<QmVolume> volumes_;
-    std::optional<QString> selection_;
+    DriveSelection* selection_;
     std::optional<qm_summary> summary_;
     QList<DayRow> days_;
     QString status_ = kNoDriveStatus;
-    bool busy_ = false;
-    bool pinned_ = false;
     int generation_ = 0;
     int pending_ = 0;
+    BackgroundQueue background_;  // last: stopped first
 };

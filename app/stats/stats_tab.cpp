@@ -1,15 +1,14 @@
 #include "stats_tab.h"
 
-#include <QComboBox>
-#include <QFontDatabase>
 #include <QGridLayout>
 #include <QLabel>
 #include <QListWidget>
 #include <QLocale>
-#include <QPushButton>
 #include <QVBoxLayout>
 
+#include "drive_header.h"
 #include "heatmap.h"
+#include "labels.h"
 
 namespace {
 
@@ -32,31 +31,15 @@ StatsTab::StatsTab(StatsModel* model, QWidget* parent) : QWidget(parent), model_
     layout->setContentsMargins(20, 20, 20, 20);
     layout->setSpacing(10);
 
-    auto* title = new QLabel(tr("Statistics"));
-    QFont tf = title->font();
-    tf.setPointSize(18);
-    tf.setBold(true);
-    title->setFont(tf);
-    layout->addWidget(title);
-
-    auto* row = new QHBoxLayout;
-    picker_ = new QComboBox;
-    picker_->setMinimumWidth(220);
-    refresh_ = new QPushButton(tr("Refresh"));
-    row->addWidget(picker_);
-    row->addWidget(refresh_);
-    row->addStretch();
-    layout->addLayout(row);
-
-    status_ = new QLabel;
-    status_->setWordWrap(true);
+    header_ = new DriveHeader(tr("Statistics"), model_->driveSelection(), [model] { model->rescan(); });
+    layout->addWidget(header_);
+    status_ = Labels::status();
     layout->addWidget(status_);
 
     auto* grid = new QGridLayout;
     grid->setHorizontalSpacing(16);
     for (int i = 0; i < kTotals.size(); ++i) {
-        auto* caption = new QLabel(kTotals[i]);
-        caption->setForegroundRole(QPalette::PlaceholderText);
+        QLabel* caption = Labels::caption(kTotals[i], font().pointSize());
         auto* value = new QLabel;
         QFont vf = value->font();
         vf.setBold(true);
@@ -71,16 +54,9 @@ StatsTab::StatsTab(StatsModel* model, QWidget* parent) : QWidget(parent), model_
     layout->addWidget(heatmap_);
 
     dayList_ = new QListWidget;
-    QFont mono = QFontDatabase::systemFont(QFontDatabase::FixedFont);
-    mono.setPointSize(10);
-    dayList_->setFont(mono);
+    dayList_->setFont(Labels::monospaced(10));
     layout->addWidget(dayList_, 1);
 
-    connect(refresh_, &QPushButton::clicked, model_, &StatsModel::rescan);
-    connect(picker_, &QComboBox::activated, this, [this](int index) {
-        QVariant path = picker_->itemData(index);
-        if (path.isValid()) model_->select(path.toString());
-    });
     connect(model_, &StatsModel::changed, this, &StatsTab::refreshFromModel);
     refreshFromModel();
 }
@@ -91,12 +67,8 @@ QString StatsTab::total(const QString& label) const {
 }
 
 void StatsTab::refreshFromModel() {
-    picker_->clear();
-    if (model_->volumes().isEmpty()) picker_->addItem(tr("No drives found"));
-    for (const QmVolume& v : model_->volumes()) picker_->addItem(v.name, v.path);
-    if (model_->selection()) picker_->setCurrentIndex(std::max(0, picker_->findData(*model_->selection())));
     status_->setText(model_->status());
-    refresh_->setEnabled(!model_->busy());
+    header_->setRefreshEnabled(!model_->busy());
     fillTotals();
     heatmap_->setDays(model_->days());
     fillDays();

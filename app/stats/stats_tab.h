@@ -5,10 +5,9 @@
 #include "heatmap_calendar.h"
 #include "stats_model.h"
 
-class QComboBox;
+class DriveHeader;
 class QLabel;
 class QListWidget;
-class QPushButton;
 class Heatmap;
 
 class StatsTab : public QWidget {
@@ -26,8 +25,7 @@ private:
     void fillDays();
 
     StatsModel* model_;
-    QComboBox* picker_;
-    QPushButton* refresh_;
+    DriveHeader* header_;
     QLabel* status_;
     QMap<QString, QLabel*> totals_;
     Heatmap* heatmap_;

@@ -2,20 +2,21 @@
 #include <gtest/gtest.h>
 
 #include <QDir>
+#include <QTest>
 
 #include "deck_drive.h"
 #include "drive.h"
+#include "drive_selection.h"
 #include "volumes.h"
 
 namespace {
 
 TEST(QmErrorMapping, CodesInsideTheTableMapAndOthersReadAsDriveFailures) {
-    EXPECT_EQ(qmErrorFromCode(-4), QmError::noStatistics);
-    EXPECT_EQ(qmErrorIndex(QmError::noHistory), 9);
-    EXPECT_FALSE(qmErrorFromCode(-12).has_value());
-    EXPECT_FALSE(qmErrorFromCode(1).has_value());
+    EXPECT_EQ(qmErrorOrIo(-4), QmError::noStatistics);
+    EXPECT_EQ(qmErrorOrIo(-9), QmError::noHistory);
     EXPECT_EQ(qmErrorOrIo(-12), QmError::io);
-    EXPECT_EQ(qmErrorMessage(QmError::unreadableStatistics), "the statistics database could not be read");
+    EXPECT_EQ(qmErrorOrIo(1), QmError::io);
+    EXPECT_FALSE(qmErrorFromCode(-12).has_value());
 }
 
 TEST(DriveHandle, OpensWithSummaryAndDaysOrFailsWithTheCoreCase) {
@@ -61,6 +62,24 @@ TEST(VolumeScan, KeepsDrivesAndUsedVolumesInOrderAndNamesThem) {
     EXPECT_EQ(found[1], (QmVolume{q(keyed), "DECK", true}));
     EXPECT_EQ(found[2].name, "FONTS");
     EXPECT_FALSE(found[2].hasKey);
+}
+
+TEST(DriveSelection, PinnedDriveIsTestedOffTheMainThreadAndSurvivesRescans) {
+    TempDir dir;
+    QString root = deckDrive(dir, deck::StatsState::Normal);
+    DriveSelection drives;
+    int changes = 0;
+    QObject::connect(&drives, &DriveSelection::changed, [&] { ++changes; });
+    drives.pin(root, "DECK");
+    EXPECT_TRUE(drives.scanning());
+    ASSERT_TRUE(QTest::qWaitFor([&] { return !drives.scanning(); }, 20000));
+    EXPECT_EQ(drives.volumes(), (QList<QmVolume>{{root, "DECK", true}}));
+    EXPECT_EQ(drives.path(), root);
+    drives.rescan();  // pinned: the same drive, announced again so the tabs read it afresh
+    EXPECT_EQ(drives.volumes().size(), 1);
+    EXPECT_EQ(changes, 2);
+    drives.select("/elsewhere");
+    EXPECT_FALSE(drives.volume());
 }
 
 }  // namespace

@@ -1,8 +1,10 @@
 // The history chain on deck-written drives and on small hand-made histories: documents,
-// versions newest first, reading and comparing, restoring, and the texts on the way.
+// versions newest first, reading and comparing, restoring, and the texts on the way. Every
+// step runs in the background, so each test waits for the model to settle.
 #include <gtest/gtest.h>
 
 #include <QDir>
+#include <QTest>
 
 #include "deck_drive.h"
 #include "history_model.h"
@@ -25,117 +27,134 @@ QString handMadeHistory(const TempDir& dir, const QString& doc, const QStringLis
     return QString::fromStdString(dir.path());
 }
 
+struct Tab {
+    DriveSelection drives;
+    HistoryModel m{&drives};
+    int settled = 0;
+    Tab() { QObject::connect(&m, &HistoryModel::settled, [this] { ++settled; }); }
+    void settle() { ASSERT_TRUE(QTest::qWaitFor([this] { return !m.busy(); }, 20000)); }
+    void pin(const QString& root) {
+        drives.pin({QmVolume{root, "Q", true}});
+        settle();
+    }
+};
+
 TEST(HistoryChain, DeckDriveListsDocumentsAndVersionsNewestFirst) {
     TempDir dir;
     QString root = deckDrive(dir, deck::StatsState::Normal, 3);
-    HistoryModel m;
-    m.pin(QmVolume{root, "Q", true});
-    ASSERT_EQ(m.documents.size(), 3);
-    ASSERT_TRUE(m.document);
-    EXPECT_EQ(*m.document, m.documents.first());
-    ASSERT_GE(m.versions.size(), 2);
-    for (int i = 1; i < m.versions.size(); ++i) EXPECT_GT(m.versions[i - 1].id, m.versions[i].id);
-    EXPECT_EQ(m.selected, m.versions.first().id);
-    EXPECT_EQ(m.status, QString("%1 versions.").arg(m.versions.size()));
-    EXPECT_FALSE(m.showingDiff);
-    EXPECT_EQ(m.text, History::liveDocument(root, *m.document));  // the newest version is the document now
+    Tab t;
+    t.pin(root);
+    HistoryModel& m = t.m;
+    ASSERT_EQ(m.documents().size(), 3);
+    EXPECT_EQ(m.document(), m.documents().first());
+    ASSERT_GE(m.versions().size(), 2);
+    for (int i = 1; i < m.versions().size(); ++i) EXPECT_GT(m.versions()[i - 1].id, m.versions()[i].id);
+    EXPECT_EQ(m.selected(), m.versions().first().id);
+    EXPECT_EQ(m.status(), QString("%1 versions.").arg(m.versions().size()));
+    EXPECT_EQ(m.text(), History::liveDocument(root, *m.document()));  // the newest version is the document now
 
-    QList<QmVolume> before = m.volumes;
-    m.rescan();  // pinned: Refresh changes nothing
-    EXPECT_EQ(m.volumes, before);
-    EXPECT_EQ(m.root, root);
+    // Choosing a document and then another at once: only the last choice is shown.
+    t.settled = 0;
+    m.selectDocument(m.documents()[1]);
+    m.selectDocument(m.documents()[2]);
+    t.settle();
+    EXPECT_EQ(t.settled, 1);
+    EXPECT_EQ(m.document(), m.documents()[2]);
+    EXPECT_EQ(m.text(), History::liveDocument(root, m.documents()[2]));
 }
 
-TEST(HistoryChain, OneVersionReadsAtOnceAndIdenticalComparisonIsAllGrey) {
+TEST(HistoryChain, ReadingComparingAndTheirTexts) {
+    TempDir one, two;
+    Tab a;
+    a.pin(handMadeHistory(one, "Notes.txt", {"a\nb\n"}, "a\nb\n"));
+    EXPECT_EQ(a.m.status(), "1 version.");
+    EXPECT_EQ(a.m.text(), "a\nb\n");
+    a.m.show(true);
+    a.settle();
+    EXPECT_EQ(a.m.status(), "This version is identical to the document on the drive now.");
+    EXPECT_EQ(a.m.diffLines(), (QList<DiffLine>{{"  a", DiffOp::equal}, {"  b", DiffOp::equal}, {"  ", DiffOp::equal}}));
+    EXPECT_TRUE(a.m.text().isEmpty());
+
+    Tab b;
+    b.pin(handMadeHistory(two, "Notes.txt", {"x\ny\nz", "a\nb"}, "a\r\nc"));
+    b.m.show(true);
+    b.settle();
+    EXPECT_EQ(b.m.diffLines(), (QList<DiffLine>{{"  a", DiffOp::equal}, {"- b", DiffOp::del}, {"+ c", DiffOp::add}}));
+    EXPECT_EQ(b.m.status(), "1 line differ from the document on the drive now.");
+    b.m.selectVersion(1);  // another version while comparing: compared again
+    b.settle();
+    EXPECT_TRUE(b.m.showingDiff());
+    EXPECT_EQ(b.m.status(), "3 lines differ from the document on the drive now.");
+    b.m.show(false);
+    b.settle();
+    EXPECT_EQ(b.m.text(), "x\ny\nz");
+    EXPECT_TRUE(b.m.diffLines().isEmpty());
+}
+
+TEST(HistoryChain, TextsTooLargeToCompareAreNotCalledIdentical) {
     TempDir dir;
-    HistoryModel m;
-    m.pin(QmVolume{handMadeHistory(dir, "Notes.txt", {"a\nb\n"}, "a\nb\n"), "Q", true});
-    EXPECT_EQ(m.status, "1 version.");
-    EXPECT_EQ(m.text, "a\nb\n");
-    m.show(true);
-    EXPECT_EQ(m.status, "This version is identical to the document on the drive now.");
-    ASSERT_EQ(m.diffLines.size(), 3);
-    for (const auto& [line, colour] : m.diffLines) {
-        EXPECT_TRUE(line.startsWith("  "));
-        EXPECT_EQ(colour, HistoryModel::equalColour());
-    }
-    EXPECT_TRUE(m.text.isEmpty());
+    QString old, now;
+    for (int i = 0; i < 1500; ++i) old += QString("old line %1\n").arg(i), now += QString("new line %1\n").arg(i);
+    Tab t;
+    t.pin(handMadeHistory(dir, "Big.txt", {old}, now));
+    t.m.show(true);
+    t.settle();
+    EXPECT_EQ(t.m.status(), "These versions are too large to compare here.");
+    EXPECT_TRUE(t.m.diffLines().isEmpty());
 }
 
-TEST(HistoryChain, ComparisonPrefixesColoursAndCount) {
-    TempDir dir;
-    HistoryModel m;
-    m.pin(QmVolume{handMadeHistory(dir, "Notes.txt", {"x\ny\nz", "a\nb"}, "a\r\nc"), "Q", true});
-    m.show(true);
-    ASSERT_EQ(m.diffLines.size(), 3);
-    EXPECT_EQ(m.diffLines[0], qMakePair(QString("  a"), HistoryModel::equalColour()));
-    EXPECT_EQ(m.diffLines[1], qMakePair(QString("- b"), HistoryModel::deletedColour()));
-    EXPECT_EQ(m.diffLines[2], qMakePair(QString("+ c"), HistoryModel::addedColour()));
-    EXPECT_EQ(m.status, "1 line differ from the document on the drive now.");
-
-    m.selected = 1;  // another version while comparing: compared again
-    m.show(m.showingDiff);
-    EXPECT_TRUE(m.showingDiff);
-    EXPECT_EQ(m.status, "3 lines differ from the document on the drive now.");
-    m.show(false);
-    EXPECT_EQ(m.text, "x\ny\nz");
-    EXPECT_TRUE(m.diffLines.isEmpty());
-}
-
-TEST(HistoryChain, RestoreAddsASavedPointAndShowsTheNewCount) {
+TEST(HistoryChain, RestoreAddsASavedPointAndAFailedOneSaysSo) {
     TempDir dir;
     QString root = handMadeHistory(dir, "Notes.txt", {"first", "second", "third"}, "third");
-    HistoryModel m;
-    m.pin(QmVolume{root, "Q", true});
-    m.selected = 1;
-    m.revert();
-    EXPECT_EQ(m.status, "4 versions.");
-    ASSERT_EQ(m.versions.size(), 4);
-    EXPECT_EQ(m.versions.first().id, 4);
-    EXPECT_EQ(HistoryModel::kindLabel(m.versions.first().kind), "saved point");
-    EXPECT_EQ(m.versions.first().tag, "reverted to version 1");
+    Tab t;
+    t.pin(root);
+    t.m.selectVersion(1);
+    t.m.revert();
+    t.settle();
+    const QList<DocVersion>& v = t.m.versions();
+    EXPECT_EQ(t.m.status(), "4 versions.");
+    ASSERT_EQ(v.size(), 4);
+    EXPECT_EQ(v.first().id, 4);
+    EXPECT_EQ(HistoryModel::versionLabel(v.first()), v.first().when + "   saved point   reverted to version 1");
     EXPECT_EQ(History::liveDocument(root, "Notes.txt"), "first");
-    EXPECT_EQ(m.text, "first");
-    EXPECT_EQ(HistoryModel::versionLabel(m.versions.first()),
-              m.versions.first().when + "   saved point   reverted to version 1");
+    EXPECT_EQ(t.m.text(), "first");
+
+    QDir(root + "/.qmv/Notes.txt").remove("v2.txt");
+    t.m.selectVersion(2);
+    t.settle();
+    EXPECT_TRUE(t.m.text().isEmpty());  // a version that cannot be read shows as empty text
+    t.m.revert();
+    t.settle();
+    EXPECT_EQ(t.m.status(), "Could not restore: could not read or write the drive");
+    EXPECT_EQ(t.m.versions().size(), 4);  // the lists were reloaded all the same
+    EXPECT_EQ(History::liveDocument(root, "Notes.txt"), "first");
 }
 
-TEST(HistoryChain, DrivesWithoutHistoryAndBrokenHistoriesSayWhy) {
-    TempDir none;
-    HistoryModel a;
-    a.pin(QmVolume{deckDrive(none, deck::StatsState::Normal, 0), "Q", true});
-    EXPECT_EQ(a.status, HistoryModel::kNoHistoryStatus);
-    EXPECT_TRUE(a.documents.isEmpty());
+TEST(HistoryChain, NoDriveNoHistoryAndNoLogSayWhy) {
+    Tab none;
+    EXPECT_EQ(none.m.status(), HistoryModel::kNoDriveStatus);
+    none.m.loadDocuments();
+    EXPECT_TRUE(none.m.documents().isEmpty());
+    EXPECT_EQ(none.m.status(), HistoryModel::kNoDriveStatus);
+
+    TempDir bare;
+    Tab a;
+    a.pin(deckDrive(bare, deck::StatsState::Normal, 0));
+    EXPECT_EQ(a.m.status(), HistoryModel::kNoHistoryStatus);
+    EXPECT_TRUE(a.m.documents().isEmpty());
 
     TempDir noLog;
     QString root = handMadeHistory(noLog, "Notes.txt", {"one"}, "one");
     QDir(root + "/.qmv/Notes.txt").remove("history.log");
-    HistoryModel b;
-    b.pin(QmVolume{root, "Q", true});
-    EXPECT_EQ(b.status, "unknown error");  // the core has no message of its own for a missing log
-    EXPECT_TRUE(b.versions.isEmpty());
-
-    TempDir missing;
-    root = handMadeHistory(missing, "Notes.txt", {"one", "two"}, "two");
-    QDir(root + "/.qmv/Notes.txt").remove("v1.txt");
-    HistoryModel c;
-    c.pin(QmVolume{root, "Q", true});
-    c.selected = 1;
-    c.show(false);
-    EXPECT_TRUE(c.text.isEmpty());
-    c.revert();
-    EXPECT_EQ(c.status, "2 versions.");  // the failure text is replaced by the reload, as designed
-    EXPECT_EQ(History::liveDocument(root, "Notes.txt"), "two");
+    Tab b;
+    b.pin(root);
+    EXPECT_EQ(b.m.status(), "This document has no history log yet.");
+    EXPECT_TRUE(b.m.versions().isEmpty());
 }
 
-TEST(HistoryChain, NoDrive) {
-    HistoryModel m;
-    EXPECT_EQ(m.status, HistoryModel::kNoDriveStatus);
-    m.loadDocuments();
-    EXPECT_TRUE(m.documents.isEmpty());
-    EXPECT_FALSE(m.selected);
-    EXPECT_EQ(HistoryModel::kindLabel('x'), "changed elsewhere");
-    EXPECT_EQ(HistoryModel::kindLabel('q'), "auto");
+TEST(HistoryChain, KindLabels) {
+    for (auto [kind, label] : {std::pair{'t', "saved point"}, {'x', "changed elsewhere"}, {'q', "auto"}})
+        EXPECT_EQ(HistoryModel::kindLabel(QLatin1Char(kind)), label);
 }
 
 }  // namespace

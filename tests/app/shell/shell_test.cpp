@@ -2,10 +2,10 @@
 #include <gtest/gtest.h>
 
 #include <QComboBox>
+#include <QDir>
 #include <QListWidget>
 #include <QMessageBox>
 #include <QPushButton>
-#include <QSignalSpy>
 #include <QTabWidget>
 #include <QTest>
 
@@ -35,8 +35,11 @@ TEST(Dispatch, FirstApplicableRowWins) {
     EXPECT_EQ(valueAfter({"a", "--shot", "d", "--shot", "e"}, "--shot"), "d");
 }
 
-TEST(MainWindowFrame, TitleFixedTabFrameAndTabsInOrder) {
+TEST(MainWindowFrame, TitleFixedTabFrameTabsInOrderAndEveryTabOnTheStartDrive) {
+    TempDir dir;
+    QString root = deckDrive(dir, deck::StatsState::Normal, 2);
     QuillmateFlasherApp app;
+    app.start({"quillmate-flasher", "--drive", root + "/"});
     MainWindow w(&app);
     w.show();
     EXPECT_EQ(w.windowTitle(), "Quillmate");
@@ -46,24 +49,12 @@ TEST(MainWindowFrame, TitleFixedTabFrameAndTabsInOrder) {
     EXPECT_EQ(labels, (QStringList{"Statistics", "History"}));
     EXPECT_EQ(w.tabs()->currentIndex(), 0);
     EXPECT_EQ(w.minimumSize(), w.maximumSize());  // sized by its content, not resizable
-}
 
-TEST(StatsView, ShowsWhatTheModelHoldsAfterALoad) {
-    TempDir dir;
-    StatsModel model;
-    StatsTab tab(&model);
-    EXPECT_EQ(tab.total("Writing sessions"), "—");
-    EXPECT_EQ(tab.findChild<QListWidget*>()->item(0)->text(), "No writing days recorded yet.");
-    QSignalSpy loaded(&model, &StatsModel::loaded);
-    model.pin(QmVolume{deckDrive(dir, deck::StatsState::Normal), "SAMPLE", true});
-    ASSERT_TRUE(loaded.wait(20000));
-    EXPECT_EQ(tab.total("Writing sessions"), QLocale().toString(model.summary()->sessions));
-    EXPECT_EQ(tab.total("Characters typed"), QLocale().toString(model.summary()->chars));
-    EXPECT_EQ(tab.total("Writing time"), StatsTab::duration(model.summary()->write_secs));
-    auto* days = tab.findChild<QListWidget*>();
-    EXPECT_EQ(days->count(), model.days().size());
-    EXPECT_TRUE(days->item(0)->text().startsWith(StatsText::date(model.days().last().day)));
-    EXPECT_EQ(tab.findChild<QComboBox*>()->currentText(), "SAMPLE");
+    ASSERT_TRUE(QTest::qWaitFor([&] { return !app.busy(); }, 20000));
+    EXPECT_EQ(app.drives.volumes(), (QList<QmVolume>{{root + "/", QDir(root).dirName(), true}}));
+    EXPECT_TRUE(app.stats.summary());
+    EXPECT_EQ(app.history.documents().size(), 2);
+    for (QComboBox* picker : w.findChildren<QComboBox*>()) EXPECT_EQ(picker->currentText(), QDir(root).dirName());
 }
 
 QPushButton* button(QWidget* w, const QString& text) {
@@ -72,39 +63,72 @@ QPushButton* button(QWidget* w, const QString& text) {
     return nullptr;
 }
 
+TEST(StatsView, ShowsWhatTheModelHoldsAfterALoad) {
+    TempDir dir;
+    DriveSelection drives;
+    StatsModel model(&drives);
+    StatsTab tab(&model);
+    EXPECT_EQ(tab.total("Writing sessions"), "—");
+    EXPECT_EQ(tab.findChild<QListWidget*>()->item(0)->text(), "No writing days recorded yet.");
+    EXPECT_EQ(tab.findChild<QComboBox*>()->currentText(), "No drives found");
+    drives.pin({QmVolume{deckDrive(dir, deck::StatsState::Normal), "SAMPLE", true}});
+    EXPECT_FALSE(button(&tab, "Refresh")->isEnabled());  // while the drive is read
+    ASSERT_TRUE(QTest::qWaitFor([&] { return !model.busy(); }, 20000));
+    EXPECT_TRUE(button(&tab, "Refresh")->isEnabled());
+    EXPECT_EQ(tab.total("Writing sessions"), QLocale().toString(model.summary()->sessions));
+    EXPECT_EQ(tab.total("Writing time"), StatsTab::duration(model.summary()->write_secs));
+    auto* days = tab.findChild<QListWidget*>();
+    EXPECT_EQ(days->count(), model.days().size());
+    EXPECT_TRUE(days->item(0)->text().startsWith(StatsText::date(model.days().last().day)));
+    EXPECT_EQ(tab.findChild<QComboBox*>()->currentText(), "SAMPLE");
+}
+
 TEST(HistoryView, ListsFollowTheModelAndTheConfirmationGatesTheRestore) {
     TempDir dir;
-    HistoryModel model;
+    DriveSelection drives;
+    HistoryModel model(&drives);
     HistoryTab tab(&model);
     tab.show();
+    auto settle = [&] { ASSERT_TRUE(QTest::qWaitFor([&] { return !model.busy(); }, 20000)); };
     EXPECT_FALSE(button(&tab, "Put this version back")->isEnabled());
-    model.pin(QmVolume{deckDrive(dir, deck::StatsState::Normal, 2), "SAMPLE", true});
+    drives.pin({QmVolume{deckDrive(dir, deck::StatsState::Normal, 2), "SAMPLE", true}});
+    settle();
     QList<QListWidget*> lists = tab.findChildren<QListWidget*>();
     QListWidget* docs = lists[0];
     QListWidget* versions = lists[1];
     EXPECT_EQ(docs->count(), 2);
-    EXPECT_EQ(versions->count(), model.versions.size());
-    EXPECT_EQ(versions->item(0)->text(), HistoryModel::versionLabel(model.versions.first()));
-    int before = int(model.versions.size());
+    EXPECT_EQ(versions->count(), model.versions().size());
+    EXPECT_EQ(versions->item(0)->text(), HistoryModel::versionLabel(model.versions().first()));
+    int before = int(model.versions().size());
 
     versions->setCurrentRow(before - 1);  // the oldest version
-    EXPECT_EQ(model.selected, model.versions.last().id);
+    EXPECT_EQ(model.selected(), model.versions().last().id);
+    settle();
     QTest::mouseClick(button(&tab, "Put this version back"), Qt::LeftButton);
     ASSERT_TRUE(tab.confirmation());
     EXPECT_EQ(tab.confirmation()->windowTitle(), "Restore a version");
     tab.confirmation()->button(QMessageBox::Cancel)->click();
-    EXPECT_EQ(model.versions.size(), before);
+    settle();
+    EXPECT_EQ(model.versions().size(), before);
 
     QTest::mouseClick(button(&tab, "Put this version back"), Qt::LeftButton);
     ASSERT_TRUE(tab.confirmation());
     for (QAbstractButton* b : tab.confirmation()->buttons())
         if (b->text() == "Put this version back") b->click();
-    EXPECT_EQ(model.versions.size(), before + 1);
+    settle();
+    EXPECT_EQ(model.versions().size(), before + 1);
     EXPECT_EQ(versions->count(), before + 1);
-    EXPECT_EQ(model.status, QString("%1 versions.").arg(before + 1));
+    EXPECT_EQ(model.status(), QString("%1 versions.").arg(before + 1));
+
+    QTest::mouseClick(button(&tab, "Compare with now"), Qt::LeftButton);
+    settle();
+    QListWidget* comparison = lists[2];
+    ASSERT_GT(comparison->count(), 0);
+    EXPECT_EQ(comparison->item(0)->foreground().color(), HistoryTab::colourOf(model.diffLines()[0].op));
 
     docs->setCurrentRow(1);
-    EXPECT_EQ(model.document, model.documents[1]);
+    settle();
+    EXPECT_EQ(model.document(), model.documents()[1]);
 }
 
 }  // namespace

@@ -1,8 +1,9 @@
-// The statistics model's status texts on deck-written drives, and the heat map's calendar and colours.
+// The statistics model's status texts on deck-written drives, its background loads, and the
+// heat map's calendar and colours.
 #include <gtest/gtest.h>
 
 #include <QFile>
-#include <QSignalSpy>
+#include <QTest>
 
 #include "deck_drive.h"
 #include "heatmap_calendar.h"
@@ -16,10 +17,10 @@ const QString kUnreadable =
     "The statistics on this drive could not be read.\n\nQuillmate has stopped writing to them rather than overwrite "
     "what is there, so nothing is lost yet. Do not delete stats.db or stats.bak.";
 
-void loadPinned(StatsModel& m, const QmVolume& v) {
-    QSignalSpy loaded(&m, &StatsModel::loaded);
-    m.pin(v);
-    if (loaded.isEmpty()) ASSERT_TRUE(loaded.wait(20000));
+void loadPinned(DriveSelection& drives, StatsModel& m, const QList<QmVolume>& volumes) {
+    drives.pin(volumes);
+    EXPECT_TRUE(m.busy());
+    ASSERT_TRUE(QTest::qWaitFor([&] { return !m.busy(); }, 20000));
 }
 
 TEST(StatsModelStatus, EachDriveStateSaysWhereTheFiguresCameFrom) {
@@ -27,6 +28,7 @@ TEST(StatsModelStatus, EachDriveStateSaysWhereTheFiguresCameFrom) {
         deck::StatsState state;
         QString status;  // "%1" stands for the seq read
         bool figures;
+        bool hasKey = true;
     } cases[] = {
         {deck::StatsState::Normal, "Read from stats.db, record %1.", true},
         {deck::StatsState::NewerBak, "Read from stats.bak, record %1.", true},
@@ -35,57 +37,77 @@ TEST(StatsModelStatus, EachDriveStateSaysWhereTheFiguresCameFrom) {
         {deck::StatsState::KeyOnly, kNoStats, false},
         {deck::StatsState::BothDamaged, kUnreadable, false},
         {deck::StatsState::ForeignKey, kUnreadable, false},
+        // A used drive without a key gets one first, so its old statistics no longer read.
+        {deck::StatsState::NoKey, kUnreadable, false, false},
     };
     for (const Case& c : cases) {
         TempDir dir;
-        StatsModel m;
-        loadPinned(m, QmVolume{deckDrive(dir, c.state), "Q", true});
+        DriveSelection drives;
+        StatsModel m(&drives);
+        QString root = deckDrive(dir, c.state);
+        loadPinned(drives, m, {QmVolume{root, "Q", c.hasKey}});
         SCOPED_TRACE(c.status.toStdString());
         ASSERT_EQ(m.summary().has_value(), c.figures);
         EXPECT_EQ(m.status(), c.figures ? QString(c.status).arg(m.summary()->seq) : c.status);
         EXPECT_EQ(m.days().isEmpty(), !c.figures);
+        EXPECT_TRUE(QFile::exists(root + "/.qm/drive.key"));
     }
 }
 
-TEST(StatsModelStatus, KeylessVolumeIsProvisionedFirstSoOldStatisticsNoLongerRead) {
-    TempDir dir;
-    QString root = deckDrive(dir, deck::StatsState::NoKey);
-    StatsModel m;
-    loadPinned(m, QmVolume{root, "Q", false});
-    EXPECT_TRUE(QFile::exists(root + "/.qm/drive.key"));
-    EXPECT_EQ(m.status(), kUnreadable);
-}
-
 TEST(StatsModelStatus, NoSelectionAndNotADrive) {
-    StatsModel m;
+    DriveSelection drives;
+    StatsModel m(&drives);
     EXPECT_EQ(m.status(), "Plug in a Quillmate drive and press Refresh.");
     TempDir empty;
-    loadPinned(m, QmVolume{QString::fromStdString(empty.path()), "Q", true});
+    loadPinned(drives, m, {QmVolume{QString::fromStdString(empty.path()), "Q", true}});
     EXPECT_EQ(m.status(), "not a Quillmate drive");
 }
 
+TEST(StatsModelLoading, AnOvertakenLoadIsDroppedAndRefreshWaitsForTheLoad) {
+    TempDir a, b;
+    DriveSelection drives;
+    StatsModel m(&drives);
+    QString first = deckDrive(a, deck::StatsState::Normal), second = deckDrive(b, deck::StatsState::KeyOnly);
+    drives.pin({QmVolume{first, "A", true}, QmVolume{second, "B", true}});
+    ASSERT_TRUE(m.busy());
+    m.rescan();  // ignored while busy: the selection stays on the second drive chosen below
+    m.select(second);
+    int loads = 0;
+    QObject::connect(&m, &StatsModel::loaded, [&] { ++loads; });
+    ASSERT_TRUE(QTest::qWaitFor([&] { return !m.busy(); }, 20000));
+    EXPECT_EQ(loads, 1);
+    EXPECT_EQ(m.selection(), second);
+    EXPECT_EQ(m.status(), kNoStats);
+    EXPECT_FALSE(m.summary());
+}
+
+TEST(StatsModelLoading, DestroyingTheModelDuringALoadIsSafe) {
+    TempDir dir;
+    DriveSelection drives;
+    auto* m = new StatsModel(&drives);
+    drives.pin({QmVolume{deckDrive(dir, deck::StatsState::Normal), "Q", true}});
+    ASSERT_TRUE(m->busy());
+    delete m;                                  // waits for the running read, delivers nothing
+    QTest::qWait(50);                          // no late delivery may reach the deleted model
+    EXPECT_TRUE(QFile::exists(QString::fromStdString(dir / "stats.db")));
+}
+
 TEST(StatsText, DurationAtItsBoundaries) {
-    EXPECT_EQ(StatsText::duration(0), "0s");
-    EXPECT_EQ(StatsText::duration(59), "59s");
-    EXPECT_EQ(StatsText::duration(60), "1m 0s");
-    EXPECT_EQ(StatsText::duration(303), "5m 3s");
-    EXPECT_EQ(StatsText::duration(3599), "59m 59s");
-    EXPECT_EQ(StatsText::duration(3600), "1h 0m");
-    EXPECT_EQ(StatsText::duration(7500), "2h 5m");
-    EXPECT_EQ(StatsText::duration(4294967295u), "1193046h 28m");
+    const std::pair<uint32_t, const char*> cases[] = {{0, "0s"},         {59, "59s"},      {60, "1m 0s"},
+                                                      {3599, "59m 59s"}, {3600, "1h 0m"},  {7500, "2h 5m"},
+                                                      {4294967295u, "1193046h 28m"}};
+    for (auto [secs, text] : cases) EXPECT_EQ(StatsText::duration(secs), text) << secs;
 }
 
 TEST(Heatmap, ShadesByShareOfThePeakWithInclusiveUpperBounds) {
-    auto rgb = [](const QColor& c) { return std::array<int, 3>{c.red(), c.green(), c.blue()}; };
-    auto from = [&](float r, float g, float b) { return rgb(QColor::fromRgbF(r, g, b)); };
-    EXPECT_EQ(rgb(HeatmapCalendar::shade(0, 100)), from(0.88f, 0.88f, 0.88f));
-    EXPECT_EQ(rgb(HeatmapCalendar::shade(1, 100)), from(0.69f, 0.80f, 0.89f));
-    EXPECT_EQ(rgb(HeatmapCalendar::shade(25, 100)), from(0.69f, 0.80f, 0.89f));
-    EXPECT_EQ(rgb(HeatmapCalendar::shade(26, 100)), from(0.42f, 0.65f, 0.82f));
-    EXPECT_EQ(rgb(HeatmapCalendar::shade(50, 100)), from(0.42f, 0.65f, 0.82f));
-    EXPECT_EQ(rgb(HeatmapCalendar::shade(80, 100)), from(0.17f, 0.46f, 0.71f));
-    EXPECT_EQ(rgb(HeatmapCalendar::shade(81, 100)), from(0.06f, 0.29f, 0.52f));
-    EXPECT_EQ(rgb(HeatmapCalendar::shade(100, 100)), from(0.06f, 0.29f, 0.52f));
+    const std::pair<uint32_t, std::array<float, 3>> cases[] = {
+        {0, {0.88f, 0.88f, 0.88f}},  {1, {0.69f, 0.80f, 0.89f}},  {25, {0.69f, 0.80f, 0.89f}},
+        {26, {0.42f, 0.65f, 0.82f}}, {50, {0.42f, 0.65f, 0.82f}}, {80, {0.17f, 0.46f, 0.71f}},
+        {81, {0.06f, 0.29f, 0.52f}}, {100, {0.06f, 0.29f, 0.52f}}};
+    for (auto [words, rgb] : cases) {
+        QColor got = HeatmapCalendar::shade(words, 100), want = QColor::fromRgbF(rgb[0], rgb[1], rgb[2]);
+        EXPECT_EQ(got.rgb(), want.rgb()) << words;
+    }
 }
 
 TEST(Heatmap, CalendarCoversFiftyThreeWeeksEndingAtTheLatestDay) {

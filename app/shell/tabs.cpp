@@ -1,0 +1,14 @@
+#include "tabs.h"
+
+#include "app_object.h"
+#include "history_tab.h"
+#include "stats_tab.h"
+
+namespace {
+const TabEntry kTabs[] = {
+    {"Statistics", "mac-stats", [](QuillmateFlasherApp* app) -> QWidget* { return new StatsTab(&app->stats); }},
+    {"History", "mac-history", [](QuillmateFlasherApp* app) -> QWidget* { return new HistoryTab(&app->history); }},
+};
+}  // namespace
+
+std::span<const TabEntry> tabTable() { return kTabs; }

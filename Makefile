@@ -1,5 +1,5 @@
 # The two set-up commands of the README, and a few helpers for developers.
-.PHONY: run test bootstrap build sanitizers bench fuzz clean
+.PHONY: run test bootstrap build sanitizers tsan bench fuzz clean
 
 BUILD := build/dev
 DECK := $(BUILD)/tools/qm-deck/qm-deck
@@ -18,12 +18,16 @@ run: build
 	  $(APP) --shot $(SHOTS) --drive $(SAMPLE) && echo "Open the images in $(SHOTS)/"; \
 	fi
 
-# Everything: the suite on the optimised build, again under ASan + UBSan, then the fuzz smoke runs.
+# Everything: the suite on the optimised build, again under ASan + UBSan, the application and
+# threading tests under ThreadSanitizer, then the fuzz smoke runs.
 test: build
 	ctest --preset dev -j2
 	cmake --preset sanitizers >/dev/null
 	cmake --build --preset sanitizers
 	ctest --preset sanitizers -j2
+	cmake --preset tsan >/dev/null
+	cmake --build --preset tsan
+	ctest --preset tsan -j2
 	cmake --preset fuzz >/dev/null
 	cmake --build --preset fuzz
 	ctest --preset fuzz
@@ -39,6 +43,11 @@ sanitizers: bootstrap
 	cmake --preset sanitizers >/dev/null
 	cmake --build --preset sanitizers
 	ctest --preset sanitizers -j2
+
+tsan: bootstrap
+	cmake --preset tsan >/dev/null
+	cmake --build --preset tsan
+	ctest --preset tsan -j2
 
 bench: bootstrap
 	cmake --preset release >/dev/null

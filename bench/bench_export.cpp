@@ -54,6 +54,20 @@ int main() {
     char label[96];
     std::snprintf(label, sizeof label, "qm_export_json x2 (%u days, %d bytes)", sum.n_days, len);
     report(label, export_ms, "qm_open of the same drive", open_ms);
+
+    // A date costs the same at the end of the day range as at its start (goal: ratio about 1).
+    auto dates_of = [](uint32_t first) {
+        unsigned sum = 0;
+        for (uint32_t i = 0; i < 10000; ++i) {
+            unsigned y, m, d;
+            qm_day_to_ymd(first + i, &y, &m, &d);
+            sum += y + m + d;
+        }
+        keep(sum);
+    };
+    double top_ms = median_ms(200, [&] { dates_of(UINT32_MAX - 9999); });
+    double first_ms = median_ms(200, [&] { dates_of(1); });
+    report("qm_day_to_ymd of the last 10,000 days", top_ms, "of days 1 to 10,000", first_ms);
     qm_close(h);
     std::system((std::string("rm -rf '") + tmpl + "'").c_str());
     return sum.n_days == QM_RING_SLOTS ? 0 : 1;

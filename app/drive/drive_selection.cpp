@@ -11,11 +11,7 @@ std::optional<QmVolume> DriveSelection::volume() const {
 }
 
 void DriveSelection::rescan() {
-    if (pinned_) {
-        emit changed();  // the pinned drive is read again, as Refresh promises
-        return;
-    }
-    runScan([] { return Volumes::scan(); });
+    if (!pinned_) runScan([] { return Volumes::scan(); });
 }
 
 void DriveSelection::pin(const QString& path, const QString& name) {

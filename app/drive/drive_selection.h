@@ -22,7 +22,7 @@ public:
     bool pinned() const { return pinned_; }
     bool scanning() const { return pending_ > 0; }
 
-    // Lists the mounted drives in the background and selects the first; a pinned selection stays.
+    // Lists the mounted drives in the background and selects the first; does nothing once pinned.
     void rescan();
     void select(const QString& path);
     // Makes the folder at path the only volume, named as given, and keeps it across rescans.

@@ -44,7 +44,7 @@ public:
     const QString& status() const { return state_.status; }
     bool busy() const { return pending_ > 0; }
 
-    // Scans the mounted volumes again; a pinned selection stays as it is.
+    // Scans the mounted volumes again; does nothing while the selection is pinned.
     void rescan();
     void loadDocuments();
     void selectDocument(const QString& doc);

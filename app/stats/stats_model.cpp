@@ -39,7 +39,11 @@ StatsModel::Reading StatsModel::read(const QmVolume& volume) {
 }
 
 void StatsModel::rescan() {
-    if (!busy()) selection_->rescan();
+    if (busy()) return;
+    if (selection_->pinned())
+        load();  // the one drive there is, read afresh
+    else
+        selection_->rescan();
 }
 
 void StatsModel::select(const QString& path) { selection_->select(path); }

@@ -25,7 +25,7 @@ public:
     // True while the selected drive is being read (and provisioned when it has no key yet).
     bool busy() const { return pending_ > 0; }
 
-    // Scans the mounted volumes again (a pinned selection stays); ignored while busy.
+    // Scans the mounted volumes again, or reads a pinned drive afresh; ignored while busy.
     void rescan();
     // Reads the selected drive in the background; loaded() follows.
     void load();

@@ -41,7 +41,8 @@ TEST(UpdateVerify, AcceptsOpenSslSignaturesAndRejectsAnyChange) {
         const std::string m = message("linux", round % 2 ? "stable" : "beta", std::to_string(round).c_str(), rng());
         std::unique_ptr<EVP_MD_CTX, decltype(&EVP_MD_CTX_free)> c(EVP_MD_CTX_new(), EVP_MD_CTX_free);
         ASSERT_EQ(EVP_DigestSignInit(c.get(), nullptr, nullptr, nullptr, signer.get()), 1);
-        ASSERT_EQ(EVP_DigestSign(c.get(), sig, &(n = 64), reinterpret_cast<const uint8_t*>(m.data()), m.size()), 1);
+        size_t sig_len = 64;
+        ASSERT_EQ(EVP_DigestSign(c.get(), sig, &sig_len, reinterpret_cast<const uint8_t*>(m.data()), m.size()), 1);
         ASSERT_EQ(qm_update_verify(m.c_str(), sig, pub), 1) << m;
         pub[round % 32] ^= 0x01;  // another key
         EXPECT_EQ(qm_update_verify(m.c_str(), sig, pub), 0);

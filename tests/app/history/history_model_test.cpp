@@ -152,9 +152,4 @@ TEST(HistoryChain, NoDriveNoHistoryAndNoLogSayWhy) {
     EXPECT_TRUE(b.m.versions().isEmpty());
 }
 
-TEST(HistoryChain, KindLabels) {
-    for (auto [kind, label] : {std::pair{'t', "saved point"}, {'x', "changed elsewhere"}, {'q', "auto"}})
-        EXPECT_EQ(HistoryModel::kindLabel(QLatin1Char(kind)), label);
-}
-
 }  // namespace

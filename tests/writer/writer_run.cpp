@@ -1,0 +1,85 @@
+#include "writer_run.h"
+
+#include <fcntl.h>
+#include <fstream>
+#include <iterator>
+#include <sstream>
+#include <stdexcept>
+#include <sys/wait.h>
+#include <unistd.h>
+
+int run_command(const std::vector<std::string>& argv, std::string* out) {
+    int pipefd[2];
+    if (pipe(pipefd) != 0) throw std::runtime_error("pipe");
+    pid_t pid = fork();
+    if (pid == 0) {
+        dup2(pipefd[1], STDOUT_FILENO);
+        int devnull = open("/dev/null", O_WRONLY);
+        if (!out) dup2(devnull, STDOUT_FILENO);
+        dup2(devnull, STDERR_FILENO);
+        close(pipefd[0]);
+        std::vector<char*> args;
+        for (const auto& a : argv) args.push_back(const_cast<char*>(a.c_str()));
+        args.push_back(nullptr);
+        execvp(args[0], args.data());
+        _exit(127);
+    }
+    close(pipefd[1]);
+    std::string collected;
+    char buf[65536];
+    for (ssize_t n; (n = read(pipefd[0], buf, sizeof buf)) > 0;) collected.append(buf, static_cast<size_t>(n));
+    close(pipefd[0]);
+    int status = 0;
+    waitpid(pid, &status, 0);
+    if (out) *out = std::move(collected);
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
+
+WriterRun run_writer(const std::vector<std::string>& args) {
+    std::vector<std::string> argv{QM_WRITER_PATH};
+    argv.insert(argv.end(), args.begin(), args.end());
+    std::string out;
+    WriterRun run;
+    run.exit_code = run_command(argv, &out);
+    std::istringstream in(out);
+    for (std::string line; std::getline(in, line);) run.lines.push_back(line);
+    return run;
+}
+
+std::string WriterRun::err_line() const {
+    for (const auto& l : lines)
+        if (l.rfind("ERR ", 0) == 0) return l;
+    return "";
+}
+
+std::string gunzip(const std::string& gz_path) {
+    std::string out;
+    if (run_command({"gzip", "-dc", gz_path}, &out) != 0) throw std::runtime_error("gzip -dc " + gz_path);
+    return out;
+}
+
+std::string read_prefix(const std::string& path, size_t bytes) {
+    std::ifstream f(path, std::ios::binary);
+    std::string data(bytes, '\0');
+    f.read(data.data(), static_cast<std::streamsize>(bytes));
+    data.resize(static_cast<size_t>(f.gcount()));
+    return data;
+}
+
+void fill_file(const std::string& path, size_t bytes, char value) {
+    std::ofstream f(path, std::ios::binary | std::ios::trunc);
+    std::string block(1 << 20, value);
+    for (size_t done = 0; done < bytes; done += block.size())
+        f.write(block.data(), static_cast<std::streamsize>(std::min(block.size(), bytes - done)));
+}
+
+LoopDevice::LoopDevice(const std::string& backing_file, const std::vector<std::string>& losetup_flags) {
+    std::vector<std::string> argv{"losetup", "--find", "--show", "--direct-io=on"};
+    argv.insert(argv.end(), losetup_flags.begin(), losetup_flags.end());
+    argv.push_back(backing_file);
+    std::string out;
+    if (run_command(argv, &out) != 0) throw std::runtime_error("losetup failed for " + backing_file);
+    path_ = out.substr(0, out.find('\n'));
+}
+
+LoopDevice::~LoopDevice() { run_command({"losetup", "-d", path_}); }

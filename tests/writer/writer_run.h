@@ -1,0 +1,34 @@
+// Helpers for the writer tests: running the writer and shell tools, and loop devices.
+#pragma once
+#include <cstdint>
+#include <string>
+#include <vector>
+
+struct WriterRun {
+    int exit_code = -1;
+    std::vector<std::string> lines;  // stdout, one entry per line
+    std::string err_line() const;    // the ERR line, or ""
+    bool done() const { return !lines.empty() && lines.back() == "DONE"; }
+};
+
+WriterRun run_writer(const std::vector<std::string>& args);
+
+// Runs a command without a shell; returns its exit code and, if asked, its stdout.
+int run_command(const std::vector<std::string>& argv, std::string* out = nullptr);
+
+std::string gunzip(const std::string& gz_path);
+std::string read_prefix(const std::string& path, size_t bytes);
+void fill_file(const std::string& path, size_t bytes, char value);
+
+// A loop device over a file of its own, detached again on every way out of a test.
+class LoopDevice {
+public:
+    LoopDevice(const std::string& backing_file, const std::vector<std::string>& losetup_flags);
+    ~LoopDevice();
+    LoopDevice(const LoopDevice&) = delete;
+    LoopDevice& operator=(const LoopDevice&) = delete;
+    const std::string& path() const { return path_; }
+
+private:
+    std::string path_;
+};

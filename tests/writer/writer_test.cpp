@@ -1,0 +1,217 @@
+// The writer run as the app runs it: stdout protocol, bytes on the target, refusals.
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <fcntl.h>
+#include <filesystem>
+#include <thread>
+#include <unistd.h>
+
+#include "temp_dir.h"
+#include "writer_run.h"
+
+namespace {
+
+constexpr size_t kMiB = 1024 * 1024;
+const std::vector<std::string> kImages = {"uefi_fat32", "uefi_exfat", "bios_fat32", "bios_exfat"};
+const std::vector<std::string> kInflaters = {"--inflater=zlib", "--inflater=isal"};
+
+std::string sample(const std::string& name) { return std::string(QM_SAMPLE_IMAGE_DIR) + "/" + name + ".img.gz"; }
+
+struct Progress {
+    uint64_t done, total;
+};
+
+std::vector<Progress> progress_lines(const WriterRun& run, char tag) {
+    std::vector<Progress> out;
+    for (const auto& l : run.lines) {
+        unsigned long long d = 0, t = 0;
+        if (l.size() > 2 && l[0] == tag && l[1] == ' ' && std::sscanf(l.c_str() + 2, "%llu %llu", &d, &t) == 2)
+            out.push_back({d, t});
+    }
+    return out;
+}
+
+// A successful run: P from 0 up to the total, never backwards; then V up to the total; DONE.
+void expect_complete_protocol(const WriterRun& run, uint64_t total) {
+    ASSERT_EQ(run.exit_code, 0) << run.err_line();
+    ASSERT_TRUE(run.done());
+    for (char tag : {'P', 'V'}) {
+        auto lines = progress_lines(run, tag);
+        ASSERT_FALSE(lines.empty()) << tag;
+        EXPECT_EQ(lines.front().done, 0u) << tag;
+        EXPECT_EQ(lines.back().done, total) << tag;
+        for (size_t i = 0; i < lines.size(); ++i) {
+            EXPECT_EQ(lines[i].total, total) << tag;
+            if (i > 0) {
+                EXPECT_GE(lines[i].done, lines[i - 1].done) << tag;
+            }
+        }
+    }
+    EXPECT_EQ(run.err_line(), "");
+}
+
+bool is_root() { return geteuid() == 0; }
+
+}  // namespace
+
+TEST(WriterToFile, EachSampleWithEachInflaterMatchesGunzip) {
+    TempDir dir;
+    for (const auto& image : kImages) {
+        std::string expected = gunzip(sample(image));
+        for (const auto& inflater : kInflaters) {
+            SCOPED_TRACE(image + " " + inflater);
+            std::string target = dir / "target.img";
+            fill_file(target, 64 * kMiB, '\x5a');  // longer than the image: must be cut to size
+            WriterRun run = run_writer({"--allow-regular-file", inflater, sample(image), target});
+            expect_complete_protocol(run, expected.size());
+            EXPECT_TRUE(slurp(target) == expected);
+        }
+    }
+}
+
+TEST(WriterToFile, BrokenImagesStopWithoutAPartitionTable) {
+    TempDir dir;
+    std::string good = slurp(sample("uefi_fat32"));
+    std::string head = gunzip(sample("uefi_fat32")).substr(0, kMiB);
+    std::string corrupt = good;
+    for (size_t i = corrupt.size() / 2; i < corrupt.size() / 2 + 64; ++i) corrupt[i] = static_cast<char>(~corrupt[i]);
+    std::string bad_crc = good;
+    bad_crc[bad_crc.size() - 6] ^= 1;
+    struct Case {
+        const char* name;
+        std::string bytes;
+        const char* says;
+    } cases[] = {
+        {"corrupt", corrupt, "corrupt"},
+        {"bad checksum", bad_crc, "corrupt"},
+        {"truncated", good.substr(0, good.size() / 2), "truncated"},
+        {"not gzip", std::string(4096, 'x'), "corrupt"},
+        {"empty", "", "truncated"},
+    };
+    for (const auto& c : cases) {
+        for (const auto& inflater : kInflaters) {
+            SCOPED_TRACE(std::string(c.name) + " " + inflater);
+            spit(dir / "bad.img.gz", c.bytes);
+            fill_file(dir / "target.img", 2 * kMiB, '\x5a');
+            WriterRun run = run_writer({"--allow-regular-file", inflater, dir / "bad.img.gz", dir / "target.img"});
+            EXPECT_NE(run.exit_code, 0);
+            EXPECT_FALSE(run.done());
+            EXPECT_NE(run.err_line().find(c.says), std::string::npos) << run.err_line();
+            EXPECT_TRUE(read_prefix(dir / "target.img", kMiB) != head);
+        }
+    }
+}
+
+TEST(WriterRefuses, TargetsThatAreNotDisks) {
+    TempDir dir;
+    fill_file(dir / "file.img", 2 * kMiB, '\x5a');
+    std::string before = slurp(dir / "file.img");
+    std::filesystem::create_directory(dir / "folder");
+    struct Case {
+        std::vector<std::string> args;
+        const char* says;
+    } cases[] = {
+        {{sample("bios_fat32"), dir / "file.img"}, "regular file"},
+        {{sample("bios_fat32"), dir / "missing"}, "does not exist"},
+        {{sample("bios_fat32"), "/dev/null"}, "character device"},
+        {{sample("bios_fat32"), dir / "folder"}, "not a disk"},
+        {{"--allow-regular-file", dir / "missing.gz", dir / "file.img"}, "cannot open the image"},
+        {{"--allow-regular-file", "--inflater=lzma", sample("bios_fat32"), dir / "file.img"}, "unknown inflater"},
+        {{sample("bios_fat32")}, "usage"},
+        {{sample("bios_fat32"), dir / "file.img", "--allow-regular-file"}, "usage"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.args.back());
+        WriterRun run = run_writer(c.args);
+        EXPECT_NE(run.exit_code, 0);
+        ASSERT_EQ(run.lines.size(), 1u) << "nothing but the error";
+        EXPECT_NE(run.err_line().find(c.says), std::string::npos) << run.err_line();
+    }
+    EXPECT_TRUE(slurp(dir / "file.img") == before);
+}
+
+// ---- As root, on loop devices ------------------------------------------------------
+
+class WriterOnLoopDevice : public ::testing::Test {
+protected:
+    void SetUp() override {
+        if (!is_root()) GTEST_SKIP() << "needs root for loop devices";
+    }
+    TempDir dir_;
+};
+
+std::string probe(const std::string& device, uint64_t offset, const char* tag) {
+    std::string out;
+    run_command({"blkid", "-p", "-O", std::to_string(offset), "-o", "value", "-s", tag, device}, &out);
+    return out.substr(0, out.find('\n'));
+}
+
+TEST_F(WriterOnLoopDevice, EachSampleReadsBackAndIsRecognised) {
+    struct Case {
+        const char* image;
+        const char* table;
+        const char* data_fs;
+    } cases[] = {
+        {"uefi_fat32", "gpt", "vfat"},
+        {"uefi_exfat", "gpt", "exfat"},
+        {"bios_fat32", "dos", "vfat"},
+        {"bios_exfat", "dos", "exfat"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.image);
+        std::string expected = gunzip(sample(c.image));
+        fill_file(dir_ / "disk", 64 * kMiB, '\x5a');
+        LoopDevice loop(dir_ / "disk", {});
+        WriterRun run = run_writer({sample(c.image), loop.path()});
+        expect_complete_protocol(run, expected.size());
+        EXPECT_TRUE(read_prefix(loop.path(), expected.size()) == expected);
+        EXPECT_EQ(probe(loop.path(), 0, "PTTYPE"), c.table);
+        EXPECT_EQ(probe(loop.path(), 1 * kMiB, "TYPE"), "vfat");
+        EXPECT_EQ(probe(loop.path(), 9 * kMiB, "TYPE"), c.data_fs);
+    }
+}
+
+TEST_F(WriterOnLoopDevice, RefusesUnsuitableDisksWithoutWriting) {
+    uint64_t image_size = gunzip(sample("uefi_fat32")).size();
+    struct Case {
+        const char* name;
+        size_t disk_size;
+        std::vector<std::string> losetup_flags;
+        bool hold_open_exclusively;
+        std::vector<std::string> says;
+    } cases[] = {
+        {"too small", 32 * kMiB, {}, false, {"too small", std::to_string(32 * kMiB), std::to_string(image_size)}},
+        {"read-only", 64 * kMiB, {"-r"}, false, {"write-protected", "lock switch"}},
+        {"in use", 64 * kMiB, {}, true, {"busy"}},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        fill_file(dir_ / "disk", c.disk_size, '\x5a');
+        std::string before = slurp(dir_ / "disk");
+        LoopDevice loop(dir_ / "disk", c.losetup_flags);
+        int holder = c.hold_open_exclusively ? open(loop.path().c_str(), O_RDONLY | O_EXCL) : -1;
+        WriterRun run = run_writer({sample("uefi_fat32"), loop.path()});
+        if (holder >= 0) close(holder);
+        EXPECT_NE(run.exit_code, 0);
+        EXPECT_FALSE(run.done());
+        for (const auto& word : c.says) EXPECT_NE(run.err_line().find(word), std::string::npos) << run.err_line();
+        EXPECT_TRUE(slurp(dir_ / "disk") == before) << "the disk was written to";
+    }
+}
+
+TEST_F(WriterOnLoopDevice, RefusesAPartition) {
+    spit(dir_ / "disk.gz", slurp(sample("bios_fat32")));
+    std::string disk = gunzip(dir_ / "disk.gz");
+    spit(dir_ / "disk", disk);
+    LoopDevice loop(dir_ / "disk", {"-P"});
+    std::string partition = loop.path() + "p1";
+    for (int i = 0; i < 20 && !std::filesystem::exists(partition); ++i)
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    if (!std::filesystem::exists(partition))
+        GTEST_SKIP() << "this kernel creates no partition devices for loop devices";
+    WriterRun run = run_writer({sample("bios_fat32"), partition});
+    EXPECT_NE(run.exit_code, 0);
+    EXPECT_NE(run.err_line().find("partition"), std::string::npos) << run.err_line();
+    EXPECT_TRUE(slurp(dir_ / "disk") == disk);
+}

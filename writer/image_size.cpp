@@ -1,0 +1,54 @@
+#include "image_size.h"
+
+#include <cerrno>
+#include <cstring>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "aligned_buffer.h"
+#include "file_descriptor.h"
+#include "writer_error.h"
+
+namespace {
+
+// Deflate cannot expand data more than 1032 to 1 (one 258-byte match per ~2 bits).
+constexpr uint64_t kMaxDeflateRatio = 1032;
+constexpr uint64_t kTrailerModulus = 1ull << 32;
+constexpr uint64_t kGzipOverhead = 18;  // smallest header + trailer
+
+uint32_t read_trailer_isize(int fd, uint64_t file_size) {
+    uint8_t b[4];
+    if (pread(fd, b, 4, static_cast<off_t>(file_size - 4)) != 4)
+        throw WriterError(std::string("cannot read the image: ") + std::strerror(errno));
+    return uint32_t(b[0]) | uint32_t(b[1]) << 8 | uint32_t(b[2]) << 16 | uint32_t(b[3]) << 24;
+}
+
+uint64_t count_inflated_bytes(int fd, InflateEngine engine) {
+    auto inflater = make_inflater(engine, fd);
+    AlignedBuffer scratch(4 * kMiB);
+    uint64_t total = 0;
+    while (size_t n = inflater->read(scratch.data(), scratch.size())) total += n;
+    return total;
+}
+
+}  // namespace
+
+// The trailer keeps the size modulo 4 GiB. While the compressed size times the largest
+// possible deflate ratio stays under 4 GiB the trailer is the size itself. Above that the
+// size could be the trailer value plus any multiple of 4 GiB, so the image is decoded once
+// without writing and its bytes counted: slower, but the only rule that is always right
+// (and it catches a corrupt image before the disk is touched).
+ImageSize measure_image(const std::string& path, InflateEngine engine) {
+    FileDescriptor fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    if (!fd) throw WriterError("cannot open the image " + path + ": " + std::strerror(errno));
+    struct stat st{};
+    if (fstat(fd.get(), &st) != 0 || !S_ISREG(st.st_mode))
+        throw WriterError("the image " + path + " is not a regular file");
+    uint64_t compressed = static_cast<uint64_t>(st.st_size);
+    if (compressed < kGzipOverhead) throw_truncated_image();
+
+    uint64_t largest_possible = (compressed - kGzipOverhead) * kMaxDeflateRatio;
+    if (largest_possible < kTrailerModulus) return {compressed, read_trailer_isize(fd.get(), compressed)};
+    return {compressed, count_inflated_bytes(fd.get(), engine)};
+}

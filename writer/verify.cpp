@@ -2,9 +2,11 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <thread>
 #include <unistd.h>
 
 #include "aligned_buffer.h"
+#include "chunk_queue.h"
 #include "protocol.h"
 #include "qm_core.h"
 #include "writer_error.h"
@@ -12,6 +14,7 @@
 namespace {
 
 constexpr size_t kReadBytes = 4 * 1024 * 1024;
+constexpr size_t kReadBuffers = 3;
 
 // O_DIRECT reads must be whole blocks; the device (or file) may end sooner, which is fine.
 size_t read_some(int fd, AlignedBuffer& buffer, uint64_t offset, uint64_t remaining) {
@@ -27,20 +30,54 @@ size_t read_some(int fd, AlignedBuffer& buffer, uint64_t offset, uint64_t remain
     }
 }
 
+// Reads ahead on its own thread so the disk is busy while the last chunk is hashed.
+class ReadThread {
+public:
+    ReadThread(int fd, uint64_t total, ChunkQueue& queue)
+        : queue_(queue), thread_([fd, total, &queue] { run(fd, total, queue); }) {}
+    ~ReadThread() {
+        queue_.stop();
+        thread_.join();
+    }
+
+private:
+    static void run(int fd, uint64_t total, ChunkQueue& queue) {
+        try {
+            for (uint64_t offset = 0; offset < total;) {
+                AlignedBuffer* buffer = queue.take_free();
+                if (!buffer) return;
+                size_t n = read_some(fd, *buffer, offset, total - offset);
+                queue.push_full({buffer, n});
+                offset += n;
+            }
+            queue.push_end();
+        } catch (...) {
+            queue.push_error(std::current_exception());
+        }
+    }
+
+    ChunkQueue& queue_;
+    std::thread thread_;
+};
+
 }  // namespace
 
 void verify_written(const Target& target, uint64_t total, const std::array<uint8_t, 32>& expected) {
     OpenTarget in = open_for_reading(target);
-    AlignedBuffer buffer(kReadBytes);
     ProgressLine progress('V', total);
     progress.start();
     sha256_ctx hash;
     sha256_init(&hash);
-    for (uint64_t checked = 0; checked < total;) {
-        size_t n = read_some(in.fd.get(), buffer, checked, total - checked);
-        sha256_update(&hash, buffer.data(), n);
-        checked += n;
-        progress.update(checked);
+    {
+        ChunkQueue queue(kReadBuffers, kReadBytes);
+        ReadThread reader(in.fd.get(), total, queue);
+        uint64_t checked = 0;
+        for (Chunk c = queue.take_full(); c.buffer; c = queue.take_full()) {
+            sha256_update(&hash, c.buffer->data(), c.length);
+            checked += c.length;
+            queue.give_back(c.buffer);
+            progress.update(checked);
+        }
     }
     progress.finish(total);
     std::array<uint8_t, 32> actual{};

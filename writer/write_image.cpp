@@ -29,21 +29,23 @@ void write_raw(int fd, const uint8_t* data, size_t length, uint64_t offset) {
     }
 }
 
-// Decodes on its own thread into the queue; joined on every way out of write_image.
+// Decodes and hashes on its own thread (hashing costs about as much as writing, so it
+// stays off the writing thread); joined on every way out of write_image.
 class InflateThread {
 public:
-    InflateThread(Inflater& inflater, ChunkQueue& queue)
-        : queue_(queue), thread_([&inflater, &queue] { run(inflater, queue); }) {}
+    InflateThread(Inflater& inflater, ChunkQueue& queue, sha256_ctx& hash)
+        : queue_(queue), thread_([&inflater, &queue, &hash] { run(inflater, queue, hash); }) {}
     ~InflateThread() {
         queue_.stop();
         thread_.join();
     }
 
 private:
-    static void run(Inflater& inflater, ChunkQueue& queue) {
+    static void run(Inflater& inflater, ChunkQueue& queue, sha256_ctx& hash) {
         try {
             while (AlignedBuffer* buffer = queue.take_free()) {
                 size_t n = inflater.read(buffer->data(), buffer->size());
+                sha256_update(&hash, buffer->data(), n);
                 if (n > 0) queue.push_full({buffer, n});
                 if (n < buffer->size()) {
                     queue.push_end();
@@ -112,9 +114,8 @@ WrittenImage write_image(const Target& target, OpenTarget& out, Inflater& inflat
 
     ChunkQueue queue(kChunkCount, kChunkBytes);
     {
-        InflateThread decoder(inflater, queue);
+        InflateThread decoder(inflater, queue, hash);
         for (Chunk c = queue.take_full(); c.buffer; c = queue.take_full()) {
-            sha256_update(&hash, c.buffer->data(), c.length);
             size_t to_head = position < kHeadBytes ? std::min<uint64_t>(kHeadBytes - position, c.length) : 0;
             std::memcpy(head.data() + head_length, c.buffer->data(), to_head);
             head_length += to_head;

@@ -119,9 +119,19 @@ void refuse_system_disk(const Target& t) {
     }
 }
 
+std::string describe_open_error(const std::string& path, int err) {
+    if (err == EBUSY)
+        return path + " is busy: another program is using the disk; close programs that use it "
+                      "(file managers, terminals open on it) and try again";
+    if (err == EROFS || err == EACCES || err == EPERM)
+        return path + " is write-protected or not writable (" + std::strerror(err) +
+               "); if it is an SD card, slide the lock switch on its side away from LOCK";
+    return describe_io_error(err, "open");
+}
+
 void refuse_read_only(const Target& t) {
     int fd = ::open(t.path.c_str(), O_RDONLY | O_CLOEXEC);
-    if (fd < 0) throw WriterError("cannot open " + t.path + ": " + std::strerror(errno));
+    if (fd < 0) throw WriterError(describe_open_error(t.path, errno));
     int ro = 0;
     bool got = ioctl(fd, BLKROGET, &ro) == 0;
     uint64_t size = 0;
@@ -151,20 +161,10 @@ Target inspect_block_device(const std::string& path, dev_t dev) {
     t.disk_name = fs::canonical(sysdir, ec).filename().string();
     if (ec) throw WriterError(path + " is not known to the system as a disk");
     t.devices = disk_and_partitions(t.disk_name, dev);
+    refuse_system_disk(t);  // first: it needs no access to the disk itself
     refuse_read_only(t);
     t.size = block_device_size(path);
-    refuse_system_disk(t);
     return t;
-}
-
-std::string describe_open_error(const std::string& path, int err) {
-    if (err == EBUSY)
-        return path + " is busy: another program is using the disk; close programs that use it "
-                      "(file managers, terminals open on it) and try again";
-    if (err == EROFS || err == EACCES || err == EPERM)
-        return path + " is write-protected or not writable (" + std::strerror(err) +
-               "); if it is an SD card, slide the lock switch on its side away from LOCK";
-    return describe_io_error(err, "open");
 }
 
 FileDescriptor open_with_flags(const Target& t, int flags) {
@@ -198,15 +198,17 @@ void refuse_smaller_than(const Target& t, uint64_t image_bytes) {
 }
 
 // A lazy (detached) unmount would leave the file system writing to the disk behind our
-// back, so only a full unmount will do.
+// back, so only a full unmount will do. Newest first, so mounts nested inside others go
+// before their parents.
 void unmount_partitions(const Target& t) {
     if (t.regular_file) return;
-    for (const auto& m : mounts_on(t.devices)) {
-        if (umount2(m.mount_point.c_str(), 0) == 0) continue;
+    auto mounts = mounts_on(t.devices);
+    for (auto m = mounts.rbegin(); m != mounts.rend(); ++m) {
+        if (umount2(m->mount_point.c_str(), 0) == 0) continue;
         if (errno == EBUSY)
-            throw WriterError("disk busy: " + m.mount_point + " on " + t.path +
+            throw WriterError("disk busy: " + m->mount_point + " on " + t.path +
                               " cannot be unmounted; close programs using files on it and try again");
-        throw WriterError("cannot unmount " + m.mount_point + ": " + std::strerror(errno));
+        throw WriterError("cannot unmount " + m->mount_point + ": " + std::strerror(errno));
     }
 }
 

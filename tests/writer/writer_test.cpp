@@ -3,6 +3,8 @@
 
 #include <chrono>
 #include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
 #include <filesystem>
 #include <random>
 #include <stdexcept>
@@ -230,4 +232,22 @@ TEST_F(WriterOnLoopDevice, RefusesAPartition) {
     EXPECT_NE(run.exit_code, 0);
     EXPECT_NE(run.err_line().find("partition"), std::string::npos) << run.err_line();
     EXPECT_TRUE(slurp(dir_ / "disk") == disk);
+}
+
+// The disk under / must be refused before anything else. The image does not exist, so
+// even if the refusal were missing nothing could be written to the system disk.
+TEST(WriterRefuses, TheDiskHoldingTheRunningSystem) {
+    TempDir dir;
+    struct stat root{};
+    ASSERT_EQ(stat("/", &root), 0);
+    std::string sys = "/sys/dev/block/" + std::to_string(major(root.st_dev)) + ":" + std::to_string(minor(root.st_dev));
+    std::error_code ec;
+    auto node = std::filesystem::canonical(sys, ec);
+    if (ec) GTEST_SKIP() << "/ is not on a block device here";
+    if (std::filesystem::exists(node / "partition")) node = node.parent_path();
+    std::string disk = "/dev/" + node.filename().string();
+    if (!std::filesystem::exists(disk)) GTEST_SKIP() << "no device node for " << disk;
+    WriterRun run = run_writer({dir / "no-such-image.gz", disk});
+    EXPECT_NE(run.exit_code, 0);
+    EXPECT_NE(run.err_line().find("running system"), std::string::npos) << run.err_line();
 }

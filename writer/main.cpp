@@ -57,12 +57,14 @@ void run(const Arguments& args) {
     Target target = inspect_target(args.device, args.allow_regular_file);
     ImageSize image = measure_image(args.image, args.engine);
     refuse_smaller_than(target, image.uncompressed);
+    // Held open from here on, so the image cannot vanish with an unmount.
+    FileDescriptor image_fd = open_image(args.image);
+    refuse_image_on_target(target, image_fd.get());
     unmount_partitions(target);
     OpenTarget out = open_for_writing(target);
 
     ProgressLine progress('P', image.uncompressed);
     progress.start();
-    FileDescriptor image_fd = open_image(args.image);
     auto inflater = make_inflater(args.engine, image_fd.get());
     WrittenImage written = write_image(target, out, *inflater, image.uncompressed, progress);
     out = OpenTarget{};  // closed before the read-back so nothing is left in flight

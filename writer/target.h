@@ -19,6 +19,7 @@ struct Target {
 // Everything that can be known without opening the disk for writing. Throws WriterError.
 Target inspect_target(const std::string& path, bool allow_regular_file);
 void refuse_smaller_than(const Target& target, uint64_t image_bytes);
+void refuse_image_on_target(const Target& target, int image_fd);
 void unmount_partitions(const Target& target);
 
 struct OpenTarget {

@@ -197,6 +197,16 @@ void refuse_smaller_than(const Target& t, uint64_t image_bytes) {
                           " but the image needs " + format_size(image_bytes) + "; use a larger disk");
 }
 
+// Writing would destroy the image while it is being read.
+void refuse_image_on_target(const Target& t, int image_fd) {
+    struct stat st{};
+    if (fstat(image_fd, &st) != 0) return;
+    for (dev_t d : t.devices)
+        if (!t.regular_file && d == st.st_dev)
+            throw WriterError("the image is stored on " + t.path +
+                              ", the disk it would be written to; copy the image to another disk first");
+}
+
 // A lazy (detached) unmount would leave the file system writing to the disk behind our
 // back, so only a full unmount will do. Newest first, so mounts nested inside others go
 // before their parents.

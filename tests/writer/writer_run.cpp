@@ -5,6 +5,8 @@
 #include <iterator>
 #include <sstream>
 #include <stdexcept>
+#include <sys/mount.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -83,3 +85,19 @@ LoopDevice::LoopDevice(const std::string& backing_file, const std::vector<std::s
 }
 
 LoopDevice::~LoopDevice() { run_command({"losetup", "-d", path_}); }
+
+TestMount::TestMount(const std::string& device, const std::string& mount_point) : mount_point_(mount_point) {
+    ok_ = run_command({"mkfs.ext4", "-q", "-F", device}) == 0 && mkdir(mount_point.c_str(), 0700) == 0 &&
+          mount(device.c_str(), mount_point.c_str(), "ext4", 0, nullptr) == 0;
+}
+
+TestMount::~TestMount() {
+    if (is_mounted(mount_point_) && umount2(mount_point_.c_str(), 0) != 0) umount2(mount_point_.c_str(), MNT_DETACH);
+}
+
+bool TestMount::is_mounted(const std::string& mount_point) {
+    std::ifstream f("/proc/self/mountinfo");
+    for (std::string line; std::getline(f, line);)
+        if (line.find(" " + mount_point + " ") != std::string::npos) return true;
+    return false;
+}

@@ -32,3 +32,19 @@ public:
 private:
     std::string path_;
 };
+
+// A file system mounted for a test, unmounted again on every way out unless the writer
+// already did it.
+class TestMount {
+public:
+    TestMount(const std::string& device, const std::string& mount_point);  // ext4
+    ~TestMount();
+    TestMount(const TestMount&) = delete;
+    TestMount& operator=(const TestMount&) = delete;
+    bool ok() const { return ok_; }
+    static bool is_mounted(const std::string& mount_point);
+
+private:
+    std::string mount_point_;
+    bool ok_ = false;
+};

@@ -218,6 +218,47 @@ TEST_F(WriterOnLoopDevice, RefusesUnsuitableDisksWithoutWriting) {
     }
 }
 
+TEST_F(WriterOnLoopDevice, UnmountsTheDiskUnlessItIsInUse) {
+    std::string head = gunzip(sample("bios_exfat")).substr(0, kMiB);
+    enum Use { Idle, FileOpen, HoldsTheImage };
+    struct Case {
+        const char* name;
+        Use use;
+        const char* says;  // nullptr: the write succeeds
+    } cases[] = {
+        {"idle", Idle, nullptr},
+        {"a file open on it", FileOpen, "disk busy"},
+        {"the image stored on it", HoldsTheImage, "copy the image"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        fill_file(dir_ / "disk", 64 * kMiB, '\0');
+        LoopDevice loop(dir_ / "disk", {});
+        std::string mount_point = dir_ / "mnt";
+        std::filesystem::remove(mount_point);
+        TestMount mounted(loop.path(), mount_point);
+        if (!mounted.ok()) GTEST_SKIP() << "cannot mount ext4 on a loop device here";
+        std::string image = sample("bios_exfat");
+        if (c.use == HoldsTheImage) {
+            image = mount_point + "/image.img.gz";
+            spit(image, slurp(sample("bios_exfat")));
+        }
+        int held = c.use == FileOpen ? open((mount_point + "/held").c_str(), O_CREAT | O_RDWR, 0600) : -1;
+        WriterRun run = run_writer({image, loop.path()});
+        if (held >= 0) close(held);
+        if (!c.says) {
+            EXPECT_TRUE(run.done()) << run.err_line();
+            EXPECT_FALSE(TestMount::is_mounted(mount_point));
+            EXPECT_TRUE(read_prefix(loop.path(), kMiB) == head);
+            continue;
+        }
+        EXPECT_FALSE(run.done());
+        EXPECT_NE(run.err_line().find(c.says), std::string::npos) << run.err_line();
+        EXPECT_TRUE(TestMount::is_mounted(mount_point));
+        EXPECT_TRUE(read_prefix(loop.path(), kMiB) != head);
+    }
+}
+
 TEST_F(WriterOnLoopDevice, RefusesAPartition) {
     spit(dir_ / "disk.gz", slurp(sample("bios_fat32")));
     std::string disk = gunzip(dir_ / "disk.gz");

@@ -96,6 +96,14 @@ std::vector<Mount> mounts_on(const std::vector<dev_t>& devices) {
     return found;
 }
 
+// A swap partition by its device number, a swap file by the device holding it.
+dev_t device_of_swap(const std::string& name) {
+    struct stat st{};
+    if (stat(name.c_str(), &st) != 0) return 0;
+    if (S_ISBLK(st.st_mode)) return st.st_rdev;
+    return S_ISREG(st.st_mode) ? st.st_dev : 0;
+}
+
 bool is_system_mount_point(const std::string& mount_point) {
     for (const char* p : {"/", "/boot", "/boot/efi", "/usr", "/var", "/home"})
         if (mount_point == p) return true;
@@ -112,7 +120,7 @@ void refuse_system_disk(const Target& t) {
     std::getline(swaps, line);  // header
     while (std::getline(swaps, line)) {
         std::string name = unescape_mount_path(line.substr(0, line.find_first_of(" \t")));
-        dev_t d = device_of_source(name);
+        dev_t d = device_of_swap(name);
         for (dev_t mine : t.devices)
             if (d != 0 && d == mine)
                 throw WriterError(t.path + " is in use as swap space (" + name + "); choose another disk");
@@ -134,13 +142,10 @@ void refuse_read_only(const Target& t) {
     if (fd < 0) throw WriterError(describe_open_error(t.path, errno));
     int ro = 0;
     bool got = ioctl(fd, BLKROGET, &ro) == 0;
-    uint64_t size = 0;
-    bool sized = ioctl(fd, BLKGETSIZE64, &size) == 0;
     ::close(fd);
     if (got && ro)
         throw WriterError(t.path + " is write-protected; if it is an SD card, slide the lock switch on "
                           "its side away from LOCK and insert it again");
-    if (!sized) throw WriterError("cannot read the size of " + t.path);
 }
 
 uint64_t block_device_size(const std::string& path) {

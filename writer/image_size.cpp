@@ -32,7 +32,26 @@ uint64_t count_inflated_bytes(int fd, InflateEngine engine) {
     return total;
 }
 
+FileDescriptor open_image_file(const std::string& path) {
+    FileDescriptor fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    if (!fd) throw WriterError("cannot open the image " + path + ": " + std::strerror(errno));
+    return fd;
+}
+
+uint64_t compressed_size(int fd, const std::string& path) {
+    struct stat st{};
+    if (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) throw WriterError("the image " + path + " is not a regular file");
+    uint64_t size = static_cast<uint64_t>(st.st_size);
+    if (size < kGzipOverhead) throw_truncated_image();
+    return size;
+}
+
 }  // namespace
+
+uint64_t smallest_possible_size(const std::string& path) {
+    FileDescriptor fd = open_image_file(path);
+    return read_trailer_isize(fd.get(), compressed_size(fd.get(), path));
+}
 
 // The trailer keeps the size modulo 4 GiB. While the compressed size times the largest
 // possible deflate ratio stays under 4 GiB the trailer is the size itself. Above that the
@@ -40,14 +59,8 @@ uint64_t count_inflated_bytes(int fd, InflateEngine engine) {
 // without writing and its bytes counted: slower, but the only rule that is always right
 // (and it catches a corrupt image before the disk is touched).
 ImageSize measure_image(const std::string& path, InflateEngine engine) {
-    FileDescriptor fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
-    if (!fd) throw WriterError("cannot open the image " + path + ": " + std::strerror(errno));
-    struct stat st{};
-    if (fstat(fd.get(), &st) != 0 || !S_ISREG(st.st_mode))
-        throw WriterError("the image " + path + " is not a regular file");
-    uint64_t compressed = static_cast<uint64_t>(st.st_size);
-    if (compressed < kGzipOverhead) throw_truncated_image();
-
+    FileDescriptor fd = open_image_file(path);
+    uint64_t compressed = compressed_size(fd.get(), path);
     uint64_t largest_possible = (compressed - kGzipOverhead) * kMaxDeflateRatio;
     if (largest_possible < kTrailerModulus) return {compressed, read_trailer_isize(fd.get(), compressed)};
     return {compressed, count_inflated_bytes(fd.get(), engine)};

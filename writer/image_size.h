@@ -11,3 +11,7 @@ struct ImageSize {
 };
 
 ImageSize measure_image(const std::string& path, InflateEngine engine);
+
+// What the gzip trailer alone says: the size itself, or for images that may exceed 4 GiB
+// a lower bound. Lets a disk that is too small be refused before a long counting pass.
+uint64_t smallest_possible_size(const std::string& path);

@@ -55,6 +55,7 @@ FileDescriptor open_image(const std::string& path) {
 
 void run(const Arguments& args) {
     Target target = inspect_target(args.device, args.allow_regular_file);
+    refuse_smaller_than(target, smallest_possible_size(args.image));
     ImageSize image = measure_image(args.image, args.engine);
     refuse_smaller_than(target, image.uncompressed);
     // Held open from here on, so the image cannot vanish with an unmount.

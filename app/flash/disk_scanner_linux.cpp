@@ -1,0 +1,153 @@
+// Linux: lsblk lists the disks; /proc tells which of them carry the running system.
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
+
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+#include <QProcess>
+#include <QRegularExpression>
+#include <QStandardPaths>
+
+#include "disk_scanner.h"
+#include "lsblk_parser.h"
+
+namespace {
+
+constexpr int kListTimeoutMs = 5000;
+constexpr int kUnmountTimeoutMs = 15000;
+
+QString findTool(const QString& name) {
+    for (const char* dir : {"/usr/bin/", "/bin/", "/usr/sbin/", "/sbin/"}) {
+        const QString p = QLatin1String(dir) + name;
+        if (QFileInfo(p).isExecutable()) return p;
+    }
+    return QStandardPaths::findExecutable(name);
+}
+
+struct Run {
+    bool ok = false;  // started, finished in time, exit status 0
+    QByteArray out;
+};
+
+// Blocking, for a worker thread. QProcess keeps reading stdout while it waits, and stderr
+// goes to the null device, so a chatty child never stalls on a full pipe.
+Run run(const QString& program, const QStringList& args, int timeoutMs) {
+    Run r;
+    if (program.isEmpty()) return r;
+    QProcess p;
+    p.setStandardInputFile(QProcess::nullDevice());
+    p.setStandardErrorFile(QProcess::nullDevice());
+    p.start(program, args, QIODevice::ReadOnly);
+    if (!p.waitForStarted(timeoutMs)) return r;
+    if (!p.waitForFinished(timeoutMs)) {
+        p.kill();
+        p.waitForFinished(1000);
+        return r;
+    }
+    r.out = p.readAllStandardOutput();
+    r.ok = p.exitStatus() == QProcess::NormalExit && p.exitCode() == 0;
+    return r;
+}
+
+QByteArray readProc(const QString& path) {
+    QFile f(path);
+    // /proc files report size 0: read until the end rather than by size.
+    return f.open(QIODevice::ReadOnly) ? f.readAll() : QByteArray();
+}
+
+// /sys/devices/.../block/sda/sda2 -> the device's own name and its whole disk's name.
+void addSysfsNames(const QString& majorMinor, QSet<QString>& names, int depth = 0) {
+    static const QRegularExpression form(QStringLiteral("^[1-9][0-9]*:[0-9]+$"));  // 0:N is anonymous
+    if (depth > 8 || !form.match(majorMinor).hasMatch()) return;
+    const QString dev = QFileInfo(QStringLiteral("/sys/dev/block/") + majorMinor).canonicalFilePath();
+    if (dev.isEmpty()) return;
+    const QString self = dev.section(u'/', -1);
+    names.insert(self);
+    const qsizetype at = dev.lastIndexOf(u"/block/");
+    if (at >= 0) names.insert(dev.mid(at + 7).section(u'/', 0, 0));
+    // device-mapper and md: what they are built on carries the system too
+    const QStringList slaves = QDir(dev + QStringLiteral("/slaves")).entryList(QDir::Dirs | QDir::NoDotAndDotDot);
+    for (const QString& s : slaves) {
+        const QByteArray below = readProc(QStringLiteral("/sys/class/block/") + s + QStringLiteral("/dev"));
+        addSysfsNames(QString::fromLatin1(below.trimmed()), names, depth + 1);
+    }
+}
+
+// A /dev path by every name lsblk may use for it: /dev/mapper/vg-root is also dm-0.
+void addDevicePath(const QString& path, QSet<QString>& names) {
+    if (path.startsWith(u"/dev/")) {
+        names.insert(path.section(u'/', -1));
+        const QString real = QFileInfo(path).canonicalFilePath();
+        if (!real.isEmpty()) names.insert(real.section(u'/', -1));
+    }
+    if (!path.startsWith(u'/')) return;  // "overlay", "tmpfs": no file to ask
+    struct stat st {};
+    const QByteArray native = QFile::encodeName(path);
+    if (::stat(native.constData(), &st) != 0) return;
+    // a block device names itself; a swap file names the file system it sits on
+    const dev_t d = S_ISBLK(st.st_mode) ? st.st_rdev : st.st_dev;
+    addSysfsNames(QStringLiteral("%1:%2").arg(major(d)).arg(minor(d)), names);
+}
+
+QSet<QString> systemDevices() {
+    QSet<QString> names;
+    for (const lsblk::Mount& m : lsblk::parseMountinfo(readProc(QStringLiteral("/proc/self/mountinfo")))) {
+        if (!lsblk::isSystemMountPoint(m.mountPoint)) continue;
+        addSysfsNames(m.majorMinor, names);
+        addDevicePath(m.source, names);
+    }
+    for (const QString& swap : lsblk::parseSwaps(readProc(QStringLiteral("/proc/swaps"))))
+        addDevicePath(swap, names);
+    return names;
+}
+
+class LinuxScanner final : public DiskScanner {
+public:
+    QList<USBDrive> externalDrives() override {
+        const QString tool = findTool(QStringLiteral("lsblk"));
+        const QSet<QString> system = systemDevices();
+        Run r = run(tool, lsblk::arguments(true), kListTimeoutMs);
+        // lsblk before 2.37 refuses the MOUNTPOINTS column outright
+        if (!r.ok || r.out.trimmed().isEmpty()) r = run(tool, lsblk::arguments(false), kListTimeoutMs);
+        return lsblk::parseDrives(r.out, system);
+    }
+
+    bool unmountDisk(const QString& wholeDiskPath) override {
+        const QString id = wholeDiskPath.section(u'/', -1);
+        if (wholeDiskPath != QStringLiteral("/dev/") + id || !lsblk::isSafeDeviceName(id)) return false;
+        if (systemDevices().contains(id)) return false;
+        QStringList parts;  // mounted file systems on the disk or its partitions, each once, newest first
+        for (const lsblk::Mount& m : lsblk::parseMountinfo(readProc(QStringLiteral("/proc/self/mountinfo")))) {
+            QSet<QString> names;
+            addSysfsNames(m.majorMinor, names);
+            addDevicePath(m.source, names);
+            if (!names.contains(id) || !m.source.startsWith(u"/dev/")) continue;
+            if (!parts.contains(m.source)) parts.prepend(m.source);  // a mount inside another goes first
+        }
+        const QString udisks = findTool(QStringLiteral("udisksctl"));
+        const QString umount = findTool(QStringLiteral("umount"));
+        bool all = true;
+        for (const QString& part : parts) {
+            bool done = false;
+            if (!udisks.isEmpty())
+                done = run(udisks, {QStringLiteral("unmount"), QStringLiteral("--no-user-interaction"),
+                                    QStringLiteral("-b"), part},
+                           kUnmountTimeoutMs).ok;
+            // udisks refuses mounts it did not make; plain umount may still be allowed
+            if (!done) done = run(umount, {part}, kUnmountTimeoutMs).ok;
+            all = all && done;
+        }
+        return all;
+    }
+
+    // Linux has no separate raw nodes: the writer uses the block device itself.
+    QString rawDevicePath(const QString& id) const override { return QStringLiteral("/dev/") + id; }
+    QString wholeDiskPath(const QString& id) const override { return QStringLiteral("/dev/") + id; }
+};
+
+}  // namespace
+
+std::unique_ptr<DiskScanner> DiskScanner::platform() {
+    return std::make_unique<LinuxScanner>();
+}

@@ -1,6 +1,9 @@
 #include "writer_run.h"
 
+#include <csignal>
+#include <cstdio>
 #include <fcntl.h>
+#include <zlib.h>
 #include <fstream>
 #include <iterator>
 #include <sstream>
@@ -100,4 +103,45 @@ bool TestMount::is_mounted(const std::string& mount_point) {
     for (std::string line; std::getline(f, line);)
         if (line.find(" " + mount_point + " ") != std::string::npos) return true;
     return false;
+}
+
+bool kill_writer_midway(const std::vector<std::string>& args, uint64_t bytes) {
+    int pipefd[2];
+    if (pipe(pipefd) != 0) throw std::runtime_error("pipe");
+    pid_t pid = fork();
+    if (pid == 0) {
+        dup2(pipefd[1], STDOUT_FILENO);
+        close(pipefd[0]);
+        std::vector<std::string> argv{QM_WRITER_PATH};
+        argv.insert(argv.end(), args.begin(), args.end());
+        std::vector<char*> cargs;
+        for (auto& a : argv) cargs.push_back(a.data());
+        cargs.push_back(nullptr);
+        execv(cargs[0], cargs.data());
+        _exit(127);
+    }
+    close(pipefd[1]);
+    FILE* out = fdopen(pipefd[0], "r");
+    bool killed = false;
+    char line[256];
+    while (!killed && std::fgets(line, sizeof line, out)) {
+        unsigned long long done = 0, total = 0;
+        if (std::sscanf(line, "P %llu %llu", &done, &total) == 2 && done >= bytes && done < total) {
+            kill(pid, SIGKILL);
+            killed = true;
+        }
+    }
+    std::fclose(out);
+    waitpid(pid, nullptr, 0);
+    return killed;
+}
+
+void write_gzip_with_zero_tail(const std::string& path, const std::string& head, uint64_t zero_bytes) {
+    gzFile gz = gzopen(path.c_str(), "wb6");
+    if (!gz) throw std::runtime_error("gzopen " + path);
+    gzwrite(gz, head.data(), static_cast<unsigned>(head.size()));
+    std::string zeros(1 << 20, '\0');
+    for (uint64_t done = 0; done < zero_bytes; done += zeros.size())
+        gzwrite(gz, zeros.data(), static_cast<unsigned>(std::min<uint64_t>(zeros.size(), zero_bytes - done)));
+    if (gzclose(gz) != Z_OK) throw std::runtime_error("gzclose " + path);
 }

@@ -124,6 +124,15 @@ TEST(WriterToFile, BrokenImagesStopWithoutAPartitionTable) {
     }
 }
 
+TEST(WriterToFile, KilledMidwayLeavesTheFirstMiBZeroed) {
+    TempDir dir;
+    write_gzip_with_zero_tail(dir / "long.img.gz", gunzip(sample("bios_fat32")), 1024 * kMiB);
+    fill_file(dir / "target.img", 2 * kMiB, '\x5a');
+    ASSERT_TRUE(kill_writer_midway({"--allow-regular-file", dir / "long.img.gz", dir / "target.img"}, 1))
+        << "the writer finished before it could be interrupted";
+    EXPECT_TRUE(read_prefix(dir / "target.img", kMiB) == std::string(kMiB, '\0'));
+}
+
 TEST(WriterRefuses, TargetsThatAreNotDisks) {
     TempDir dir;
     fill_file(dir / "file.img", 2 * kMiB, '\x5a');

@@ -3,24 +3,25 @@
 #include <csignal>
 #include <cstdio>
 #include <fcntl.h>
-#include <zlib.h>
 #include <fstream>
-#include <iterator>
 #include <sstream>
 #include <stdexcept>
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
+#include <zlib.h>
 
-int run_command(const std::vector<std::string>& argv, std::string* out) {
+namespace {
+
+// Starts `argv` with its stdout on the returned pipe (stderr, and stdout unless wanted, discarded).
+pid_t spawn(const std::vector<std::string>& argv, bool want_stdout, int* stdout_fd) {
     int pipefd[2];
     if (pipe(pipefd) != 0) throw std::runtime_error("pipe");
     pid_t pid = fork();
     if (pid == 0) {
-        dup2(pipefd[1], STDOUT_FILENO);
         int devnull = open("/dev/null", O_WRONLY);
-        if (!out) dup2(devnull, STDOUT_FILENO);
+        dup2(want_stdout ? pipefd[1] : devnull, STDOUT_FILENO);
         dup2(devnull, STDERR_FILENO);
         close(pipefd[0]);
         std::vector<char*> args;
@@ -30,10 +31,25 @@ int run_command(const std::vector<std::string>& argv, std::string* out) {
         _exit(127);
     }
     close(pipefd[1]);
+    *stdout_fd = pipefd[0];
+    return pid;
+}
+
+std::vector<std::string> writer_argv(const std::vector<std::string>& args) {
+    std::vector<std::string> argv{QM_WRITER_PATH};
+    argv.insert(argv.end(), args.begin(), args.end());
+    return argv;
+}
+
+}  // namespace
+
+int run_command(const std::vector<std::string>& argv, std::string* out) {
+    int fd = -1;
+    pid_t pid = spawn(argv, out != nullptr, &fd);
     std::string collected;
     char buf[65536];
-    for (ssize_t n; (n = read(pipefd[0], buf, sizeof buf)) > 0;) collected.append(buf, static_cast<size_t>(n));
-    close(pipefd[0]);
+    for (ssize_t n; (n = read(fd, buf, sizeof buf)) > 0;) collected.append(buf, static_cast<size_t>(n));
+    close(fd);
     int status = 0;
     waitpid(pid, &status, 0);
     if (out) *out = std::move(collected);
@@ -41,11 +57,9 @@ int run_command(const std::vector<std::string>& argv, std::string* out) {
 }
 
 WriterRun run_writer(const std::vector<std::string>& args) {
-    std::vector<std::string> argv{QM_WRITER_PATH};
-    argv.insert(argv.end(), args.begin(), args.end());
     std::string out;
     WriterRun run;
-    run.exit_code = run_command(argv, &out);
+    run.exit_code = run_command(writer_argv(args), &out);
     std::istringstream in(out);
     for (std::string line; std::getline(in, line);) run.lines.push_back(line);
     return run;
@@ -106,22 +120,9 @@ bool TestMount::is_mounted(const std::string& mount_point) {
 }
 
 bool kill_writer_midway(const std::vector<std::string>& args, uint64_t bytes) {
-    int pipefd[2];
-    if (pipe(pipefd) != 0) throw std::runtime_error("pipe");
-    pid_t pid = fork();
-    if (pid == 0) {
-        dup2(pipefd[1], STDOUT_FILENO);
-        close(pipefd[0]);
-        std::vector<std::string> argv{QM_WRITER_PATH};
-        argv.insert(argv.end(), args.begin(), args.end());
-        std::vector<char*> cargs;
-        for (auto& a : argv) cargs.push_back(a.data());
-        cargs.push_back(nullptr);
-        execv(cargs[0], cargs.data());
-        _exit(127);
-    }
-    close(pipefd[1]);
-    FILE* out = fdopen(pipefd[0], "r");
+    int fd = -1;
+    pid_t pid = spawn(writer_argv(args), true, &fd);
+    FILE* out = fdopen(fd, "r");
     bool killed = false;
     char line[256];
     while (!killed && std::fgets(line, sizeof line, out)) {

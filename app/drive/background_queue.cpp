@@ -33,14 +33,17 @@ void BackgroundQueue::serve() {
             job = std::move(jobs_.front());
             jobs_.pop_front();
         }
-        std::function<void()> result = job();
-        {
-            std::lock_guard lock(mutex_);
-            if (stopping_) return;
-            results_.push_back(std::move(result));
-        }
-        emit finished();
+        deliver(job());
     }
+}
+
+void BackgroundQueue::deliver(std::function<void()> onOwnerThread) {
+    {
+        std::lock_guard lock(mutex_);
+        if (stopping_) return;
+        results_.push_back(std::move(onOwnerThread));
+    }
+    emit finished();
 }
 
 void BackgroundQueue::deliverFinished() {

@@ -32,6 +32,10 @@ public:
         });
     }
 
+    // From inside a job: runs onOwnerThread on this queue's thread soon, before the job's own
+    // result. How a long job reports progress.
+    void deliver(std::function<void()> onOwnerThread);
+
 signals:
     void finished();  // a result is waiting; queued to this object's thread
 

@@ -15,4 +15,4 @@ void QuillmateFlasherApp::start(const QStringList& args, const QString& pinnedNa
     drives.pin(*drive, name.isEmpty() ? *drive : name);
 }
 
-bool QuillmateFlasherApp::busy() const { return drives.scanning() || stats.busy() || history.busy(); }
+bool QuillmateFlasherApp::busy() const { return flash.scanning() || drives.scanning() || stats.busy() || history.busy(); }

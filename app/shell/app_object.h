@@ -1,16 +1,18 @@
-// The application object: the shared drive selection and the tabs' models, created once in
-// their order and kept for the life of the process. The flash, backup, account and settings
-// models join as those subsystems land (order: flash, stats, history, backup, account, settings).
+// The application object: the tabs' models and the drive selection they share, created once in
+// their order and kept for the life of the process. The backup, account and settings models
+// join as those subsystems land (order: flash, stats, history, backup, account, settings).
 #pragma once
 #include <QString>
 #include <QStringList>
 
 #include "drive_selection.h"
+#include "flash_model.h"
 #include "history_model.h"
 #include "stats_model.h"
 
 class QuillmateFlasherApp {
 public:
+    FlashModel flash;
     DriveSelection drives;
     StatsModel stats{&drives};
     HistoryModel history{&drives};

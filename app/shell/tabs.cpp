@@ -1,11 +1,13 @@
 #include "tabs.h"
 
 #include "app_object.h"
+#include "flash_view.h"
 #include "history_tab.h"
 #include "stats_tab.h"
 
 namespace {
 const TabEntry kTabs[] = {
+    {"Install", "mac-install", [](QuillmateFlasherApp* app) -> QWidget* { return new FlashView(&app->flash); }},
     {"Statistics", "mac-stats", [](QuillmateFlasherApp* app) -> QWidget* { return new StatsTab(&app->stats); }},
     {"History", "mac-history", [](QuillmateFlasherApp* app) -> QWidget* { return new HistoryTab(&app->history); }},
 };

@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <QFile>
-#include <filesystem>
 
 #include "disk_scanner.h"
 #include "diskutil_parser.h"
@@ -14,13 +13,9 @@ namespace {
 
 using Drives = QList<USBDrive>;
 
-// The recorded outputs live beside the checkout; QM_FIXTURES points elsewhere.
+// The recorded real outputs in tests/fixtures.
 QByteArray fixture(const QString& rel) {
-    const QByteArray env = qgetenv("QM_FIXTURES");
-    const QString dir = env.isEmpty() ? QString::fromStdString(
-        (std::filesystem::path(__FILE__).parent_path() / "../../../../shared/fixtures").string())
-                                      : QString::fromLocal8Bit(env);
-    QFile f(dir + u'/' + rel);
+    QFile f(QStringLiteral(QM_FIXTURES "/") + rel);
     if (!f.open(QIODevice::ReadOnly)) ADD_FAILURE() << "missing fixture " << f.fileName().toStdString();
     return f.readAll();
 }

@@ -12,6 +12,7 @@
 #include "app_object.h"
 #include "deck_drive.h"
 #include "dispatch.h"
+#include "drive_header.h"
 #include "history_tab.h"
 #include "main_window.h"
 #include "stats_tab.h"
@@ -46,7 +47,7 @@ TEST(MainWindowFrame, TitleFixedTabFrameTabsInOrderAndEveryTabOnTheStartDrive) {
     EXPECT_EQ(w.tabs()->size(), QSize(580, 560));
     QStringList labels;
     for (int i = 0; i < w.tabs()->count(); ++i) labels << w.tabs()->tabText(i);
-    EXPECT_EQ(labels, (QStringList{"Statistics", "History"}));
+    EXPECT_EQ(labels, (QStringList{"Install", "Statistics", "History"}));
     EXPECT_EQ(w.tabs()->currentIndex(), 0);
     EXPECT_EQ(w.minimumSize(), w.maximumSize());  // sized by its content, not resizable
 
@@ -54,7 +55,8 @@ TEST(MainWindowFrame, TitleFixedTabFrameTabsInOrderAndEveryTabOnTheStartDrive) {
     EXPECT_EQ(app.drives.volumes(), (QList<QmVolume>{{root + "/", QDir(root).dirName(), true}}));
     EXPECT_TRUE(app.stats.summary());
     EXPECT_EQ(app.history.documents().size(), 2);
-    for (QComboBox* picker : w.findChildren<QComboBox*>()) EXPECT_EQ(picker->currentText(), QDir(root).dirName());
+    for (DriveHeader* header : w.findChildren<DriveHeader*>())
+        EXPECT_EQ(header->findChild<QComboBox*>()->currentText(), QDir(root).dirName());
 }
 
 QPushButton* button(QWidget* w, const QString& text) {

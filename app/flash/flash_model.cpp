@@ -1,0 +1,248 @@
+#include "flash_model.h"
+
+#include <QDir>
+#include <QFileInfo>
+#include <algorithm>
+#include <cmath>
+
+#include "launcher.h"
+#include "resources.h"
+
+QString displayText(BootMode mode) { return mode == BootMode::bios ? QStringLiteral("BIOS / Legacy") : QStringLiteral("UEFI"); }
+QString displayText(FSChoice fs) { return fs == FSChoice::exfat ? QStringLiteral("exFAT") : QStringLiteral("FAT32"); }
+
+namespace {
+
+const QString kFailedTitle = QStringLiteral("Install failed");
+const QString kDidNotComplete = QStringLiteral("the write did not complete.");
+
+QString mebibytes(double bytes) { return QString::number(qint64(bytes) / 1048576); }
+
+// "38 MB/s, about 1 min left" once a phase has run long enough to say.
+QString pace(double done, double total, qint64 elapsedMs) {
+    if (elapsedMs < 1000 || done <= 0) return QString();
+    double perSecond = done * 1000.0 / double(elapsedMs);
+    double left = std::max(0.0, total - done) / perSecond;
+    QString rate = QStringLiteral("%1 MB/s").arg(qRound64(perSecond / 1048576.0));
+    if (left < 60) return rate + QStringLiteral(", less than a minute left");
+    return rate + QStringLiteral(", about %1 min left").arg(qint64(std::ceil(left / 60.0)));
+}
+
+bool mentions_permission(const QString& message) {
+    return message.contains(QStringLiteral("permission"), Qt::CaseInsensitive) ||
+           message.contains(QStringLiteral("denied"), Qt::CaseInsensitive);
+}
+
+}  // namespace
+
+FlashModel::FlashModel(std::unique_ptr<DiskScanner> scanner, QObject* parent)
+    : QObject(parent), scanner_(std::move(scanner)), resources_(Resources::folder()) {
+    launch_ = [](const QString& tool, const QString& image, const QString& device, FILE** out) {
+        return qm_authorized_exec(QFile::encodeName(tool).constData(), QFile::encodeName(image).constData(),
+                                  QFile::encodeName(device).constData(), out);
+    };
+}
+
+std::optional<USBDrive> FlashModel::selectedDrive() const {
+    for (const USBDrive& d : drives_)
+        if (selection_ && d.id == *selection_) return d;
+    return std::nullopt;
+}
+
+int FlashModel::hiddenCount() const {
+    return int(std::count_if(allDrives_.begin(), allDrives_.end(), [](const USBDrive& d) { return d.size == 0; }));
+}
+
+QString FlashModel::notes() const {
+    QString boot = boot_ == BootMode::bios
+                       ? QStringLiteral("BIOS / Legacy: older PCs, or newer PCs with Legacy / CSM boot enabled in firmware.")
+                       : QStringLiteral("UEFI: PCs from roughly 2012 on. Turn OFF Secure Boot in firmware. If it won't boot, "
+                                        "try the BIOS version.");
+    QString fs = fs_ == FSChoice::exfat
+                     ? QStringLiteral("exFAT: best for cards larger than 32 GB; read/write on Windows and macOS.")
+                     : QStringLiteral("FAT32: most compatible everywhere; single files limited to 4 GB (fine for documents).");
+    return boot + QStringLiteral("\n\n") + fs;
+}
+
+QString FlashModel::resourceName() const {
+    return QLatin1String(boot_ == BootMode::bios ? "bios_" : "uefi_") +
+           QLatin1String(fs_ == FSChoice::exfat ? "exfat" : "fat32");
+}
+
+void FlashModel::refresh() {
+    ++scanning_;
+    emit changed();
+    DiskScanner* scanner = scanner_.get();
+    background_.post([scanner] { return scanner->externalDrives(); },
+                     [this](QList<USBDrive> found) {
+                         --scanning_;
+                         applyScan(std::move(found));
+                     });
+}
+
+void FlashModel::applyScan(QList<USBDrive> found) {
+    // Smallest first: the stick meant for the deck rather than a backup disk; ties keep their order.
+    std::stable_sort(found.begin(), found.end(), [](const USBDrive& a, const USBDrive& b) { return a.size < b.size; });
+    allDrives_ = std::move(found);
+    applyFilter();
+}
+
+void FlashModel::applyFilter() {
+    drives_.clear();
+    for (const USBDrive& d : allDrives_)
+        if (showAll_ || d.size != 0) drives_.append(d);
+    if (!selectedDrive()) selection_ = drives_.isEmpty() ? std::nullopt : std::optional<QString>(drives_.first().id);
+    qsizetype shown = drives_.size(), hidden = allDrives_.size() - shown;
+    if (!busy_) {  // during a write the status line belongs to the write
+        if (shown > 0)
+            status_ = QStringLiteral("%1 external USB drive(s) found").arg(shown) +
+                      (hidden > 0 ? QStringLiteral(", %1 empty hidden.").arg(hidden) : QStringLiteral("."));
+        else
+            status_ = hidden > 0 ? QStringLiteral("%1 empty drive(s) hidden — click Show all.").arg(hidden)
+                                 : QStringLiteral("No USB drives found.");
+    }
+    emit changed();
+}
+
+void FlashModel::setShowAll(bool on) {
+    showAll_ = on;
+    applyFilter();
+}
+
+void FlashModel::select(const QString& id) {
+    selection_ = id;
+    emit changed();
+}
+
+void FlashModel::setBoot(BootMode mode) {
+    boot_ = mode;
+    emit changed();
+}
+
+void FlashModel::setFs(FSChoice fs) {
+    fs_ = fs;
+    emit changed();
+}
+
+void FlashModel::tell(FlashDialog::Kind kind, const QString& title, const QString& text) {
+    if (dialogs_) dialogs_->ask(FlashDialog{kind, title, text, {QStringLiteral("OK")}});
+}
+
+void FlashModel::flash() {
+    if (busy_) return;
+    std::optional<USBDrive> drive = selectedDrive();
+    if (!drive) {
+        status_ = QStringLiteral("Select a USB drive first.");
+        emit changed();
+        return;
+    }
+    QString confirm = QStringLiteral("This will ERASE everything on:\n\n    ") + driveLine(*drive) +
+                      QStringLiteral("\n\nand write Quillmate (") +
+                      QLatin1String(boot_ == BootMode::bios ? "BIOS" : "UEFI") + QStringLiteral(", ") +
+                      displayText(fs_) + QStringLiteral(".\n\nContinue?");
+    FlashDialog question{FlashDialog::Kind::Warning, QStringLiteral("Confirm erase"), confirm,
+                         {QStringLiteral("Cancel"), QStringLiteral("Erase & Flash")}};
+    if (!dialogs_ || dialogs_->ask(question) != 1) return;
+
+    QString image = resources_ ? QDir(*resources_).filePath(QStringLiteral("images/") + resourceName() +
+                                                            QStringLiteral(".img.gz"))
+                               : QString();
+    if (image.isEmpty() || !QFileInfo::exists(image)) {
+        tell(FlashDialog::Kind::Critical, kFailedTitle,
+             QStringLiteral("Bundled image '") + resourceName() + QStringLiteral("' is missing from this app."));
+        return;
+    }
+    QString writer = QDir(*resources_).filePath(QStringLiteral("qm-writer"));
+    if (!QFileInfo::exists(writer)) {
+        tell(FlashDialog::Kind::Critical, kFailedTitle, QStringLiteral("The privileged writer is missing from this app."));
+        return;
+    }
+    busy_ = true;
+    progress_ = 0;
+    detail_.clear();
+    phase_ = WriterLine::Other;
+    status_ = QStringLiteral("Unmounting volumes…");
+    emit changed();
+    QString raw = scanner_->rawDevicePath(drive->id), whole = scanner_->wholeDiskPath(drive->id);
+    background_.post([this, writer, image, raw, whole] { return doFlash(writer, image, raw, whole); },
+                     [this](Outcome outcome) { finish(outcome); });
+}
+
+// On the background thread: touches no member but the scanner, the launcher and the queue.
+FlashModel::Outcome FlashModel::doFlash(const QString& writer, const QString& image, const QString& raw,
+                                        const QString& whole) {
+    scanner_->unmountDisk(whole);  // ignored on purpose: the writer copes with a mounted disk
+    FILE* out = nullptr;
+    Outcome outcome;
+    outcome.launchStatus = launch_(writer, image, raw, &out);
+    if (outcome.launchStatus != 0 || !out) {
+        if (out) fclose(out);
+        if (outcome.launchStatus == 0) outcome.launchStatus = kAuthDenied;
+        return outcome;
+    }
+    char buf[kWriterLineLimit + 1];
+    bool overLong = false;  // the rest of a line too long to be a report
+    while (fgets(buf, sizeof buf, out)) {
+        size_t n = strlen(buf);
+        bool complete = n > 0 && buf[n - 1] == '\n';
+        bool skip = overLong;
+        overLong = !complete && n == sizeof buf - 1;
+        if (skip || overLong) continue;
+        WriterLine line = parseWriterLine(std::string_view(buf, n));
+        if (line.kind == WriterLine::Done) outcome.done = true;
+        if (line.kind == WriterLine::Error) outcome.error = QString::fromUtf8(line.message.c_str());
+        if (line.kind == WriterLine::Progress || line.kind == WriterLine::Verified)
+            background_.deliver([this, line] { showReport(line); });
+    }
+    fclose(out);
+    return outcome;
+}
+
+void FlashModel::showReport(const WriterLine& line) {
+    if (line.kind != phase_) {
+        phase_ = line.kind;
+        phaseClock_.start();
+    }
+    progress_ = std::min(line.done / line.total, 1.0);
+    status_ = (line.kind == WriterLine::Verified ? QStringLiteral("Verifying… ") : QStringLiteral("Writing… ")) +
+              mebibytes(line.done) + QStringLiteral(" MB");
+    detail_ = pace(line.done, line.total, phaseClock_.elapsed());
+    emit changed();
+}
+
+void FlashModel::finish(const Outcome& outcome) {
+    busy_ = false;
+    detail_.clear();
+    if (outcome.launchStatus != 0) {
+        bool cancelled = outcome.launchStatus == kAuthCanceled;
+        status_ = cancelled ? QStringLiteral("Cancelled.") : QStringLiteral("Failed: could not get administrator privileges.");
+        emit changed();
+        if (!cancelled)
+            tell(FlashDialog::Kind::Critical, kFailedTitle,
+                 platformName() + QStringLiteral(" denied administrator privileges, so the drive can't be written.\n\n"
+                                                 "Try again and enter an administrator password."));
+        emit finished();
+        return;
+    }
+    if (outcome.done) {
+        progress_ = 1.0;
+        status_ = QStringLiteral("Done — you can remove the drive.");
+        emit changed();
+        tell(FlashDialog::Kind::Information, QStringLiteral("Finished"),
+             QStringLiteral("Quillmate was written successfully.\n\nBoot the target machine from this USB."));
+        emit finished();
+        return;
+    }
+    QString message = outcome.error.value_or(kDidNotComplete);
+    status_ = QStringLiteral("Failed: ") + message;
+    emit changed();
+    QString text = mentions_permission(message)
+                       ? platformName() + QStringLiteral(" denied writing to the drive.\n\n• If it's an SD card, slide "
+                                                         "the write-protect (lock) switch on the side OFF.\n• Unmount "
+                                                         "the drive in Disk Utility and try again.\n\n(") +
+                             message + QStringLiteral(")")
+                       : outcome.error.value_or(QStringLiteral("The write did not complete.")) +
+                             QStringLiteral("\n\nMake sure the drive is plugged in and not write-protected, then try again.");
+    tell(FlashDialog::Kind::Critical, kFailedTitle, text);
+    emit finished();
+}

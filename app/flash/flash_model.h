@@ -1,0 +1,98 @@
+// The Install tab's model: the external drives and the chosen one, the boot mode and file
+// system, and the write itself: unmount, the writer run with administrator rights, and its
+// progress, read back and outcome. Drive scans and the write run in the background.
+#pragma once
+#include <QElapsedTimer>
+#include <QList>
+#include <QObject>
+#include <functional>
+#include <memory>
+#include <optional>
+
+#include "background_queue.h"
+#include "disk_scanner.h"
+#include "flash_dialogs.h"
+#include "writer_protocol.h"
+
+enum class BootMode { uefi, bios };
+enum class FSChoice { fat32, exfat };
+QString displayText(BootMode mode);
+QString displayText(FSChoice fs);
+
+class FlashModel : public QObject {
+    Q_OBJECT
+public:
+    // Runs the writer as root with two arguments; 0 and a stream on its output, or a status.
+    using Launcher = std::function<int(const QString& tool, const QString& image, const QString& device, FILE** out)>;
+
+    explicit FlashModel(std::unique_ptr<DiskScanner> scanner = DiskScanner::platform(), QObject* parent = nullptr);
+
+    // What the model needs from outside, replaceable for tests.
+    void setDialogs(FlashDialogs* dialogs) { dialogs_ = dialogs; }
+    void setResourceFolder(std::optional<QString> folder) { resources_ = std::move(folder); }
+    void setLauncher(Launcher launcher) { launch_ = std::move(launcher); }
+
+    const QList<USBDrive>& allDrives() const { return allDrives_; }
+    const QList<USBDrive>& drives() const { return drives_; }
+    const std::optional<QString>& selection() const { return selection_; }
+    bool showAll() const { return showAll_; }
+    BootMode boot() const { return boot_; }
+    FSChoice fs() const { return fs_; }
+    double progress() const { return progress_; }
+    const QString& status() const { return status_; }
+    // Speed and time left while writing, else empty.
+    const QString& detail() const { return detail_; }
+    bool busy() const { return busy_; }
+    bool scanning() const { return scanning_ > 0; }
+
+    std::optional<USBDrive> selectedDrive() const;
+    int hiddenCount() const;
+    QString notes() const;
+    QString resourceName() const;
+
+    // Lists the external drives again in the background; the selection stays while its id is listed.
+    void refresh();
+    void applyFilter();
+    void setShowAll(bool on);
+    void select(const QString& id);
+    void setBoot(BootMode mode);
+    void setFs(FSChoice fs);
+    // Confirms, checks the resources and starts the write in the background.
+    void flash();
+
+signals:
+    void changed();
+    // A write has ended, well or not.
+    void finished();
+
+private:
+    struct Outcome {
+        int launchStatus = 0;
+        bool done = false;
+        std::optional<QString> error;
+    };
+    void applyScan(QList<USBDrive> found);
+    Outcome doFlash(const QString& writer, const QString& image, const QString& raw, const QString& whole);
+    void showReport(const WriterLine& line);
+    void finish(const Outcome& outcome);
+    void tell(FlashDialog::Kind kind, const QString& title, const QString& text);
+
+    std::unique_ptr<DiskScanner> scanner_;
+    FlashDialogs* dialogs_ = nullptr;
+    std::optional<QString> resources_;
+    Launcher launch_;
+    QList<USBDrive> allDrives_;
+    QList<USBDrive> drives_;
+    std::optional<QString> selection_;
+    bool showAll_ = false;
+    BootMode boot_ = BootMode::uefi;
+    FSChoice fs_ = FSChoice::fat32;
+    double progress_ = 0;
+    QString status_;
+    QString detail_;
+    bool busy_ = false;
+    int scanning_ = 0;
+    QElapsedTimer phaseClock_;  // since the first report of the phase (writing, checking)
+    WriterLine::Kind phase_ = WriterLine::Other;
+    BackgroundQueue background_;  // last: stopped first
+};

@@ -1,0 +1,144 @@
+#include "flash_view.h"
+
+#include <QButtonGroup>
+#include <QComboBox>
+#include <QGroupBox>
+#include <QHBoxLayout>
+#include <QLabel>
+#include <QMessageBox>
+#include <QProgressBar>
+#include <QPushButton>
+#include <QVBoxLayout>
+
+#include "labels.h"
+
+namespace {
+constexpr int kPollMs = 3000;
+constexpr int kProgressSteps = 1000;
+}  // namespace
+
+FlashView::FlashView(FlashModel* model, QWidget* parent) : QWidget(parent), model_(model) {
+    model_->setDialogs(this);
+    auto* layout = new QVBoxLayout(this);
+    layout->setContentsMargins(20, 20, 20, 20);
+    layout->setSpacing(10);
+    layout->addWidget(Labels::title(tr("Install Quillmate to a USB drive")));
+    layout->addWidget(new QLabel(tr("Everything on the selected drive will be erased.")));
+    layout->addWidget(new QLabel(tr("Target USB drive:")));
+
+    auto* row = new QHBoxLayout;
+    picker_ = new QComboBox;
+    picker_->setSizeAdjustPolicy(QComboBox::AdjustToContents);
+    showAll_ = new QPushButton;
+    refresh_ = new QPushButton(tr("Refresh"));
+    row->addWidget(picker_, 1);
+    row->addWidget(showAll_);
+    row->addWidget(refresh_);
+    layout->addLayout(row);
+
+    choices_ = new QGroupBox;
+    auto* box = new QVBoxLayout(choices_);
+    boot_ = segmented({displayText(BootMode::uefi), displayText(BootMode::bios)}, choices_, box);
+    fs_ = segmented({displayText(FSChoice::fat32), displayText(FSChoice::exfat)}, choices_, box);
+    notes_ = new QLabel;
+    notes_->setWordWrap(true);
+    box->addWidget(notes_);
+    layout->addWidget(choices_);
+
+    progress_ = new QProgressBar;
+    progress_->setRange(0, kProgressSteps);
+    progress_->setTextVisible(false);
+    layout->addWidget(progress_);
+    detail_ = Labels::caption(QString());
+    layout->addWidget(detail_);
+
+    auto* bottom = new QHBoxLayout;
+    status_ = Labels::status();
+    install_ = new QPushButton(tr("Install"));
+    install_->setDefault(true);
+    bottom->addWidget(status_, 1);
+    bottom->addWidget(install_);
+    layout->addLayout(bottom);
+    layout->addStretch();
+
+    connect(picker_, &QComboBox::activated, this, [this](int index) {
+        QVariant id = picker_->itemData(index);
+        if (id.isValid()) model_->select(id.toString());
+    });
+    connect(showAll_, &QPushButton::clicked, this, [this] { model_->setShowAll(!model_->showAll()); });
+    connect(refresh_, &QPushButton::clicked, model_, &FlashModel::refresh);
+    connect(boot_, &QButtonGroup::idClicked, this, [this](int id) { model_->setBoot(BootMode(id)); });
+    connect(fs_, &QButtonGroup::idClicked, this, [this](int id) { model_->setFs(FSChoice(id)); });
+    connect(install_, &QPushButton::clicked, model_, &FlashModel::flash);
+    connect(model_, &FlashModel::changed, this, &FlashView::refreshFromModel);
+    poll_.setInterval(kPollMs);
+    connect(&poll_, &QTimer::timeout, this, [this] {
+        if (!model_->busy() && !model_->scanning() && !asking_) model_->refresh();
+    });
+    refreshFromModel();
+}
+
+QButtonGroup* FlashView::segmented(const QStringList& texts, QGroupBox* box, QLayout* into) {
+    auto* group = new QButtonGroup(box);
+    auto* row = new QHBoxLayout;
+    row->setSpacing(0);
+    for (int i = 0; i < texts.size(); ++i) {
+        auto* b = new QPushButton(texts[i]);
+        b->setCheckable(true);
+        group->addButton(b, i);
+        row->addWidget(b);
+    }
+    row->addStretch();
+    static_cast<QBoxLayout*>(into)->addLayout(row);
+    return group;
+}
+
+int FlashView::ask(const FlashDialog& dialog) {
+    static const QMessageBox::Icon icons[] = {QMessageBox::Warning, QMessageBox::Critical, QMessageBox::Information};
+    QMessageBox box(icons[int(dialog.kind)], dialog.title, dialog.text, QMessageBox::NoButton, this);
+    QList<QPushButton*> buttons;
+    for (const QString& text : dialog.buttons)
+        buttons << box.addButton(text, buttons.isEmpty() ? QMessageBox::RejectRole : QMessageBox::AcceptRole);
+    if (!buttons.isEmpty()) box.setDefaultButton(buttons.first());  // Return takes the safe answer
+    asking_ = true;
+    box.exec();
+    asking_ = false;
+    return int(buttons.indexOf(static_cast<QPushButton*>(box.clickedButton())));
+}
+
+void FlashView::showEvent(QShowEvent* e) {
+    QWidget::showEvent(e);
+    if (!listed_) model_->refresh();  // the first appearance lists the drives
+    listed_ = true;
+    poll_.start();
+}
+
+void FlashView::hideEvent(QHideEvent* e) {
+    QWidget::hideEvent(e);
+    poll_.stop();
+}
+
+void FlashView::fillPicker() {
+    picker_->clear();
+    if (model_->drives().isEmpty()) picker_->addItem(tr("No USB drives found"));
+    for (const USBDrive& d : model_->drives()) picker_->addItem(driveLine(d), d.id);
+    if (model_->selection()) picker_->setCurrentIndex(std::max(0, picker_->findData(*model_->selection())));
+}
+
+void FlashView::refreshFromModel() {
+    fillPicker();
+    bool busy = model_->busy();
+    int hidden = model_->hiddenCount();
+    showAll_->setVisible(model_->showAll() || hidden > 0);
+    showAll_->setText(model_->showAll() ? tr("Hide empty") : tr("Show all (%1)").arg(hidden));
+    for (QWidget* w : {static_cast<QWidget*>(picker_), static_cast<QWidget*>(showAll_), static_cast<QWidget*>(refresh_),
+                       static_cast<QWidget*>(choices_)})
+        w->setEnabled(!busy);
+    boot_->button(int(model_->boot()))->setChecked(true);
+    fs_->button(int(model_->fs()))->setChecked(true);
+    notes_->setText(model_->notes());
+    progress_->setValue(int(model_->progress() * kProgressSteps));
+    detail_->setText(model_->detail());
+    status_->setText(model_->status());
+    install_->setEnabled(!busy && model_->selectedDrive().has_value());
+}

@@ -1,0 +1,47 @@
+// The Install tab: the drive picker, boot mode and file system, the help text, progress and
+// the Install button. It also answers the model's dialogs, and lists the drives again every
+// few seconds while it is on screen and nothing is being written or asked.
+#pragma once
+#include <QTimer>
+#include <QWidget>
+
+#include "flash_model.h"
+
+class QButtonGroup;
+class QComboBox;
+class QGroupBox;
+class QLabel;
+class QProgressBar;
+class QPushButton;
+
+class FlashView : public QWidget, public FlashDialogs {
+    Q_OBJECT
+public:
+    explicit FlashView(FlashModel* model, QWidget* parent = nullptr);
+    int ask(const FlashDialog& dialog) override;
+
+protected:
+    void showEvent(QShowEvent* e) override;
+    void hideEvent(QHideEvent* e) override;
+
+private:
+    void refreshFromModel();
+    void fillPicker();
+    QButtonGroup* segmented(const QStringList& texts, QGroupBox* box, QLayout* into);
+
+    FlashModel* model_;
+    QComboBox* picker_;
+    QPushButton* showAll_;
+    QPushButton* refresh_;
+    QGroupBox* choices_;
+    QButtonGroup* boot_;
+    QButtonGroup* fs_;
+    QLabel* notes_;
+    QProgressBar* progress_;
+    QLabel* detail_;
+    QLabel* status_;
+    QPushButton* install_;
+    QTimer poll_;
+    bool listed_ = false;
+    bool asking_ = false;
+};

@@ -1,16 +1,27 @@
 // Linux: lsblk lists the disks; /proc tells which of them carry the running system.
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <spawn.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
+#include <QDeadlineTimer>
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
-#include <QProcess>
 #include <QRegularExpression>
 #include <QStandardPaths>
 
 #include "disk_scanner.h"
 #include "lsblk_parser.h"
+
+#include <cerrno>
+#include <vector>
+
+extern char** environ;
 
 namespace {
 
@@ -30,23 +41,54 @@ struct Run {
     QByteArray out;
 };
 
-// Blocking, for a worker thread. QProcess keeps reading stdout while it waits, and stderr
-// goes to the null device, so a chatty child never stalls on a full pipe.
+// Blocking, for a worker thread. posix_spawn rather than QProcess: no fork of this multi-
+// threaded process, and no event loop needed. Stdout is read while waiting, so a full pipe
+// never stalls the child; stderr and stdin are /dev/null. Killed at the deadline.
 Run run(const QString& program, const QStringList& args, int timeoutMs) {
     Run r;
     if (program.isEmpty()) return r;
-    QProcess p;
-    p.setStandardInputFile(QProcess::nullDevice());
-    p.setStandardErrorFile(QProcess::nullDevice());
-    p.start(program, args, QIODevice::ReadOnly);
-    if (!p.waitForStarted(timeoutMs)) return r;
-    if (!p.waitForFinished(timeoutMs)) {
-        p.kill();
-        p.waitForFinished(1000);
+    QList<QByteArray> encoded{QFile::encodeName(program)};
+    for (const QString& a : args) encoded << a.toLocal8Bit();
+    std::vector<char*> argv;
+    for (QByteArray& a : encoded) argv.push_back(a.data());
+    argv.push_back(nullptr);
+    int fds[2];
+    if (pipe2(fds, O_CLOEXEC) != 0) return r;
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
+    posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, "/dev/null", O_WRONLY, 0);
+    posix_spawn_file_actions_adddup2(&actions, fds[1], STDOUT_FILENO);
+    pid_t pid = -1;
+    bool started = posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), environ) == 0;
+    posix_spawn_file_actions_destroy(&actions);
+    close(fds[1]);
+    if (!started) {
+        close(fds[0]);
         return r;
     }
-    r.out = p.readAllStandardOutput();
-    r.ok = p.exitStatus() == QProcess::NormalExit && p.exitCode() == 0;
+    QDeadlineTimer deadline(timeoutMs);
+    bool timedOut = false;
+    char buf[65536];
+    for (;;) {
+        pollfd p{fds[0], POLLIN, 0};
+        int ready = poll(&p, 1, int(std::max<qint64>(0, deadline.remainingTime())));
+        if (ready < 0 && errno == EINTR) continue;
+        if (ready <= 0) {
+            timedOut = true;
+            break;
+        }
+        ssize_t n = read(fds[0], buf, sizeof buf);
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) break;
+        r.out.append(buf, qsizetype(n));
+    }
+    close(fds[0]);
+    if (timedOut) kill(pid, SIGKILL);
+    int status = 0;
+    while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
+    }
+    r.ok = !timedOut && WIFEXITED(status) && WEXITSTATUS(status) == 0;
     return r;
 }
 

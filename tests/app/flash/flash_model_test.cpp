@@ -4,9 +4,14 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include <QComboBox>
+#include <QGroupBox>
+#include <QPushButton>
 #include <QTest>
+#include <future>
 
 #include "flash_model.h"
+#include "flash_view.h"
 #include "launcher.h"
 #include "temp_dir.h"
 
@@ -171,6 +176,40 @@ TEST(FlashWrite, PrivilegesCancelledOrRefused) {
                                                "Try again and enter an administrator password.");
         }
     }
+}
+
+QPushButton* button(QWidget* w, const QString& prefix) {
+    for (QPushButton* b : w->findChildren<QPushButton*>())
+        if (b->text().startsWith(prefix)) return b;
+    return nullptr;
+}
+
+TEST(FlashView, ShowAllCountsTheHiddenAndAWriteLocksTheControls) {
+    Bench b;
+    FlashView view(&b.m);
+    b.m.setDialogs(&b.answers);  // the view answers dialogs itself; here the test does
+    b.scan({kReader, {"sdf", "Reader 2", 0}, kStick});
+    EXPECT_EQ(button(&view, "Show all")->text(), "Show all (2)");
+    button(&view, "Show all")->click();
+    EXPECT_EQ(button(&view, "Hide empty")->text(), "Hide empty");
+    EXPECT_EQ(view.findChild<QComboBox*>()->count(), 3);
+    button(&view, "Hide empty")->click();
+
+    std::promise<void> release;
+    std::shared_future<void> released = release.get_future().share();
+    b.giveResources("DONE\n");
+    b.m.setLauncher([released](const QString&, const QString&, const QString&, FILE**) {
+        released.wait();  // the write stays under way until the test has looked
+        return kAuthCanceled;
+    });
+    button(&view, "Install")->click();
+    ASSERT_TRUE(b.m.busy());
+    for (QWidget* w : std::initializer_list<QWidget*>{view.findChild<QComboBox*>(), button(&view, "Refresh"),
+                                                       button(&view, "Install"), view.findChild<QGroupBox*>()})
+        EXPECT_FALSE(w->isEnabled());
+    release.set_value();
+    ASSERT_TRUE(QTest::qWaitFor([&] { return !b.m.busy(); }, 10000));
+    EXPECT_TRUE(button(&view, "Install")->isEnabled());
 }
 
 TEST(WriterProtocol, ReportsAndWhatIsNotOne) {

@@ -1,6 +1,6 @@
 // A few large aligned buffers passed between the inflating thread and the writing
-// thread: the inflater fills free buffers, the writer drains full ones, so whichever is
-// slower sets the pace and memory stays bounded.
+// thread: the inflater fills free buffers, the writer drains full ones and the hasher
+// frees them, so whichever is slowest sets the pace and memory stays bounded.
 #pragma once
 #include <condition_variable>
 #include <cstddef>

@@ -2,7 +2,10 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <condition_variable>
 #include <cstring>
+#include <deque>
+#include <mutex>
 #include <thread>
 #include <unistd.h>
 
@@ -29,23 +32,21 @@ void write_raw(int fd, const uint8_t* data, size_t length, uint64_t offset) {
     }
 }
 
-// Decodes and hashes on its own thread (hashing costs about as much as writing, so it
-// stays off the writing thread); joined on every way out of write_image.
+// Decodes on its own thread; joined on every way out of write_image.
 class InflateThread {
 public:
-    InflateThread(Inflater& inflater, ChunkQueue& queue, sha256_ctx& hash)
-        : queue_(queue), thread_([&inflater, &queue, &hash] { run(inflater, queue, hash); }) {}
+    InflateThread(Inflater& inflater, ChunkQueue& queue)
+        : queue_(queue), thread_([&inflater, &queue] { run(inflater, queue); }) {}
     ~InflateThread() {
         queue_.stop();
         thread_.join();
     }
 
 private:
-    static void run(Inflater& inflater, ChunkQueue& queue, sha256_ctx& hash) {
+    static void run(Inflater& inflater, ChunkQueue& queue) {
         try {
             while (AlignedBuffer* buffer = queue.take_free()) {
                 size_t n = inflater.read(buffer->data(), buffer->size());
-                sha256_update(&hash, buffer->data(), n);
                 if (n > 0) queue.push_full({buffer, n});
                 if (n < buffer->size()) {
                     queue.push_end();
@@ -59,6 +60,63 @@ private:
 
     ChunkQueue& queue_;
     std::thread thread_;
+};
+
+// Hashes each chunk once it is written and only then frees its buffer. Hashing costs
+// about twice the decoding, so on the decoding thread it held the writes back; here it
+// runs beside both. Chunks arrive in image order, so the hash is of the bytes written.
+class HashThread {
+public:
+    HashThread(ChunkQueue& queue, sha256_ctx& hash)
+        : queue_(queue), hash_(hash), thread_([this] { run(); }) {}
+    ~HashThread() {
+        {
+            std::lock_guard lock(mutex_);
+            stopping_ = true;
+        }
+        changed_.notify_all();
+        thread_.join();
+    }
+
+    void hash_and_free(Chunk chunk) {
+        {
+            std::lock_guard lock(mutex_);
+            pending_.push_back(chunk);
+        }
+        changed_.notify_all();
+    }
+    // Waits until every chunk handed over is in the hash.
+    void finish() {
+        std::unique_lock lock(mutex_);
+        changed_.wait(lock, [&] { return pending_.empty() && !busy_; });
+    }
+
+private:
+    void run() {
+        std::unique_lock lock(mutex_);
+        for (;;) {
+            changed_.wait(lock, [&] { return !pending_.empty() || stopping_; });
+            if (stopping_) return;  // only on the way out: the hash is no longer wanted
+            Chunk c = pending_.front();
+            pending_.pop_front();
+            busy_ = true;
+            lock.unlock();
+            sha256_update(&hash_, c.buffer->data(), c.length);
+            queue_.give_back(c.buffer);
+            lock.lock();
+            busy_ = false;
+            changed_.notify_all();
+        }
+    }
+
+    ChunkQueue& queue_;
+    sha256_ctx& hash_;
+    std::mutex mutex_;
+    std::condition_variable changed_;
+    std::deque<Chunk> pending_;
+    bool busy_ = false;
+    bool stopping_ = false;
+    std::thread thread_;  // last, so it starts after the members it uses
 };
 
 void zero_head(const Target& target, OpenTarget& out) {
@@ -114,7 +172,8 @@ WrittenImage write_image(const Target& target, OpenTarget& out, Inflater& inflat
 
     ChunkQueue queue(kChunkCount, kChunkBytes);
     {
-        InflateThread decoder(inflater, queue, hash);
+        HashThread hasher(queue, hash);
+        InflateThread decoder(inflater, queue);
         for (Chunk c = queue.take_full(); c.buffer; c = queue.take_full()) {
             size_t to_head = position < kHeadBytes ? std::min<uint64_t>(kHeadBytes - position, c.length) : 0;
             std::memcpy(head.data() + head_length, c.buffer->data(), to_head);
@@ -123,9 +182,10 @@ WrittenImage write_image(const Target& target, OpenTarget& out, Inflater& inflat
             write_fully(out, c.buffer->data() + to_head, c.length - to_head, position + to_head);
             written += c.length - to_head;
             position += c.length;
-            queue.give_back(c.buffer);
+            hasher.hash_and_free(c);
             progress.update(written);
         }
+        hasher.finish();
     }
     if (position != total)
         throw_corrupt_image("it decodes to " + std::to_string(position) + " bytes, not the " +

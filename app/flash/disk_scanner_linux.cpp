@@ -2,10 +2,8 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
-#include <spawn.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <QDeadlineTimer>
@@ -15,13 +13,12 @@
 #include <QRegularExpression>
 #include <QStandardPaths>
 
+#include "child_process.h"
 #include "disk_scanner.h"
 #include "lsblk_parser.h"
 
 #include <cerrno>
 #include <vector>
-
-extern char** environ;
 
 namespace {
 
@@ -49,46 +46,32 @@ Run run(const QString& program, const QStringList& args, int timeoutMs) {
     if (program.isEmpty()) return r;
     QList<QByteArray> encoded{QFile::encodeName(program)};
     for (const QString& a : args) encoded << a.toLocal8Bit();
-    std::vector<char*> argv;
-    for (QByteArray& a : encoded) argv.push_back(a.data());
+    std::vector<const char*> argv;
+    for (const QByteArray& a : encoded) argv.push_back(a.constData());
     argv.push_back(nullptr);
-    int fds[2];
-    if (pipe2(fds, O_CLOEXEC) != 0) return r;
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
-    posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, "/dev/null", O_WRONLY, 0);
-    posix_spawn_file_actions_adddup2(&actions, fds[1], STDOUT_FILENO);
-    pid_t pid = -1;
-    bool started = posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), environ) == 0;
-    posix_spawn_file_actions_destroy(&actions);
-    close(fds[1]);
-    if (!started) {
-        close(fds[0]);
-        return r;
-    }
+    int out = -1;
+    pid_t pid = ChildProcess::spawnReadingOutput(argv.data(), &out, true);
+    if (pid < 0) return r;
     QDeadlineTimer deadline(timeoutMs);
     bool timedOut = false;
     char buf[65536];
     for (;;) {
-        pollfd p{fds[0], POLLIN, 0};
+        pollfd p{out, POLLIN, 0};
         int ready = poll(&p, 1, int(std::max<qint64>(0, deadline.remainingTime())));
         if (ready < 0 && errno == EINTR) continue;
         if (ready <= 0) {
             timedOut = true;
             break;
         }
-        ssize_t n = read(fds[0], buf, sizeof buf);
+        ssize_t n = read(out, buf, sizeof buf);
         if (n < 0 && errno == EINTR) continue;
         if (n <= 0) break;
         r.out.append(buf, qsizetype(n));
     }
-    close(fds[0]);
+    close(out);
     if (timedOut) kill(pid, SIGKILL);
-    int status = 0;
-    while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
-    }
-    r.ok = !timedOut && WIFEXITED(status) && WEXITSTATUS(status) == 0;
+    int status = ChildProcess::exitStatus(pid);
+    r.ok = !timedOut && status == 0;
     return r;
 }
 

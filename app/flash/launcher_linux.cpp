@@ -1,37 +1,18 @@
 // The writer started through pkexec (the project's polkit action asks for an administrator's
 // password and keeps the authorisation for a while), or directly when already root.
-#include <fcntl.h>
 #include <poll.h>
-#include <spawn.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <thread>
 
+#include "child_process.h"
 #include "launcher.h"
-
-extern char** environ;
 
 namespace {
 
 constexpr int kElevatorDismissed = 126;  // pkexec: the dialog was dismissed
 constexpr const char* kPkexec = "/usr/bin/pkexec";
-
-pid_t spawn_with_output(const char* const argv[], int* read_end) {
-    int fds[2];
-    if (pipe2(fds, O_CLOEXEC) != 0) return -1;
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_adddup2(&actions, fds[1], STDOUT_FILENO);
-    pid_t pid = -1;
-    if (posix_spawn(&pid, argv[0], &actions, nullptr, const_cast<char* const*>(argv), environ) != 0) pid = -1;
-    posix_spawn_file_actions_destroy(&actions);
-    close(fds[1]);
-    if (pid < 0) close(fds[0]);
-    *read_end = fds[0];
-    return pid;
-}
 
 // Waits until the program prints something or ends. An end without a word is the elevating
 // program giving up (prompt dismissed, rights refused), told apart by its exit status.
@@ -42,13 +23,6 @@ bool ended_silently(int fd) {
     return !(p.revents & POLLIN);
 }
 
-int exit_status(pid_t pid) {
-    int status = 0;
-    while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
-    }
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-}
-
 }  // namespace
 
 int qm_exec_through(const char* elevator, const char* tool, const char* arg1, const char* arg2, FILE** output) {
@@ -57,17 +31,17 @@ int qm_exec_through(const char* elevator, const char* tool, const char* arg1, co
     const char* direct[] = {tool, arg1, arg2, nullptr};
     const char* elevated[] = {elevator, tool, arg1, arg2, nullptr};
     int fd = -1;
-    pid_t pid = spawn_with_output(elevator ? elevated : direct, &fd);
+    pid_t pid = ChildProcess::spawnReadingOutput(elevator ? elevated : direct, &fd, false);
     if (pid < 0) return kAuthDenied;
     if (elevator && ended_silently(fd)) {
-        int code = exit_status(pid);
+        int code = ChildProcess::exitStatus(pid);
         if (code == kElevatorDismissed) return close(fd), kAuthCanceled;
         if (code != 0) return close(fd), kAuthDenied;
         pid = -1;  // already reaped; the empty stream says the rest
     }
     *output = fdopen(fd, "r");
     if (!*output) close(fd);
-    if (pid > 0) std::thread([pid] { exit_status(pid); }).detach();  // reaped whenever it ends
+    if (pid > 0) std::thread([pid] { ChildProcess::exitStatus(pid); }).detach();  // reaped whenever it ends
     return *output ? 0 : kAuthDenied;
 }
 

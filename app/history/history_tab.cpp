@@ -109,7 +109,11 @@ void HistoryTab::fillLists() {
 
 void HistoryTab::fillShownText() {
     shown_->setCurrentIndex(model_->showingDiff() ? 1 : 0);
-    reading_->setPlainText(model_->text());
+    // The model also changes when only busy does: a 4 MiB text is laid out again only when new.
+    if (model_->text() == shownText_ && model_->diffLines() == shownDiff_) return;
+    shownText_ = model_->text();
+    shownDiff_ = model_->diffLines();
+    reading_->setPlainText(shownText_);
     comparison_->clear();
     for (const DiffLine& line : model_->diffLines()) {
         auto* item = new QListWidgetItem(line.text, comparison_);

@@ -37,6 +37,8 @@ private:
     QListWidget* comparison_;
     QPushButton* restore_;
     QLabel* status_;
+    QString shownText_;
+    QList<DiffLine> shownDiff_;
     QMessageBox* confirmation_ = nullptr;
     bool filling_ = false;
 };

@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <QDir>
+#include <QElapsedTimer>
 #include <QFile>
 #include <QFileInfo>
 #include <QSet>
@@ -29,6 +30,7 @@ namespace {
 constexpr size_t kHashRead = 65536;
 constexpr size_t kCopyChunk = 1 << 20;
 const char kPartialName[] = ".quillmate-partial";
+constexpr qint64 kCheckpointMs = 5000;
 
 // The drive's own data and what the deck rewrites all the time; never copied.
 bool neverTravels(const QString& rel, bool folder) {
@@ -237,12 +239,14 @@ std::vector<char> intactCopies(const QString& folder, const QList<BackupEntry>& 
 class Run {
 public:
     Run(const QString& folder, int rootFd, const Backup::RunOptions& options, BackupResult& result)
-        : folder_(folder), rootFd_(rootFd), options_(options), result_(result), manifest_(folder) {}
+        : folder_(folder), rootFd_(rootFd), options_(options), result_(result), manifest_(folder) {
+        sinceSave_.start();
+    }
 
     bool copyChanged() {
         DriveTree::Listing listing = DriveTree::list(rootFd_, neverTravels);
         if (!listing.opened) return false;
-        for (const QString& rel : listing.unreadableFolders)
+        for (const QString& rel : listing.unreadable)
             result_.failures << rel.section(QLatin1Char('/'), -1) + QStringLiteral(" (could not read it on the drive)");
         std::vector<DriveTree::File> changed;
         for (DriveTree::File& f : listing.files) {
@@ -258,11 +262,13 @@ public:
             else
                 changed.push_back(std::move(f));
         }
-        startPhase(changed.size(), [&] {
-            int64_t total = 0;
-            for (const auto& f : changed) total += f.size;
-            return total;
-        }());
+        QStringList replaced;
+        for (const DriveTree::File& f : changed)
+            if (manifest_.rows().count(f.rel)) replaced << f.rel;
+        forget(replaced);
+        int64_t total = 0;
+        for (const DriveTree::File& f : changed) total += f.size;
+        startPhase(changed.size(), total);
         for (const DriveTree::File& f : changed) {
             if (std::optional<Copied> c = copyFromDrive(f.rel)) {
                 ++result_.copied;
@@ -270,6 +276,7 @@ public:
                 touched_.insert(f.rel);
             }
             advance(f.size);
+            if (sinceSave_.elapsed() > kCheckpointMs) save();
         }
         return true;
     }
@@ -286,24 +293,31 @@ public:
             std::lock_guard lock(progressLock);
             advance(bytes);
         });
+        QStringList damaged;
         for (qsizetype i = 0; i < chosen.size(); ++i) {
             const QString& path = chosen[i].path;
             if (intact[static_cast<size_t>(i)]) {
                 manifest_.rows()[path].verified = now();
                 ++result_.rechecked;
             } else if (DriveTree::File onDrive; DriveTree::stat(rootFd_, path, onDrive)) {
-                if (copyFromDrive(path)) ++result_.repaired;
+                damaged << path;
             } else {
                 result_.failures << path + QStringLiteral(" (no longer in the folder, and not on the drive)");
                 manifest_.recordLost(path);
                 manifest_.rows().erase(path);
             }
         }
+        forget(damaged);
+        for (const QString& path : damaged)
+            if (copyFromDrive(path)) ++result_.repaired;
     }
 
+    // Copies first, then the rows naming them.
     void save() {
-        if (result_.copied + result_.repaired > 0) flushFileSystem(folder_);  // copies first, then the rows naming them
+        if (unflushed_) flushFileSystem(folder_);
+        unflushed_ = false;
         manifest_.save();
+        sinceSave_.restart();
     }
 
 private:
@@ -319,8 +333,26 @@ private:
         ::fstat(fd, &st);
         std::optional<Copied> c = copyFromDescriptor(fd, name, folder_ + QLatin1Char('/') + rel, st.st_mtim, result_);
         ::close(fd);
-        if (c) manifest_.rows()[rel] = {rel, c->sha256, c->bytes, wholeSeconds(st.st_mtim), now()};
+        if (c) {
+            manifest_.rows()[rel] = {rel, c->sha256, c->bytes, wholeSeconds(st.st_mtim), now()};
+            unflushed_ = true;
+        } else if (auto old = forgotten_.find(rel); old != forgotten_.end()) {
+            manifest_.rows()[rel] = old->second;  // the old copy is still in place, untouched
+        }
+        forgotten_.erase(rel);
         return c;
+    }
+
+    // Rows whose copies are about to be replaced leave the saved manifest first, so that a run
+    // killed midway never leaves a row beside a copy it does not describe.
+    void forget(const QStringList& paths) {
+        if (paths.isEmpty()) return;
+        for (const QString& p : paths) {
+            auto row = manifest_.rows().find(p);
+            forgotten_.insert(*row);
+            manifest_.rows().erase(row);
+        }
+        save();
     }
 
     void startPhase(size_t files, int64_t bytes) {
@@ -339,6 +371,9 @@ private:
     BackupResult& result_;
     BackupManifest manifest_;
     QSet<QString> touched_;
+    std::map<QString, BackupEntry> forgotten_;
+    bool unflushed_ = false;
+    QElapsedTimer sinceSave_;  // a long run saves what it has every few seconds
     BackupProgress progress_;
 };
 

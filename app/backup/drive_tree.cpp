@@ -100,7 +100,11 @@ bool readFolder(int rootFd, const QString& rel, std::vector<Entry>& out) {
     while (dirent* d = ::readdir(dir)) {
         if (std::strcmp(d->d_name, ".") == 0 || std::strcmp(d->d_name, "..") == 0) continue;
         struct stat st {};
-        if (::fstatat(::dirfd(dir), d->d_name, &st, AT_SYMLINK_NOFOLLOW) != 0) continue;  // gone meanwhile
+        if (::fstatat(::dirfd(dir), d->d_name, &st, AT_SYMLINK_NOFOLLOW) != 0) {
+            // Gone meanwhile is nothing to report; a damaged entry is.
+            if (errno != ENOENT) out.push_back({QFile::decodeName(d->d_name), Entry::Unreadable, 0, {}});
+            continue;
+        }
         out.push_back({QFile::decodeName(d->d_name), kindOf(st.st_mode), static_cast<int64_t>(st.st_size), st.st_mtim});
     }
     ::closedir(dir);

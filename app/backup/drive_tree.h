@@ -19,7 +19,7 @@ struct File {
 struct Listing {
     bool opened = false;  // false: the root itself could not be read
     std::vector<File> files;
-    QStringList unreadableFolders;  // relative paths of folders that could not be listed
+    QStringList unreadable;  // relative paths of entries that could not be listed or looked at
 };
 
 // Every regular file under root, links and special files left out; `skip` decides which
@@ -39,7 +39,7 @@ bool stat(int rootFd, const QString& rel, File& out);
 // Implementation detail of list(): the entries of the folder rel (empty: the root).
 struct Entry {
     QString name;
-    enum Kind { Folder, Regular, Other } kind;
+    enum Kind { Folder, Regular, Other, Unreadable } kind;
     int64_t size;
     timespec mtime;
 };
@@ -55,7 +55,7 @@ Listing list(int rootFd, Skip skip) {
         pending.pop_back();
         if (!readFolder(rootFd, folder, entries)) {
             if (folder.isEmpty()) return listing;
-            listing.unreadableFolders << folder;
+            listing.unreadable << folder;
             continue;
         }
         if (folder.isEmpty()) listing.opened = true;
@@ -64,6 +64,7 @@ Listing list(int rootFd, Skip skip) {
             if (skip(rel, e.kind == Entry::Folder)) continue;
             if (e.kind == Entry::Folder) pending.push_back(rel);
             if (e.kind == Entry::Regular) listing.files.push_back({rel, e.size, e.mtime});
+            if (e.kind == Entry::Unreadable) listing.unreadable << rel;
         }
     }
     return listing;

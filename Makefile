@@ -14,8 +14,9 @@ run: build
 	@if [ -n "$$DISPLAY$$WAYLAND_DISPLAY" ]; then \
 	  $(APP) --drive $(SAMPLE); \
 	else \
-	  echo "No display: rendering the tabs off screen instead."; \
+	  echo "No display: rendering the tabs off screen, and backing the sample drive up, instead."; \
 	  $(APP) --shot $(SHOTS) --drive $(SAMPLE) && echo "Open the images in $(SHOTS)/"; \
+	  $(APP) --backup-run $(SAMPLE) build/sample-backup; \
 	fi
 
 # Everything: the suite on the optimised build, again under ASan + UBSan, the application and

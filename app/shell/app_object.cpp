@@ -5,7 +5,11 @@
 
 #include "dispatch.h"
 
-void QuillmateFlasherApp::start(const QStringList& args, const QString& pinnedName) {
+void QuillmateFlasherApp::start(const QStringList& args, const QString& pinnedName, bool automaticBackups) {
+    if (automaticBackups)
+        backup.start();
+    else
+        backup.detectServices();
     std::optional<QString> drive = valueAfter(args, QStringLiteral("--drive"));
     if (!drive) {
         drives.rescan();
@@ -15,4 +19,6 @@ void QuillmateFlasherApp::start(const QStringList& args, const QString& pinnedNa
     drives.pin(*drive, name.isEmpty() ? *drive : name);
 }
 
-bool QuillmateFlasherApp::busy() const { return flash.scanning() || drives.scanning() || stats.busy() || history.busy(); }
+bool QuillmateFlasherApp::busy() const {
+    return flash.scanning() || drives.scanning() || stats.busy() || history.busy() || backup.busy();
+}

@@ -1,10 +1,11 @@
 // The application object: the tabs' models and the drive selection they share, created once in
-// their order and kept for the life of the process. The backup, account and settings models
-// join as those subsystems land (order: flash, stats, history, backup, account, settings).
+// their order and kept for the life of the process. The account and settings models join as
+// those subsystems land (order: flash, stats, history, backup, account, settings).
 #pragma once
 #include <QString>
 #include <QStringList>
 
+#include "backup_model.h"
 #include "drive_selection.h"
 #include "flash_model.h"
 #include "history_model.h"
@@ -16,11 +17,13 @@ public:
     DriveSelection drives;
     StatsModel stats{&drives};
     HistoryModel history{&drives};
+    BackupModel backup{&drives};
 
     // The start of the window and of the screenshot mode alike: "--drive <path>" makes that
     // folder the only drive, shown as pinnedName (or its folder name when that is empty);
-    // otherwise the mounted volumes are scanned.
-    void start(const QStringList& args, const QString& pinnedName = QString());
+    // otherwise the mounted volumes are scanned. Automatic backups start unless told not to (the
+    // screenshot mode, which must not copy a sample drive into the user's backup folder).
+    void start(const QStringList& args, const QString& pinnedName = QString(), bool automaticBackups = true);
     // Some model still has background work on its way.
     bool busy() const;
 };

@@ -8,6 +8,7 @@
 
 #include "app_object.h"
 #include "dispatch.h"
+#include "headless.h"
 #include "main_window.h"
 #include "shots.h"
 
@@ -56,8 +57,8 @@ int Entry::main(int argc, char** argv) {
     QStringList args = arguments(argc, argv);
     Mode mode = decideMode(args);
     switch (mode) {
-        case Mode::BackupRun:
-        case Mode::BackupCheck: return not_built_yet("backup");
+        case Mode::BackupRun: return Headless::backupRun(args);
+        case Mode::BackupCheck: return Headless::backupCheck(args);
         case Mode::UpdateCheck: return not_built_yet("the update check");
         case Mode::Screenshot:
             if (!has_display()) qputenv("QT_QPA_PLATFORM", "offscreen");

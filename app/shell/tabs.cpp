@@ -1,8 +1,10 @@
 #include "tabs.h"
 
 #include "app_object.h"
+#include "backup_tab.h"
 #include "flash_view.h"
 #include "history_tab.h"
+#include "settings_tab.h"
 #include "stats_tab.h"
 
 namespace {
@@ -10,6 +12,8 @@ const TabEntry kTabs[] = {
     {"Install", "mac-install", [](QuillmateFlasherApp* app) -> QWidget* { return new FlashView(&app->flash); }},
     {"Statistics", "mac-stats", [](QuillmateFlasherApp* app) -> QWidget* { return new StatsTab(&app->stats); }},
     {"History", "mac-history", [](QuillmateFlasherApp* app) -> QWidget* { return new HistoryTab(&app->history); }},
+    {"Backup", "mac-backup", [](QuillmateFlasherApp* app) -> QWidget* { return new BackupTab(&app->backup); }},
+    {"Settings", "mac-settings", [](QuillmateFlasherApp* app) -> QWidget* { return new SettingsTab(&app->backup); }},
 };
 }  // namespace
 

@@ -33,6 +33,12 @@ DriveHeader::DriveHeader(const QString& title, DriveSelection* selection, std::f
     fillPicker();
 }
 
+void DriveHeader::setDescription(const QString& text) {
+    QLabel* line = Labels::caption(text, font().pointSize());
+    line->setWordWrap(true);
+    static_cast<QVBoxLayout*>(layout())->insertWidget(1, line);
+}
+
 void DriveHeader::setRefreshEnabled(bool enabled) { refresh_->setEnabled(enabled); }
 
 void DriveHeader::fillPicker() {

@@ -29,8 +29,8 @@ TEST(Screenshots, WritesEachTabAtTheWindowSize) {
     QString folder = QString::fromStdString(out / "nested/shots");
     AppRun r = runApp({"--shot", folder, "--drive", deckDrive(drive, deck::StatsState::Normal, 2)});
     EXPECT_EQ(r.status, 0);
-    EXPECT_EQ(r.out, "3 image(s) written to " + folder + "\n");
-    for (const char* name : {"mac-install", "mac-stats", "mac-history"}) {
+    EXPECT_EQ(r.out, "5 image(s) written to " + folder + "\n");
+    for (const char* name : {"mac-install", "mac-stats", "mac-history", "mac-backup", "mac-settings"}) {
         QImage image(folder + "/" + name + ".png");
         ASSERT_FALSE(image.isNull()) << name;
         EXPECT_EQ(image.size() / image.devicePixelRatio(), QSize(580, 560));
@@ -41,7 +41,7 @@ TEST(Screenshots, DriveWithoutStatisticsStillRendersEveryImage) {
     TempDir empty, out;
     AppRun r = runApp({"--shot", QString::fromStdString(out.path()), "--drive", QString::fromStdString(empty.path())});
     EXPECT_EQ(r.status, 0);
-    EXPECT_TRUE(r.out.startsWith("3 image(s) written to "));
+    EXPECT_TRUE(r.out.startsWith("5 image(s) written to "));
 }
 
 TEST(Screenshots, UsageWithoutAFolderAndFailuresForAnUnwritableOne) {
@@ -55,7 +55,8 @@ TEST(Screenshots, UsageWithoutAFolderAndFailuresForAnUnwritableOne) {
     AppRun r = runApp({"--shot", folder});
     EXPECT_EQ(r.status, 1);
     EXPECT_EQ(r.out, "FAILED to write " + folder + "/mac-install.png\nFAILED to write " + folder +
-                         "/mac-stats.png\nFAILED to write " + folder + "/mac-history.png\n0 image(s) written to " +
+                         "/mac-stats.png\nFAILED to write " + folder + "/mac-history.png\nFAILED to write " + folder +
+                         "/mac-backup.png\nFAILED to write " + folder + "/mac-settings.png\n0 image(s) written to " +
                          folder + "\n");
 }
 

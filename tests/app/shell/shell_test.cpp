@@ -1,7 +1,10 @@
 // The command-line dispatch, the main window's frame and tabs, and views following their models.
 #include <gtest/gtest.h>
 
+#include <QCheckBox>
 #include <QComboBox>
+#include <QLabel>
+#include <QSignalSpy>
 #include <QDir>
 #include <QListWidget>
 #include <QMessageBox>
@@ -10,11 +13,14 @@
 #include <QTest>
 
 #include "app_object.h"
+#include "backup_settings.h"
+#include "backup_tab.h"
 #include "deck_drive.h"
 #include "dispatch.h"
 #include "drive_header.h"
 #include "history_tab.h"
 #include "main_window.h"
+#include "settings_tab.h"
 #include "stats_tab.h"
 
 namespace {
@@ -47,7 +53,7 @@ TEST(MainWindowFrame, TitleFixedTabFrameTabsInOrderAndEveryTabOnTheStartDrive) {
     EXPECT_EQ(w.tabs()->size(), QSize(580, 560));
     QStringList labels;
     for (int i = 0; i < w.tabs()->count(); ++i) labels << w.tabs()->tabText(i);
-    EXPECT_EQ(labels, (QStringList{"Install", "Statistics", "History"}));
+    EXPECT_EQ(labels, (QStringList{"Install", "Statistics", "History", "Backup", "Settings"}));
     EXPECT_EQ(w.tabs()->currentIndex(), 0);
     EXPECT_EQ(w.minimumSize(), w.maximumSize());  // sized by its content, not resizable
 
@@ -131,6 +137,55 @@ TEST(HistoryView, ListsFollowTheModelAndTheConfirmationGatesTheRestore) {
     docs->setCurrentRow(1);
     settle();
     EXPECT_EQ(model.document(), model.documents()[1]);
+}
+
+QLabel* labelWithText(QWidget* w, const QString& text) {
+    for (QLabel* l : w->findChildren<QLabel*>())
+        if (l->text() == text) return l;
+    return nullptr;
+}
+
+TEST(BackupView, ButtonsFollowTheDriveAndDestinationAndTheSettingsChooseThem) {
+    BackupSettings::setDestination(QString());
+    BackupSettings::setAutomatic(true);
+    TempDir dir, dest;
+    DriveSelection drives;
+    drives.pin({QmVolume{deckDrive(dir, deck::StatsState::Normal, 2), "Q", true}});
+    BackupModel model(&drives);
+    BackupTab tab(&model);
+    SettingsTab settings(&model);
+    EXPECT_TRUE(labelWithText(&tab, "No folder chosen"));
+    for (const char* b : {"Back up now", "Check the copies", "Open the folder"}) EXPECT_FALSE(button(&tab, b)->isEnabled());
+
+    settings.backupSection()->setFolderPicker([&](QWidget*, const QString&) { return QString::fromStdString(dest.path()); });
+    QTest::mouseClick(button(&settings, "Choose a folder..."), Qt::LeftButton);
+    EXPECT_EQ(model.destination(), QString::fromStdString(dest.path()));
+    EXPECT_TRUE(labelWithText(&tab, QString::fromStdString(dest.path())));
+    EXPECT_TRUE(button(&tab, "Back up now")->isEnabled());
+    EXPECT_FALSE(button(&tab, "Open the folder")->isEnabled());  // nothing there yet
+
+    QSignalSpy reported(&model, &BackupModel::reported);
+    QTest::mouseClick(button(&tab, "Back up now"), Qt::LeftButton);
+    EXPECT_FALSE(button(&tab, "Check the copies")->isEnabled());
+    ASSERT_TRUE(reported.wait(20000));
+    EXPECT_TRUE(button(&tab, "Check the copies")->isEnabled());
+    EXPECT_TRUE(button(&tab, "Open the folder")->isEnabled());
+    EXPECT_TRUE(labelWithText(&tab, model.status()));
+
+    BackupResult failed;
+    failed.failures = {"a.md: gone"};
+    model.show(failed);
+    QLabel* warning = labelWithText(&tab, "One copy could not be verified: a.md: gone");
+    ASSERT_TRUE(warning);
+    EXPECT_NE(warning->palette().color(QPalette::WindowText), tab.palette().color(QPalette::WindowText));
+
+    auto* automatic = settings.findChild<QCheckBox*>();
+    EXPECT_TRUE(automatic->isChecked());
+    automatic->click();
+    EXPECT_FALSE(model.automatic());
+    EXPECT_FALSE(BackupSettings::automatic());
+    BackupSettings::setDestination(QString());
+    BackupSettings::setAutomatic(true);
 }
 
 }  // namespace

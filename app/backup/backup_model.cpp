@@ -1,0 +1,182 @@
+#include "backup_model.h"
+
+#include <QDesktopServices>
+#include <QDir>
+#include <QLocale>
+#include <chrono>
+#include <memory>
+
+const QString BackupModel::kNoDriveStatus = QStringLiteral("Plug in a Quillmate drive and press Refresh.");
+const QString BackupModel::kNoDestinationStatus =
+    QStringLiteral("Choose a folder, or one of the services found on this computer.");
+const QString BackupModel::kReadyStatus =
+    QStringLiteral("Ready. Press Back up now, or leave it to happen on its own.");
+const QString BackupModel::kCopyingStatus = QStringLiteral("Copying...");
+const QString BackupModel::kCheckingStatus = QStringLiteral("Checking every copy against the drive...");
+
+namespace {
+
+// Progress is drawn at most this often; a run over thousands of small files would otherwise
+// queue a repaint per file.
+constexpr auto kProgressInterval = std::chrono::milliseconds(100);
+
+QString failuresWarning(const QStringList& failures) {
+    QString lead = failures.size() == 1 ? QStringLiteral("One copy could not be verified: ")
+                                        : QStringLiteral("%1 copies could not be verified: ").arg(failures.size());
+    return lead + failures.join(QStringLiteral("; "));
+}
+
+}  // namespace
+
+BackupModel::BackupModel(DriveSelection* drives, BackupSchedule::Timings timings, QObject* parent)
+    : QObject(parent),
+      drives_(drives),
+      destination_(BackupSettings::destination()),
+      automatic_(BackupSettings::automatic()),
+      opener_([](const QUrl& url) { return QDesktopServices::openUrl(url); }),
+      schedule_(timings) {
+    connect(drives_, &DriveSelection::changed, this, [this] {
+        refreshStatus();
+        schedule_.rewatch();
+        emit changed();  // the volume itself is shown
+    });
+    refreshStatus();
+}
+
+std::optional<QString> BackupModel::folder() const {
+    std::optional<QmVolume> v = volume();
+    if (!v || destination_.isEmpty()) return std::nullopt;
+    return Backup::folderFor(destination_, v->name);
+}
+
+void BackupModel::start() {
+    detectServices();
+    schedule_.start([this] { return volume(); },
+                    [this](const QmVolume& v, const QString& destination) { runAutomatic(v, destination); });
+}
+
+void BackupModel::rescan() {
+    drives_->rescan();
+    detectServices();
+    refreshStatus();
+    schedule_.rewatch();
+}
+
+void BackupModel::detectServices() {
+    QList<CloudFolder> found = CloudFolders::detect();
+    QList<CloudFolder> missing;
+    for (const CloudFolder& f : found)
+        if (!CloudSync::clientInstalled(f.name)) missing << f;
+    if (found == services_ && missing == missing_) return;
+    services_ = std::move(found);
+    missing_ = std::move(missing);
+    emit changed();
+}
+
+void BackupModel::choose(const QString& path) {
+    BackupSettings::setDestination(path);
+    destination_ = path;
+    refreshStatus();
+    schedule_.rewatch();
+    emit changed();
+}
+
+void BackupModel::setAutomatic(bool on) {
+    BackupSettings::setAutomatic(on);
+    automatic_ = on;
+    schedule_.rewatch();
+    emit changed();
+}
+
+void BackupModel::refreshStatus() {
+    if (!volume())
+        setStatus(kNoDriveStatus);
+    else if (destination_.isEmpty())
+        setStatus(kNoDestinationStatus);
+    // The outcome of the last run stays until the next one; only the waiting texts give way.
+    else if (status_.isEmpty() || status_ == kNoDriveStatus || status_ == kNoDestinationStatus)
+        setStatus(kReadyStatus);
+}
+
+void BackupModel::setStatus(const QString& status) {
+    if (status_ == status) return;
+    status_ = status;
+    emit changed();
+}
+
+Backup::RunOptions BackupModel::optionsFor(bool automatic) {
+    Backup::RunOptions options;
+    options.waitForOtherRuns = !automatic;
+    auto last = std::make_shared<std::chrono::steady_clock::time_point>();
+    options.progress = [this, last](const BackupProgress& p) {
+        auto now = std::chrono::steady_clock::now();
+        if (p.filesDone < p.filesTotal && now - *last < kProgressInterval) return;
+        *last = now;
+        background_.deliver([this, p] {
+            progress_ = p;
+            emit changed();
+        });
+    };
+    return options;
+}
+
+void BackupModel::runNow(bool deepVerify) {
+    std::optional<QmVolume> v = volume();
+    if (!v || busy()) return;
+    ++manualRuns_;
+    warning_.reset();
+    warningIsSerious_ = false;
+    status_ = deepVerify ? kCheckingStatus : kCopyingStatus;
+    emit changed();
+    background_.post(
+        [volume = *v, destination = destination_, deepVerify, options = optionsFor(false)] {
+            return Backup::run(volume, destination, deepVerify, options);
+        },
+        [this](BackupResult result) {
+            --manualRuns_;
+            show(result);
+        });
+}
+
+void BackupModel::runAutomatic(const QmVolume& v, const QString& destination) {
+    if (automaticRunning_) return;  // a slow run is still going: the next tick or change comes soon enough
+    automaticRunning_ = true;
+    background_.post(
+        [v, destination, options = optionsFor(true)] { return Backup::run(v, destination, false, options); },
+        [this](BackupResult result) {
+            automaticRunning_ = false;
+            if (result.skipped) {  // another run had the folder; it reports for both
+                if (progress_ && !busy()) {
+                    progress_.reset();
+                    emit changed();
+                }
+                return;
+            }
+            show(result);
+        });
+}
+
+bool BackupModel::revealFolder() {
+    std::optional<QString> f = folder();
+    if (!f || !QDir(*f).exists()) return false;
+    return opener_(QUrl::fromLocalFile(*f));
+}
+
+void BackupModel::show(const BackupResult& result) {
+    progress_.reset();
+    status_ = result.summary() + QLatin1Char('\n') + QLocale().toString(result.finished, QLocale::ShortFormat);
+    warning_.reset();
+    warningIsSerious_ = false;
+    if (!result.failures.isEmpty()) {
+        warning_ = failuresWarning(result.failures);
+        warningIsSerious_ = true;
+    } else if (result.cloudWarning) {
+        // Copies that sit in a folder nobody uploads, or a disk about to fill: worth the colour.
+        warning_ = result.cloudWarning;
+        warningIsSerious_ = true;
+    } else if (!result.error) {
+        if (std::optional<QString> f = folder()) warning_ = CloudSync::uploadNote(*f);
+    }
+    emit changed();
+    emit reported();
+}

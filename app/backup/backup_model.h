@@ -1,0 +1,94 @@
+// The Backup tab's model: the drive (shared with the other tabs), where copies go, whether they
+// happen on their own, the last run's outcome and any warning about it. Runs go off the main
+// thread; every field changes on the main thread and is announced by changed().
+#pragma once
+#include <QList>
+#include <QObject>
+#include <QString>
+#include <QUrl>
+#include <functional>
+#include <optional>
+
+#include "backup.h"
+#include "backup_schedule.h"
+#include "background_queue.h"
+#include "cloud_sync.h"
+#include "drive_selection.h"
+
+class BackupModel : public QObject {
+    Q_OBJECT
+public:
+    static const QString kNoDriveStatus;
+    static const QString kNoDestinationStatus;
+    static const QString kReadyStatus;
+    static const QString kCopyingStatus;
+    static const QString kCheckingStatus;
+
+    // Opens a folder in the file manager; true when it could.
+    using Opener = std::function<bool(const QUrl&)>;
+
+    explicit BackupModel(DriveSelection* drives, BackupSchedule::Timings timings = {}, QObject* parent = nullptr);
+
+    DriveSelection* driveSelection() const { return drives_; }
+    const QList<QmVolume>& volumes() const { return drives_->volumes(); }
+    const std::optional<QString>& selection() const { return drives_->path(); }
+    std::optional<QmVolume> volume() const { return drives_->volume(); }
+    const QString& destination() const { return destination_; }
+    bool automatic() const { return automatic_; }
+    // Cloud-sync folders on this computer, and those of them whose client is not installed.
+    const QList<CloudFolder>& services() const { return services_; }
+    const QList<CloudFolder>& missing() const { return missing_; }
+    const QString& status() const { return status_; }
+    // A run started from the tab is under way.
+    bool busy() const { return manualRuns_ > 0; }
+    const std::optional<QString>& warning() const { return warning_; }
+    bool warningIsSerious() const { return warningIsSerious_; }
+    // How far the run under way has got; none between runs.
+    const std::optional<BackupProgress>& progress() const { return progress_; }
+    // The selected drive's folder inside the destination; none without a drive or a destination.
+    std::optional<QString> folder() const;
+    BackupSchedule& schedule() { return schedule_; }
+
+    // Starts the automatic runs (timer and watch) and looks for cloud folders.
+    void start();
+    // Scans the drives again, looks for cloud folders again and renews the watch.
+    void rescan();
+    void detectServices();
+    // The destination, kept in the settings.
+    void choose(const QString& path);
+    void setAutomatic(bool on);
+    // A run from the tab: copies what changed, or with deepVerify re-reads every copy.
+    void runNow(bool deepVerify);
+    // Opens the drive's backup folder in the file manager; false when there is none to open.
+    bool revealFolder();
+    void setOpener(Opener opener) { opener_ = std::move(opener); }
+
+    void refreshStatus();
+    // A finished run's outcome as status and warning (manual and automatic runs alike).
+    void show(const BackupResult& result);
+
+signals:
+    void changed();
+    // A run's result has been shown.
+    void reported();
+
+private:
+    void runAutomatic(const QmVolume& volume, const QString& destination);
+    void setStatus(const QString& status);
+    Backup::RunOptions optionsFor(bool automatic);
+
+    DriveSelection* drives_;
+    QString destination_;
+    bool automatic_ = true;
+    QList<CloudFolder> services_;
+    QList<CloudFolder> missing_;
+    QString status_;
+    std::optional<QString> warning_;
+    bool warningIsSerious_ = false;
+    std::optional<BackupProgress> progress_;
+    int manualRuns_ = 0;
+    bool automaticRunning_ = false;
+    Opener opener_;
+    BackupSchedule schedule_;
+    BackgroundQueue background_;  // last: stopped first
+};

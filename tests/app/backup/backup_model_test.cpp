@@ -1,0 +1,238 @@
+// The backup model's texts and warnings, the automatic schedule (watch, quiet time, ticks) and
+// runs on deck-written drives into a temporary folder.
+#include <gtest/gtest.h>
+
+#include <QDir>
+#include <QElapsedTimer>
+#include <QLocale>
+#include <QSignalSpy>
+#include <QTest>
+
+#include "backup_lock.h"
+#include "backup_model.h"
+#include "deck_drive.h"
+
+namespace {
+
+// Every test starts from the settings a new user has, and leaves them so.
+class FreshSettings : public ::testing::Test {
+protected:
+    void SetUp() override { clear(); }
+    void TearDown() override { clear(); }
+    static void clear() {
+        BackupSettings::setDestination(QString());
+        BackupSettings::setAutomatic(true);
+    }
+};
+using BackupModelStatus = FreshSettings;
+using BackupSchedules = FreshSettings;
+using BackupModelRun = FreshSettings;
+
+QString q(const TempDir& dir) { return QString::fromStdString(dir.path()); }
+
+TEST_F(BackupModelStatus, WaitingTextsGiveWayToReadyOnlyUntilARunReports) {
+    TempDir drive, dest;
+    DriveSelection drives;
+    BackupModel m(&drives);
+    EXPECT_EQ(m.status(), BackupModel::kNoDriveStatus);
+    drives.pin({QmVolume{q(drive), "Q", true}});
+    EXPECT_EQ(m.status(), BackupModel::kNoDestinationStatus);
+    m.choose(q(dest));
+    EXPECT_EQ(m.status(), BackupModel::kReadyStatus);
+    EXPECT_EQ(BackupSettings::destination(), q(dest));
+
+    BackupResult r;
+    r.unchanged = 2;
+    m.show(r);
+    const QString outcome = r.summary() + "\n" + QLocale().toString(r.finished, QLocale::ShortFormat);
+    EXPECT_EQ(m.status(), outcome);
+    m.choose(q(dest) + "/elsewhere");  // the outcome stays rather than a Ready that hides it
+    m.refreshStatus();
+    EXPECT_EQ(m.status(), outcome);
+
+    drives.pin(QList<QmVolume>{});
+    EXPECT_EQ(m.status(), BackupModel::kNoDriveStatus);
+    m.choose(QString());
+    drives.pin({QmVolume{q(drive), "Q", true}});
+    EXPECT_EQ(m.status(), BackupModel::kNoDestinationStatus);
+
+    BackupModel again(&drives);  // the choices were kept
+    EXPECT_EQ(again.destination(), "");
+    EXPECT_TRUE(again.automatic());
+    m.setAutomatic(false);
+    EXPECT_FALSE(BackupModel(&drives).automatic());
+}
+
+TEST_F(BackupModelStatus, WarningAfterARun) {
+    TempDir drive, dest;
+    DriveSelection drives;
+    drives.pin({QmVolume{q(drive), "Q", true}});
+    BackupModel m(&drives);
+    m.choose(q(dest));  // outside every cloud folder: no upload note
+    struct Case {
+        QStringList failures;
+        std::optional<QString> cloud;
+        std::optional<QString> warning;
+        bool serious;
+    } cases[] = {
+        {{"notes.md: changed while copying"}, {}, "One copy could not be verified: notes.md: changed while copying",
+         true},
+        {{"a.md: gone", "b.md: short read"}, "Dropbox is not running", "2 copies could not be verified: a.md: gone; b.md: short read",
+         true},
+        {{}, "The disk holding your copies has only 12.0 MB free. Copies will start failing soon.",
+         "The disk holding your copies has only 12.0 MB free. Copies will start failing soon.", true},
+        {{}, {}, {}, false},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.warning.value_or("none").toStdString());
+        BackupResult r;
+        r.copied = 1;
+        r.failures = c.failures;
+        r.cloudWarning = c.cloud;
+        QSignalSpy reported(&m, &BackupModel::reported);
+        m.show(r);
+        EXPECT_EQ(reported.count(), 1);
+        EXPECT_EQ(m.warning(), c.warning);
+        EXPECT_EQ(m.warningIsSerious(), c.serious);
+        EXPECT_FALSE(m.busy());
+    }
+}
+
+TEST_F(BackupSchedules, WatchesTheDrivesFoldersOnlyWhenAnAutomaticRunCouldHappen) {
+    TempDir drive, dest;
+    QString root = deckDrive(drive, deck::StatsState::Normal, 2);
+    ASSERT_TRUE(QDir().mkpath(root + "/notes/2024"));
+    spit(drive / "notes/2024/a.md", "a file, never watched itself");
+    DriveSelection drives;
+    BackupModel m(&drives);
+    m.start();
+    drives.pin({QmVolume{root, "Q", true}});
+    EXPECT_TRUE(m.schedule().watched().isEmpty());  // no destination yet
+
+    m.choose(q(dest));
+    QStringList watched = m.schedule().watched();
+    EXPECT_TRUE(watched.contains(root));
+    EXPECT_TRUE(watched.contains(root + "/notes/2024"));
+    EXPECT_FALSE(watched.contains(root + "/.qm"));  // the key and statistics are never copied
+    for (const QString& path : watched) EXPECT_TRUE(QFileInfo(path).isDir()) << path.toStdString();
+
+    m.setAutomatic(false);
+    EXPECT_TRUE(m.schedule().watched().isEmpty());
+    m.setAutomatic(true);
+    EXPECT_FALSE(m.schedule().watched().isEmpty());
+    drives.pin(QList<QmVolume>{});
+    EXPECT_TRUE(m.schedule().watched().isEmpty());
+}
+
+TEST_F(BackupSchedules, ABurstOfChangesGivesOneRunAfterTheQuietTime) {
+    TempDir drive;
+    ASSERT_TRUE(QDir().mkpath(q(drive) + "/docs"));
+    BackupSettings::setDestination("/somewhere");
+    BackupSchedule s({60'000, 1500});  // a quiet time well beyond the burst, even on a loaded machine
+    int runs = 0;
+    s.start([&] { return std::optional<QmVolume>(QmVolume{q(drive), "Q", true}); },
+            [&](const QmVolume&, const QString& destination) {
+                EXPECT_EQ(destination, "/somewhere");
+                ++runs;
+            });
+    QSignalSpy due(&s, &BackupSchedule::due);
+    QElapsedTimer sinceLast;
+    for (int i = 0; i < 10; ++i) {  // new files in the root, in a folder, and in a folder made meanwhile
+        spit(drive / (std::string(i % 3 == 0 ? "" : i % 3 == 1 ? "docs/" : "new/") + std::to_string(i) + ".md"), "x");
+        sinceLast.start();
+        QTest::qWait(30);
+    }
+    ASSERT_TRUE(due.wait(5000));
+    EXPECT_GE(sinceLast.elapsed(), 1400);  // counted from the last change, not the first
+    QTest::qWait(2000);  // nothing more follows the one run
+    EXPECT_EQ(due.count(), 1);
+    EXPECT_EQ(runs, 1);
+    EXPECT_TRUE(s.watched().contains(q(drive) + "/new"));
+
+    spit(drive / "new/later.md", "a change in the folder made during the burst");
+    ASSERT_TRUE(due.wait(5000));
+
+    BackupSettings::setAutomatic(false);  // read at every run, not only at rewatch
+    s.trigger();
+    EXPECT_FALSE(due.wait(2000));
+    EXPECT_EQ(runs, 2);
+}
+
+TEST_F(BackupSchedules, TheRepeatingTimerRunsWithoutAnyChange) {
+    TempDir drive;
+    BackupSettings::setDestination("/somewhere");
+    BackupSchedule s({100, 60'000});
+    int runs = 0;
+    s.start([&] { return std::optional<QmVolume>(QmVolume{q(drive), "Q", true}); },
+            [&](const QmVolume&, const QString&) { ++runs; });
+    ASSERT_TRUE(QTest::qWaitFor([&] { return runs >= 2; }, 5000));
+    BackupSettings::setDestination(QString());
+    int before = runs;
+    QTest::qWait(300);
+    EXPECT_EQ(runs, before);
+}
+
+TEST_F(BackupModelRun, BackUpNowThenCheckTheCopiesOnADeckDrive) {
+    TempDir drive, dest;
+    QString root = deckDrive(drive, deck::StatsState::Normal, 3);
+    DriveSelection drives;
+    drives.pin({QmVolume{root, "My stick", true}});
+    BackupModel m(&drives);
+    std::optional<QUrl> opened;
+    m.setOpener([&](const QUrl& url) {
+        opened = url;
+        return true;
+    });
+    EXPECT_FALSE(m.revealFolder());  // no destination
+    m.choose(q(dest));
+    EXPECT_FALSE(m.revealFolder());  // nothing copied yet
+
+    QSignalSpy reported(&m, &BackupModel::reported);
+    m.runNow(false);
+    EXPECT_TRUE(m.busy());
+    EXPECT_EQ(m.status(), BackupModel::kCopyingStatus);
+    m.runNow(false);  // ignored while the first one runs
+    ASSERT_TRUE(reported.wait(20000));
+    EXPECT_FALSE(m.busy());
+    EXPECT_FALSE(m.progress());
+    EXPECT_TRUE(m.status().startsWith("Copied ")) << m.status().toStdString();
+    EXPECT_TRUE(m.status().contains("), each one verified.\n"));
+    EXPECT_FALSE(m.warning());
+    QString folder = q(dest) + "/Quillmate/My stick";
+    EXPECT_EQ(m.folder(), folder);
+    EXPECT_TRUE(m.revealFolder());
+    EXPECT_EQ(opened, QUrl::fromLocalFile(folder));
+
+    m.runNow(true);
+    EXPECT_EQ(m.status(), BackupModel::kCheckingStatus);
+    ASSERT_TRUE(reported.wait(20000));
+    EXPECT_EQ(reported.count(), 2);
+    EXPECT_TRUE(m.status().startsWith("Already up to date (")) << m.status().toStdString();
+}
+
+TEST_F(BackupModelRun, AnAutomaticRunReportsWithoutBusyAndAHeldFolderSkipsQuietly) {
+    TempDir drive, dest;
+    QString root = deckDrive(drive, deck::StatsState::Normal, 2);
+    DriveSelection drives;
+    drives.pin({QmVolume{root, "Q", true}});
+    BackupModel m(&drives, {60'000, 50});
+    m.choose(q(dest));
+    m.start();
+    QSignalSpy reported(&m, &BackupModel::reported), due(&m.schedule(), &BackupSchedule::due);
+    m.schedule().trigger();
+    ASSERT_TRUE(reported.wait(20000));
+    EXPECT_FALSE(m.busy());
+    EXPECT_TRUE(m.status().startsWith("Copied ")) << m.status().toStdString();
+
+    {
+        BackupLock held(q(dest) + "/Quillmate/Q", false);  // as a headless run in another process would
+        ASSERT_TRUE(held.held());
+        m.schedule().trigger();
+        ASSERT_TRUE(due.wait(5000));
+        EXPECT_FALSE(reported.wait(1000));
+    }
+    EXPECT_EQ(reported.count(), 1);
+    EXPECT_TRUE(m.status().startsWith("Copied "));
+}
+
+}  // namespace

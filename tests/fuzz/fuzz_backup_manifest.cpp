@@ -1,0 +1,38 @@
+// The backup folder's list of copies as arbitrary bytes: anybody could have edited it. Beyond
+// not crashing: every row names a path inside the folder under its own key, and writing the
+// rows out and reading them again gives the same rows.
+#include <QByteArray>
+#include <QString>
+#include <QStringList>
+#include <cstdint>
+#include <cstdlib>
+
+#include "backup_manifest.h"
+
+namespace {
+
+void check(bool ok) {
+    if (!ok) std::abort();
+}
+
+bool insideFolder(const QString& path) {
+    if (path.isEmpty() || path.contains(QChar(0)) || path.contains(QLatin1Char('\n'))) return false;
+    for (const QString& part : path.split(QLatin1Char('/')))
+        if (part.isEmpty() || part == QLatin1String(".") || part == QLatin1String("..")) return false;
+    return true;
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    const QByteArray text(reinterpret_cast<const char*>(data), qsizetype(size));
+    const auto rows = BackupManifest::parse(text);
+    for (const auto& [key, e] : rows) {
+        check(key == e.path);
+        check(insideFolder(e.path));
+    }
+    const QByteArray written = BackupManifest::serialize(rows);
+    check(written.startsWith('#') && written.endsWith('\n'));
+    check(BackupManifest::parse(written) == rows);
+    return 0;
+}

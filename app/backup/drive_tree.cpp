@@ -25,7 +25,9 @@ int openParent(int rootFd, const QString& rel, QByteArray& last) {
             return -1;
         }
         int next = ::openat(fd, parts[i].constData(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+        int openError = errno;
         ::close(fd);
+        errno = openError;
         fd = next;
     }
     last = parts.last();
@@ -64,7 +66,9 @@ int openFile(int rootFd, const QString& rel) {
     int parent = openParent(rootFd, rel, last);
     if (parent < 0) return -1;
     int fd = ::openat(parent, last.constData(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
+    int openError = errno;
     ::close(parent);
+    errno = openError;  // the caller tells a vanished file from an unreadable one
     if (fd < 0) return -1;
     struct stat st {};
     if (::fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {

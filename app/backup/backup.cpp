@@ -42,6 +42,10 @@ bool neverTravels(const QString& rel, bool folder) {
     return !folder && (kNames.contains(name) || name.startsWith(QLatin1String(BackupManifest::kFileName)));
 }
 
+QString couldNotRead(const QString& path) {
+    return path.section(QLatin1Char('/'), -1) + QStringLiteral(" (could not read it on the drive)");
+}
+
 int64_t wholeSeconds(const timespec& t) {
     return t.tv_sec < 0 && t.tv_nsec > 0 ? t.tv_sec + 1 : t.tv_sec;  // toward zero
 }
@@ -247,11 +251,11 @@ public:
         DriveTree::Listing listing = DriveTree::list(rootFd_, neverTravels);
         if (!listing.opened) return false;
         for (const QString& rel : listing.unreadable)
-            result_.failures << rel.section(QLatin1Char('/'), -1) + QStringLiteral(" (could not read it on the drive)");
+            result_.failures << couldNotRead(rel);
         std::vector<DriveTree::File> changed;
         for (DriveTree::File& f : listing.files) {
             if (f.rel.contains(QLatin1Char('\n'))) {  // a manifest row cannot hold it
-                result_.failures << f.rel.section(QLatin1Char('/'), -1) + QStringLiteral(" (could not read it on the drive)");
+                result_.failures << couldNotRead(f.rel);
                 continue;
             }
             auto row = manifest_.rows().find(f.rel);
@@ -326,7 +330,7 @@ private:
         QString name = rel.section(QLatin1Char('/'), -1);
         int fd = DriveTree::openFile(rootFd_, rel);
         if (fd < 0) {
-            if (errno != ENOENT) result_.failures << name + QStringLiteral(" (could not read it on the drive)");
+            if (errno != ENOENT) result_.failures << couldNotRead(rel);
             return std::nullopt;  // gone since it was listed: nothing to copy
         }
         struct stat st {};
@@ -410,7 +414,7 @@ std::optional<QString> copyVerified(const QString& src, const QString& dst, cons
     QString name = QFileInfo(src).fileName();
     int fd = openRegular(src);
     if (fd < 0) {
-        result.failures << name + QStringLiteral(" (could not read it on the drive)");
+        result.failures << couldNotRead(src);
         return std::nullopt;
     }
     qint64 ms = mtime.toMSecsSinceEpoch();

@@ -20,5 +20,6 @@ void QuillmateFlasherApp::start(const QStringList& args, const QString& pinnedNa
 }
 
 bool QuillmateFlasherApp::busy() const {
-    return flash.scanning() || drives.scanning() || stats.busy() || history.busy() || backup.busy();
+    return flash.scanning() || drives.scanning() || stats.busy() || history.busy() || backup.busy() ||
+           account.working();
 }

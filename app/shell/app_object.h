@@ -1,10 +1,11 @@
 // The application object: the tabs' models and the drive selection they share, created once in
-// their order and kept for the life of the process. The account and settings models join as
-// those subsystems land (order: flash, stats, history, backup, account, settings).
+// their order and kept for the life of the process (order: flash, stats, history, backup,
+// account; the settings model joins when updates land).
 #pragma once
 #include <QString>
 #include <QStringList>
 
+#include "account_model.h"
 #include "backup_model.h"
 #include "drive_selection.h"
 #include "flash_model.h"
@@ -18,6 +19,7 @@ public:
     StatsModel stats{&drives};
     HistoryModel history{&drives};
     BackupModel backup{&drives};
+    AccountModel account;
 
     // The start of the window and of the screenshot mode alike: "--drive <path>" makes that
     // folder the only drive, shown as pinnedName (or its folder name when that is empty);

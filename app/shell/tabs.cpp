@@ -1,5 +1,6 @@
 #include "tabs.h"
 
+#include "account_tab.h"
 #include "app_object.h"
 #include "backup_tab.h"
 #include "flash_view.h"
@@ -13,6 +14,7 @@ const TabEntry kTabs[] = {
     {"Statistics", "mac-stats", [](QuillmateFlasherApp* app) -> QWidget* { return new StatsTab(&app->stats); }},
     {"History", "mac-history", [](QuillmateFlasherApp* app) -> QWidget* { return new HistoryTab(&app->history); }},
     {"Backup", "mac-backup", [](QuillmateFlasherApp* app) -> QWidget* { return new BackupTab(&app->backup); }},
+    {"Account", "mac-account", [](QuillmateFlasherApp* app) -> QWidget* { return new AccountTab(&app->account); }},
     {"Settings", "mac-settings", [](QuillmateFlasherApp* app) -> QWidget* { return new SettingsTab(&app->backup); }},
 };
 }  // namespace

@@ -1,5 +1,5 @@
 // The tabs that exist, in the window's order: the one table the window and the screenshot
-// mode both build from. Account joins as its view lands.
+// mode both build from.
 #pragma once
 #include <span>
 

@@ -74,3 +74,29 @@ void StatsModel::apply(Reading reading, int generation) {
     emit changed();
     emit loaded();
 }
+
+QString StatsModel::publishWith(CloudSession& session, const QmVolume& volume) {
+    if (!session.signedIn()) return QStringLiteral("Sign in on the Account tab first.");
+    QmError error = QmError::ok;
+    std::unique_ptr<Drive> drive = Drive::open(volume.path, &error);
+    if (!drive) return qmErrorMessage(error);
+    CloudSession::Registration registration =
+        session.registerDrive(drive->driveIdHex(), drive->uploadKeyHex(), volume.name);
+    if (registration.status == 409) return QStringLiteral("That drive belongs to another account.");
+    if (!registration.ok) return registration.message;
+    return session.upload(*drive).message;
+}
+
+void StatsModel::publish() {
+    std::optional<QmVolume> volume = selection_->volume();
+    if (busy() || !volume) return;
+    publishing_ = true;
+    emit changed();
+    cloud_.run([volume = *volume](CloudSession& session) { return publishWith(session, volume); },
+               [this](QString status) {
+                   publishing_ = false;
+                   status_ = std::move(status);
+                   emit changed();
+                   emit published();
+               });
+}

@@ -4,6 +4,7 @@
 #include <QLabel>
 #include <QListWidget>
 #include <QLocale>
+#include <QPushButton>
 #include <QVBoxLayout>
 
 #include "drive_header.h"
@@ -33,8 +34,14 @@ StatsTab::StatsTab(StatsModel* model, QWidget* parent) : QWidget(parent), model_
 
     header_ = new DriveHeader(tr("Statistics"), model_->driveSelection(), [model] { model->rescan(); });
     layout->addWidget(header_);
+    auto* statusRow = new QHBoxLayout;
     status_ = Labels::status();
-    layout->addWidget(status_);
+    status_->setTextInteractionFlags(Qt::TextSelectableByMouse);
+    publish_ = new QPushButton(tr("Publish"));
+    publish_->setToolTip(tr("Send the counts (never the writing) to your account's public page."));
+    statusRow->addWidget(status_, 1);
+    statusRow->addWidget(publish_, 0, Qt::AlignTop);
+    layout->addLayout(statusRow);
 
     auto* grid = new QGridLayout;
     grid->setHorizontalSpacing(16);
@@ -57,6 +64,7 @@ StatsTab::StatsTab(StatsModel* model, QWidget* parent) : QWidget(parent), model_
     dayList_->setFont(Labels::monospaced(10));
     layout->addWidget(dayList_, 1);
 
+    connect(publish_, &QPushButton::clicked, model_, &StatsModel::publish);
     connect(model_, &StatsModel::changed, this, &StatsTab::refreshFromModel);
     refreshFromModel();
 }
@@ -69,6 +77,7 @@ QString StatsTab::total(const QString& label) const {
 void StatsTab::refreshFromModel() {
     status_->setText(model_->status());
     header_->setRefreshEnabled(!model_->busy());
+    publish_->setEnabled(!model_->busy() && model_->selection().has_value());
     fillTotals();
     heatmap_->setDays(model_->days());
     fillDays();

@@ -8,6 +8,7 @@
 class DriveHeader;
 class QLabel;
 class QListWidget;
+class QPushButton;
 class Heatmap;
 
 class StatsTab : public QWidget {
@@ -18,6 +19,7 @@ public:
 
     // The figures as shown, by their labels ("Writing sessions", ...), for tests and screen readers.
     QString total(const QString& label) const;
+    QPushButton* publishButton() const { return publish_; }
 
 private:
     void refreshFromModel();
@@ -27,6 +29,7 @@ private:
     StatsModel* model_;
     DriveHeader* header_;
     QLabel* status_;
+    QPushButton* publish_;
     QMap<QString, QLabel*> totals_;
     Heatmap* heatmap_;
     QListWidget* dayList_;

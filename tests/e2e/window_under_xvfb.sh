@@ -8,5 +8,5 @@ status=$?
 echo "$out"
 [ "$status" -eq 0 ] || { echo "exit status $status"; exit 1; }
 grep -qx 'window: Quillmate' <<<"$out" || { echo "no window titled Quillmate"; exit 1; }
-grep -qx 'tabs: Install|Statistics|History|Backup|Settings' <<<"$out" || { echo "tabs missing or out of order"; exit 1; }
+grep -qx 'tabs: Install|Statistics|History|Backup|Account|Settings' <<<"$out" || { echo "tabs missing or out of order"; exit 1; }
 grep -q '^first paint after ' <<<"$out" || { echo "the window was never painted"; exit 1; }

@@ -29,8 +29,8 @@ TEST(Screenshots, WritesEachTabAtTheWindowSize) {
     QString folder = QString::fromStdString(out / "nested/shots");
     AppRun r = runApp({"--shot", folder, "--drive", deckDrive(drive, deck::StatsState::Normal, 2)});
     EXPECT_EQ(r.status, 0);
-    EXPECT_EQ(r.out, "5 image(s) written to " + folder + "\n");
-    for (const char* name : {"mac-install", "mac-stats", "mac-history", "mac-backup", "mac-settings"}) {
+    EXPECT_EQ(r.out, "6 image(s) written to " + folder + "\n");
+    for (const char* name : {"mac-install", "mac-stats", "mac-history", "mac-backup", "mac-account", "mac-settings"}) {
         QImage image(folder + "/" + name + ".png");
         ASSERT_FALSE(image.isNull()) << name;
         EXPECT_EQ(image.size() / image.devicePixelRatio(), QSize(580, 560));
@@ -41,7 +41,7 @@ TEST(Screenshots, DriveWithoutStatisticsStillRendersEveryImage) {
     TempDir empty, out;
     AppRun r = runApp({"--shot", QString::fromStdString(out.path()), "--drive", QString::fromStdString(empty.path())});
     EXPECT_EQ(r.status, 0);
-    EXPECT_TRUE(r.out.startsWith("5 image(s) written to "));
+    EXPECT_TRUE(r.out.startsWith("6 image(s) written to "));
 }
 
 TEST(Screenshots, UsageWithoutAFolderAndFailuresForAnUnwritableOne) {
@@ -56,7 +56,8 @@ TEST(Screenshots, UsageWithoutAFolderAndFailuresForAnUnwritableOne) {
     EXPECT_EQ(r.status, 1);
     EXPECT_EQ(r.out, "FAILED to write " + folder + "/mac-install.png\nFAILED to write " + folder +
                          "/mac-stats.png\nFAILED to write " + folder + "/mac-history.png\nFAILED to write " + folder +
-                         "/mac-backup.png\nFAILED to write " + folder + "/mac-settings.png\n0 image(s) written to " +
+                         "/mac-backup.png\nFAILED to write " + folder + "/mac-account.png\nFAILED to write " +
+                         folder + "/mac-settings.png\n0 image(s) written to " +
                          folder + "\n");
 }
 

@@ -53,7 +53,7 @@ TEST(MainWindowFrame, TitleFixedTabFrameTabsInOrderAndEveryTabOnTheStartDrive) {
     EXPECT_EQ(w.tabs()->size(), QSize(580, 560));
     QStringList labels;
     for (int i = 0; i < w.tabs()->count(); ++i) labels << w.tabs()->tabText(i);
-    EXPECT_EQ(labels, (QStringList{"Install", "Statistics", "History", "Backup", "Settings"}));
+    EXPECT_EQ(labels, (QStringList{"Install", "Statistics", "History", "Backup", "Account", "Settings"}));
     EXPECT_EQ(w.tabs()->currentIndex(), 0);
     EXPECT_EQ(w.minimumSize(), w.maximumSize());  // sized by its content, not resizable
 

@@ -1,0 +1,68 @@
+// The account service's endpoints as plain functions of a request: no sockets here, so the
+// whole behaviour can be tested in-process and served by any HTTP front.
+#pragma once
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <semaphore>
+#include <string>
+#include <vector>
+
+#include "passwords.h"
+#include "storage.h"
+
+struct ServiceRequest {
+    std::string method;
+    std::string path;
+    std::string authorization;  // the Authorization header as sent
+    std::string timestamp;      // X-QM-Timestamp
+    std::string signature;      // X-QM-Signature
+    std::string body;
+};
+
+struct ServiceResponse {
+    int status = 200;
+    std::string content_type = "application/json";
+    std::string body;
+    std::vector<std::pair<std::string, std::string>> headers;
+};
+
+struct ServiceOptions {
+    std::string base_url;  // what profile addresses start with, without a trailing "/"
+    PasswordCost cost = PasswordCost::interactive();  // for the hash that unknown e-mails are checked against
+    int hashing_slots = 1;                            // password hashes run at once, at most
+    std::function<int64_t()> clock;                   // Unix seconds; the system clock when empty
+};
+
+class Service {
+public:
+    static constexpr size_t kMaxBody = 1024 * 1024;
+    static constexpr int64_t kTimestampWindow = 5 * 60;
+    static constexpr int kMaxLoginFailures = 10;
+    static constexpr int64_t kLoginFailureWindow = 15 * 60;
+
+    Service(Storage& storage, ServiceOptions options);
+
+    // Never throws: a failure of the storage becomes a 500 with a message.
+    ServiceResponse handle(const ServiceRequest& request);
+
+private:
+    ServiceResponse route(const ServiceRequest& r);
+    ServiceResponse login(const ServiceRequest& r);
+    ServiceResponse me(const ServiceRequest& r);
+    ServiceResponse register_drive(const ServiceRequest& r);
+    ServiceResponse publish(const ServiceRequest& r, const std::string& drive_id);
+    ServiceResponse profile_page(const std::string& drive_id);
+
+    std::optional<Account> signed_in(const ServiceRequest& r);
+    std::optional<ServiceResponse> refuse_upload_headers(const ServiceRequest& r, const DriveRecord& drive);
+    int64_t now() const;
+
+    Storage& storage_;
+    ServiceOptions options_;
+    std::string dummy_hash_;  // checked for unknown e-mails, so they take as long as wrong passwords
+    std::counting_semaphore<1024> hashing_;
+};
+
+// "a" to "f" and digits only, lower-cased; none when text is not exactly digits hex digits.
+std::optional<std::string> normalised_hex(const std::string& text, size_t digits);

@@ -1,0 +1,354 @@
+#include "sqlite_storage.h"
+
+#include <sqlite3.h>
+
+#include <chrono>
+#include <map>
+#include <memory>
+#include <stdexcept>
+
+namespace {
+
+constexpr int kSchemaVersion = 1;
+
+const char* const kSchema = R"(
+CREATE TABLE accounts (
+  id INTEGER PRIMARY KEY,
+  email TEXT NOT NULL UNIQUE,
+  password_hash TEXT NOT NULL
+);
+CREATE TABLE tokens (
+  token_sha256 BLOB PRIMARY KEY,
+  account_id INTEGER NOT NULL REFERENCES accounts(id),
+  created INTEGER NOT NULL
+) WITHOUT ROWID;
+CREATE TABLE login_failures (
+  email TEXT NOT NULL,
+  at INTEGER NOT NULL
+);
+CREATE INDEX login_failures_by_email ON login_failures(email, at);
+CREATE TABLE drives (
+  drive_id TEXT PRIMARY KEY,
+  owner INTEGER NOT NULL REFERENCES accounts(id),
+  upload_key BLOB NOT NULL,
+  label TEXT NOT NULL
+) WITHOUT ROWID;
+CREATE TABLE uploads (
+  drive_id TEXT NOT NULL,
+  timestamp INTEGER NOT NULL,
+  signature TEXT NOT NULL,
+  PRIMARY KEY (drive_id, timestamp, signature)
+) WITHOUT ROWID;
+CREATE INDEX uploads_by_time ON uploads(timestamp);
+CREATE TABLE published (
+  drive_id TEXT PRIMARY KEY REFERENCES drives(drive_id),
+  seq INTEGER NOT NULL,
+  sessions INTEGER NOT NULL, write_secs INTEGER NOT NULL, longest_secs INTEGER NOT NULL,
+  words INTEGER NOT NULL, chars INTEGER NOT NULL, sentences INTEGER NOT NULL,
+  newlines INTEGER NOT NULL, saves INTEGER NOT NULL, created INTEGER NOT NULL,
+  streak_current INTEGER NOT NULL, streak_best INTEGER NOT NULL, days_written INTEGER NOT NULL,
+  days BLOB NOT NULL,
+  published_at INTEGER NOT NULL
+) WITHOUT ROWID;
+)";
+
+// The replay set only needs uploads whose time stamps could still be accepted; pruning once a
+// minute keeps it small without a delete in every publish.
+constexpr int64_t kPruneEverySeconds = 60;
+
+}  // namespace
+
+class Statement {
+public:
+    Statement(sqlite3* db, const char* sql) : db_(db) {
+        if (sqlite3_prepare_v3(db, sql, -1, SQLITE_PREPARE_PERSISTENT, &stmt_, nullptr) != SQLITE_OK)
+            throw std::runtime_error(std::string("database statement failed to prepare: ") + sqlite3_errmsg(db));
+    }
+    ~Statement() { sqlite3_finalize(stmt_); }
+
+    Statement& bind(int i, int64_t v) { return check(sqlite3_bind_int64(stmt_, i, v)); }
+    Statement& bind(int i, const std::string& v) {
+        return check(sqlite3_bind_text(stmt_, i, v.data(), int(v.size()), SQLITE_TRANSIENT));
+    }
+    Statement& bind_blob(int i, const std::string& v) {
+        return check(sqlite3_bind_blob(stmt_, i, v.data(), int(v.size()), SQLITE_TRANSIENT));
+    }
+
+    // true while there is a row to read.
+    bool step() {
+        int rc = sqlite3_step(stmt_);
+        if (rc == SQLITE_ROW) return true;
+        if (rc == SQLITE_DONE) return false;
+        throw std::runtime_error(std::string("database error: ") + sqlite3_errmsg(db_));
+    }
+    void run() {
+        try {
+            step();
+        } catch (...) {
+            reset();
+            throw;
+        }
+        reset();
+    }
+    void reset() {
+        sqlite3_reset(stmt_);
+        sqlite3_clear_bindings(stmt_);
+    }
+
+    int64_t integer(int col) const { return sqlite3_column_int64(stmt_, col); }
+    std::string text(int col) const {
+        const void* p = sqlite3_column_blob(stmt_, col);
+        return p ? std::string(static_cast<const char*>(p), size_t(sqlite3_column_bytes(stmt_, col))) : std::string();
+    }
+
+private:
+    Statement& check(int rc) {
+        if (rc != SQLITE_OK) throw std::runtime_error(std::string("database error: ") + sqlite3_errmsg(db_));
+        return *this;
+    }
+    sqlite3* db_;
+    sqlite3_stmt* stmt_ = nullptr;
+};
+
+namespace {
+
+// Resets a statement when the operation that used it ends, however it ends.
+struct Using {
+    Statement& s;
+    ~Using() { s.reset(); }
+};
+
+}  // namespace
+
+struct SqliteStorage::Cache {
+    std::map<const char*, std::unique_ptr<Statement>> statements;
+};
+
+SqliteStorage::SqliteStorage(const std::string& path) : cache_(new Cache) {
+    int rc = sqlite3_open_v2(path.c_str(), &db_, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX, nullptr);
+    if (rc != SQLITE_OK) {
+        std::string why = db_ ? sqlite3_errmsg(db_) : "out of memory";
+        sqlite3_close(db_);
+        delete cache_;
+        throw std::runtime_error("cannot open the database " + path + ": " + why);
+    }
+    try {
+        sqlite3_busy_timeout(db_, 5000);  // add-user may write while the service runs
+        exec("PRAGMA journal_mode=WAL");
+        exec("PRAGMA synchronous=NORMAL");
+        exec("PRAGMA foreign_keys=ON");
+        exec("PRAGMA wal_autocheckpoint=0");
+        migrate();
+        checkpoint_in_background(path);
+    } catch (...) {
+        delete cache_;
+        sqlite3_close(db_);
+        throw;
+    }
+}
+
+SqliteStorage::~SqliteStorage() {
+    {
+        std::lock_guard lock(checkpoint_mutex_);
+        closing_ = true;
+    }
+    checkpoint_wake_.notify_all();
+    if (checkpointer_.joinable()) checkpointer_.join();
+    delete cache_;  // statements first: a connection with live statements does not close
+    sqlite3_close(db_);
+}
+
+void SqliteStorage::checkpoint_in_background(const std::string& path) {
+    sqlite3* own = nullptr;
+    if (sqlite3_open_v2(path.c_str(), &own, SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX, nullptr) != SQLITE_OK) {
+        sqlite3_close(own);
+        throw std::runtime_error("cannot open the database " + path + " a second time for checkpoints");
+    }
+    checkpointer_ = std::thread([this, own] {
+        std::unique_lock lock(checkpoint_mutex_);
+        while (!checkpoint_wake_.wait_for(lock, std::chrono::milliseconds(500), [this] { return closing_; }))
+            sqlite3_wal_checkpoint_v2(own, nullptr, SQLITE_CHECKPOINT_PASSIVE, nullptr, nullptr);
+        sqlite3_wal_checkpoint_v2(own, nullptr, SQLITE_CHECKPOINT_PASSIVE, nullptr, nullptr);
+        sqlite3_close(own);
+    });
+}
+
+void SqliteStorage::exec(const char* sql) {
+    char* error = nullptr;
+    if (sqlite3_exec(db_, sql, nullptr, nullptr, &error) != SQLITE_OK) {
+        std::string why = error ? error : "unknown error";
+        sqlite3_free(error);
+        throw std::runtime_error("database error: " + why);
+    }
+}
+
+void SqliteStorage::migrate() {
+    exec("BEGIN IMMEDIATE");
+    try {
+        exec("CREATE TABLE IF NOT EXISTS schema_version (version INTEGER NOT NULL)");
+        Statement read(db_, "SELECT version FROM schema_version");
+        int64_t version = read.step() ? read.integer(0) : 0;
+        if (version > kSchemaVersion)
+            throw std::runtime_error("the database was made by a newer qm-server (schema " + std::to_string(version) + ")");
+        if (version == 0) {
+            exec(kSchema);
+            Statement(db_, "INSERT INTO schema_version VALUES (1)").run();
+        }
+        exec("COMMIT");
+    } catch (...) {
+        sqlite3_exec(db_, "ROLLBACK", nullptr, nullptr, nullptr);
+        throw;
+    }
+}
+
+Statement& SqliteStorage::prepared(const char* sql) {
+    auto& slot = cache_->statements[sql];
+    if (!slot) slot = std::make_unique<Statement>(db_, sql);
+    return *slot;
+}
+
+bool SqliteStorage::add_account(const std::string& email, const std::string& password_hash) {
+    std::lock_guard lock(mutex_);
+    Statement& s = prepared("INSERT OR IGNORE INTO accounts (email, password_hash) VALUES (?, ?)");
+    s.bind(1, email).bind(2, password_hash).run();
+    return sqlite3_changes(db_) == 1;
+}
+
+std::optional<Account> SqliteStorage::account_by_email(const std::string& email) {
+    std::lock_guard lock(mutex_);
+    Statement& s = prepared("SELECT id, email, password_hash FROM accounts WHERE email = ?");
+    Using u{s};
+    if (!s.bind(1, email).step()) return std::nullopt;
+    return Account{s.integer(0), s.text(1), s.text(2)};
+}
+
+std::optional<Account> SqliteStorage::account_by_token(const std::string& token_sha256) {
+    std::lock_guard lock(mutex_);
+    Statement& s = prepared(
+        "SELECT a.id, a.email, a.password_hash FROM tokens t JOIN accounts a ON a.id = t.account_id "
+        "WHERE t.token_sha256 = ?");
+    Using u{s};
+    if (!s.bind_blob(1, token_sha256).step()) return std::nullopt;
+    return Account{s.integer(0), s.text(1), s.text(2)};
+}
+
+void SqliteStorage::add_token(int64_t account, const std::string& token_sha256, int64_t now) {
+    std::lock_guard lock(mutex_);
+    prepared("INSERT INTO tokens (token_sha256, account_id, created) VALUES (?, ?, ?)")
+        .bind_blob(1, token_sha256)
+        .bind(2, account)
+        .bind(3, now)
+        .run();
+}
+
+void SqliteStorage::note_login_failure(const std::string& email, int64_t now) {
+    std::lock_guard lock(mutex_);
+    prepared("INSERT INTO login_failures (email, at) VALUES (?, ?)").bind(1, email).bind(2, now).run();
+}
+
+std::pair<int, int64_t> SqliteStorage::login_failures_since(const std::string& email, int64_t since) {
+    std::lock_guard lock(mutex_);
+    Statement& s = prepared("SELECT count(*), min(at) FROM login_failures WHERE email = ? AND at > ?");
+    Using u{s};
+    s.bind(1, email).bind(2, since).step();
+    return {int(s.integer(0)), s.integer(1)};
+}
+
+void SqliteStorage::clear_login_failures(const std::string& email) {
+    std::lock_guard lock(mutex_);
+    prepared("DELETE FROM login_failures WHERE email = ?").bind(1, email).run();
+}
+
+RegisterResult SqliteStorage::register_drive(const DriveRecord& d) {
+    std::lock_guard lock(mutex_);
+    Statement& insert = prepared("INSERT OR IGNORE INTO drives (drive_id, owner, upload_key, label) VALUES (?, ?, ?, ?)");
+    insert.bind(1, d.drive_id).bind(2, d.owner).bind_blob(3, d.upload_key).bind(4, d.label).run();
+    if (sqlite3_changes(db_) == 1) return RegisterResult::Created;
+    // Only the label can change, and only for the owner: the key stays the one first registered.
+    Statement& update = prepared("UPDATE drives SET label = ? WHERE drive_id = ? AND owner = ? AND upload_key = ?");
+    update.bind(1, d.label).bind(2, d.drive_id).bind(3, d.owner).bind_blob(4, d.upload_key).run();
+    if (sqlite3_changes(db_) == 1) return RegisterResult::Updated;
+    Statement& owner = prepared("SELECT owner FROM drives WHERE drive_id = ?");
+    Using u{owner};
+    return owner.bind(1, d.drive_id).step() && owner.integer(0) == d.owner ? RegisterResult::KeyDiffers
+                                                                            : RegisterResult::OwnedByAnother;
+}
+
+std::optional<DriveRecord> SqliteStorage::drive(const std::string& drive_id) {
+    std::lock_guard lock(mutex_);
+    Statement& s = prepared("SELECT owner, upload_key, label FROM drives WHERE drive_id = ?");
+    Using u{s};
+    if (!s.bind(1, drive_id).step()) return std::nullopt;
+    return DriveRecord{drive_id, s.integer(0), s.text(1), s.text(2)};
+}
+
+void SqliteStorage::forget_old_uploads(int64_t now, int64_t forget_before) {
+    if (now - last_prune_ < kPruneEverySeconds) return;
+    last_prune_ = now;
+    prepared("DELETE FROM uploads WHERE timestamp < ?").bind(1, forget_before).run();
+}
+
+PublishResult SqliteStorage::publish(const Upload& up, const PublishedStats& st, int64_t now, int64_t forget_before) {
+    std::lock_guard lock(mutex_);
+    exec("BEGIN IMMEDIATE");
+    try {
+        forget_old_uploads(now, forget_before);
+        prepared("INSERT OR IGNORE INTO uploads (drive_id, timestamp, signature) VALUES (?, ?, ?)")
+            .bind(1, up.drive_id)
+            .bind(2, up.timestamp)
+            .bind(3, up.signature)
+            .run();
+        PublishResult result = PublishResult::Accepted;
+        if (sqlite3_changes(db_) == 0) {
+            result = PublishResult::Replayed;
+        } else {
+            Statement& last = prepared("SELECT seq FROM published WHERE drive_id = ?");
+            Using u{last};
+            if (last.bind(1, up.drive_id).step() && int64_t(st.seq) < last.integer(0)) result = PublishResult::OlderSeq;
+        }
+        if (result != PublishResult::Accepted) {
+            exec("ROLLBACK");
+            return result;
+        }
+        Statement& put = prepared(
+            "INSERT OR REPLACE INTO published VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?)");
+        int col = 0;
+        auto next = [&](int64_t v) { put.bind(++col, v); };
+        put.bind(++col, up.drive_id);
+        next(st.seq);
+        for (uint32_t c : st.counters) next(c);
+        next(st.streak_current);
+        next(st.streak_best);
+        next(st.days_written);
+        put.bind_blob(++col, pack_days(st.days));
+        next(now);
+        put.run();
+        exec("COMMIT");
+        return PublishResult::Accepted;
+    } catch (...) {
+        sqlite3_exec(db_, "ROLLBACK", nullptr, nullptr, nullptr);
+        throw;
+    }
+}
+
+std::optional<std::pair<PublishedStats, int64_t>> SqliteStorage::published(const std::string& drive_id) {
+    std::lock_guard lock(mutex_);
+    Statement& s = prepared("SELECT * FROM published WHERE drive_id = ?");
+    Using u{s};
+    if (!s.bind(1, drive_id).step()) return std::nullopt;
+    PublishedStats st;
+    int col = 1;
+    st.seq = uint32_t(s.integer(col++));
+    for (uint32_t& c : st.counters) c = uint32_t(s.integer(col++));
+    st.streak_current = uint32_t(s.integer(col++));
+    st.streak_best = uint32_t(s.integer(col++));
+    st.days_written = uint32_t(s.integer(col++));
+    st.days = unpack_days(s.text(col++));
+    return std::pair{st, s.integer(col)};
+}
+
+std::string SqliteStorage::integrity_check() {
+    std::lock_guard lock(mutex_);
+    Statement s(db_, "PRAGMA integrity_check");
+    return s.step() ? s.text(0) : "no answer";
+}

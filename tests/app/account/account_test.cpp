@@ -1,0 +1,309 @@
+// The account client, the Account tab and publishing from the Statistics tab, against the real
+// account service started on loopback with a database of its own.
+#include <gtest/gtest.h>
+
+#include <QFile>
+#include <QLabel>
+#include <QLineEdit>
+#include <QNetworkAccessManager>
+#include <QNetworkReply>
+#include <QPushButton>
+#include <QTcpServer>
+#include <QTcpSocket>
+#include <QTest>
+#include <fcntl.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "account_model.h"
+#include "account_tab.h"
+#include "deck_drive.h"
+#include "stats_model.h"
+
+namespace {
+
+const QString kSignInFirst = "Sign in on the Account tab first.";
+const QString kPassword = "correct horse battery staple";
+
+// Starts a program with `input` on its standard input. posix_spawn rather than fork: forking
+// this multi-threaded process is what ThreadSanitizer cannot follow. The service gets a time
+// limit of its own, so that it stops even when a test dies first.
+pid_t spawnWithInput(QStringList args, const QByteArray& input) {
+    args.prepend("300");
+    args.prepend("/usr/bin/timeout");
+    std::vector<QByteArray> bytes;
+    for (const QString& a : args) bytes.push_back(a.toLocal8Bit());
+    std::vector<char*> argv;
+    for (QByteArray& b : bytes) argv.push_back(b.data());
+    argv.push_back(nullptr);
+    int pipeFds[2];
+    if (::pipe2(pipeFds, O_CLOEXEC) != 0) return -1;
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_adddup2(&actions, pipeFds[0], STDIN_FILENO);
+    pid_t pid = -1;
+    if (::posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), environ) != 0) pid = -1;
+    posix_spawn_file_actions_destroy(&actions);
+    ::close(pipeFds[0]);
+    if (!input.isEmpty()) (void)!::write(pipeFds[1], input.constData(), size_t(input.size()));
+    ::close(pipeFds[1]);
+    return pid;
+}
+
+int exitStatusOf(pid_t pid) {
+    int status = 0;
+    if (::waitpid(pid, &status, 0) != pid) return -1;
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+// Each test keeps its token in a home of its own: ctest runs the cases side by side.
+class AccountTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        oldHome_ = qgetenv("HOME");
+        qputenv("HOME", QByteArray::fromStdString(home_.path()));
+    }
+    void TearDown() override {
+        qputenv("HOME", oldHome_);
+        qunsetenv("QM_SERVER");
+    }
+    static mode_t mode(const QString& path) {
+        struct stat st{};
+        return ::stat(QFile::encodeName(path).constData(), &st) == 0 ? st.st_mode & 07777 : 0;
+    }
+
+    TempDir home_;
+    QByteArray oldHome_;
+};
+
+TEST_F(AccountTest, StoreKeepsTheTokenOwnerOnlyTrimmedAndRemovesIt) {
+    EXPECT_EQ(Store::token(), std::nullopt);
+    mode_t old = ::umask(0);  // a lax umask must not leak the token
+    ASSERT_TRUE(Store::setToken(QString("first")));
+    ::umask(old);
+    EXPECT_EQ(mode(Store::tokenPath()), 0600u);
+    ASSERT_TRUE(Store::setToken(QString("second")));
+    EXPECT_EQ(Store::token(), "second");
+    EXPECT_EQ(mode(Store::tokenPath()), 0600u);
+
+    struct {
+        const char* content;
+        std::optional<QString> token;
+    } reads[] = {{"  abc\r\n", "abc"}, {"\n\t \n", std::nullopt}, {"", std::nullopt}};
+    for (const auto& r : reads) {
+        spit(Store::tokenPath().toStdString(), r.content);
+        EXPECT_EQ(Store::token(), r.token) << r.content;
+    }
+
+    ASSERT_TRUE(Store::setToken(std::nullopt));
+    EXPECT_FALSE(QFile::exists(Store::tokenPath()));
+    EXPECT_TRUE(Store::setToken(std::nullopt));  // already gone is fine
+}
+
+TEST_F(AccountTest, BaseURLComesFromTheEnvironmentWithoutSlashesAtTheEnds) {
+    qunsetenv("QM_SERVER");
+    EXPECT_EQ(CloudSession::baseURL(), CloudSession::kDefaultBaseURL);
+    struct {
+        const char* env;
+        const char* base;
+    } cases[] = {{"", ""}, {"http://127.0.0.1:9/", "http://127.0.0.1:9"}, {"//https://h.example//", "https://h.example"},
+                 {"///", ""}};
+    for (const auto& c : cases) {
+        qputenv("QM_SERVER", c.env);
+        EXPECT_EQ(CloudSession::baseURL(), c.base) << c.env;
+    }
+}
+
+TEST_F(AccountTest, TabFollowsTheModelAndShowsItsTexts) {
+    AccountModel m;
+    ASSERT_TRUE(QTest::qWaitFor([&] { return !m.working(); }, 5000));
+    AccountTab tab(&m);
+    EXPECT_EQ(tab.statusLine()->text(), "Not signed in.");
+    EXPECT_FALSE(tab.signInButton()->isEnabled());
+    QTest::keyClicks(tab.emailField(), "a@example.org");
+    EXPECT_FALSE(tab.signInButton()->isEnabled());  // a password is needed too
+    QTest::keyClicks(tab.passwordField(), "pw");
+    EXPECT_EQ(m.email(), "a@example.org");
+    EXPECT_EQ(m.password(), "pw");
+    EXPECT_TRUE(tab.signInButton()->isEnabled());
+    EXPECT_EQ(tab.passwordField()->echoMode(), QLineEdit::Password);
+
+    QStringList texts;
+    for (QLabel* l : tab.findChildren<QLabel*>()) texts << l->text();
+    QString all = texts.join('\n');
+    for (const char* text : {"Account", "Signing in lets you publish. Reading your own statistics does not need it.",
+                             "Email", "Password",
+                             "Your statistics are always readable on the deck itself, for free, and they always stay "
+                             "on your drive.",
+                             "Only the counts are ever uploaded, never a word of what you wrote."})
+        EXPECT_TRUE(all.contains(text)) << text;
+    EXPECT_EQ(tab.signOutButton()->text(), "Sign out");
+}
+
+TEST_F(AccountTest, UnreachableServiceIsNamedAndPublishingAsksForASignIn) {
+    QTcpServer probe;  // a port that was free a moment ago and has nobody listening now
+    ASSERT_TRUE(probe.listen(QHostAddress::LocalHost));
+    QString base = QString("http://127.0.0.1:%1").arg(probe.serverPort());
+    probe.close();
+    qputenv("QM_SERVER", (base + "//").toUtf8());
+
+    AccountModel m;
+    m.setEmail("a@example.org");
+    m.setPassword("pw");
+    m.signIn();
+    EXPECT_TRUE(m.busy());
+    ASSERT_TRUE(QTest::qWaitFor([&] { return !m.working(); }, 35000));
+    EXPECT_EQ(m.accountStatus(), "Could not reach " + base + ".");
+    EXPECT_EQ(m.password(), "pw");
+
+    TempDir dir;
+    DriveSelection drives;
+    StatsModel stats(&drives);
+    drives.pin({QmVolume{deckDrive(dir, deck::StatsState::Normal), "Deck", true}});
+    ASSERT_TRUE(QTest::qWaitFor([&] { return !stats.busy(); }, 20000));
+    stats.publish();  // no token: nothing is sent
+    EXPECT_TRUE(stats.busy());
+    ASSERT_TRUE(QTest::qWaitFor([&] { return !stats.busy(); }, 5000));
+    EXPECT_EQ(stats.status(), kSignInFirst);
+}
+
+// The account service on a free loopback port, with a database of its own and two accounts.
+class ServiceTest : public AccountTest {
+protected:
+    void SetUp() override {
+        AccountTest::SetUp();
+#if !defined(QM_SERVER_PATH)
+        GTEST_SKIP() << "SKIPPED: the account service (qm-server) is not part of this build";
+#else
+        db_ = QString::fromStdString(data_ / "accounts.db");
+        for (const char* who : {"owner@example.org", "other@example.org"}) {
+            pid_t add = spawnWithInput({QM_SERVER_PATH, "add-user", "--db", db_, who}, (kPassword + "\n").toUtf8());
+            ASSERT_GT(add, 0);
+            ASSERT_EQ(exitStatusOf(add), 0);
+        }
+        QTcpServer probe;
+        ASSERT_TRUE(probe.listen(QHostAddress::LocalHost));
+        quint16 port = probe.serverPort();
+        probe.close();
+        base_ = QString("http://127.0.0.1:%1").arg(port);
+        server_ = spawnWithInput(
+            {QM_SERVER_PATH, "--db", db_, "--listen", QString("127.0.0.1:%1").arg(port), "--base-url", base_}, {});
+        ASSERT_GT(server_, 0);
+        ASSERT_TRUE(QTest::qWaitFor(
+            [&] {
+                QTcpSocket s;
+                s.connectToHost(QHostAddress::LocalHost, port);
+                return s.waitForConnected(200);
+            },
+            10000))
+            << "the service never listened on " << base_.toStdString();
+        qputenv("QM_SERVER", base_.toUtf8());
+#endif
+    }
+    void TearDown() override {
+        if (server_ > 0) {
+            ::kill(server_, SIGTERM);
+            exitStatusOf(server_);
+        }
+        AccountTest::TearDown();
+    }
+
+    void signInAs(AccountModel& m, const QString& email, const QString& password) {
+        ASSERT_TRUE(QTest::qWaitFor([&] { return !m.working(); }, 35000));
+        m.setEmail(email);
+        m.setPassword(password);
+        m.signIn();
+        ASSERT_TRUE(QTest::qWaitFor([&] { return !m.working(); }, 35000));
+    }
+    void publish(StatsModel& stats) {
+        stats.publish();
+        ASSERT_TRUE(QTest::qWaitFor([&] { return !stats.busy(); }, 35000));
+    }
+    QByteArray get(const QString& url, int* status) {
+        QNetworkAccessManager nam;
+        std::unique_ptr<QNetworkReply> reply(nam.get(QNetworkRequest(QUrl(url))));
+        EXPECT_TRUE(QTest::qWaitFor([&] { return reply->isFinished(); }, 10000));
+        *status = reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt();
+        return reply->readAll();
+    }
+
+    TempDir data_;
+    QString db_;
+    QString base_;
+    pid_t server_ = -1;
+};
+
+TEST_F(ServiceTest, SignInRejectedThenAcceptedAndCheckedOnTheNextStart) {
+    AccountModel m;
+    signInAs(m, "owner@example.org", "wrong password");
+    EXPECT_EQ(m.email(), "owner@example.org");
+    EXPECT_EQ(m.password(), "wrong password");
+    EXPECT_FALSE(m.accountStatus().isEmpty());
+    EXPECT_FALSE(m.accountStatus().startsWith("Could not reach")) << m.accountStatus().toStdString();
+    EXPECT_FALSE(m.accountStatus().startsWith("Signed in"));
+    EXPECT_FALSE(QFile::exists(Store::tokenPath()));
+
+    signInAs(m, "owner@example.org", kPassword);
+    EXPECT_EQ(m.accountStatus(), "Signed in as owner@example.org");
+    EXPECT_EQ(m.password(), "");
+    EXPECT_EQ(m.email(), "owner@example.org");
+    EXPECT_EQ(mode(Store::tokenPath()), 0600u);
+
+    AccountModel later;  // a new start checks the stored sign-in once
+    ASSERT_TRUE(QTest::qWaitFor([&] { return !later.working(); }, 35000));
+    EXPECT_TRUE(later.accountStatus().startsWith("Signed in")) << later.accountStatus().toStdString();
+}
+
+TEST_F(ServiceTest, ARejectedSignInCheckForgetsTheToken) {
+    ASSERT_TRUE(Store::setToken(QString("not-a-token-the-service-gave")));
+    AccountModel m;
+    ASSERT_TRUE(QTest::qWaitFor([&] { return !m.working(); }, 35000));
+    EXPECT_EQ(m.accountStatus(), "Not signed in.");
+    EXPECT_FALSE(QFile::exists(Store::tokenPath()));
+}
+
+TEST_F(ServiceTest, PublishShowsThePageGuardsTheDriveAndNeedsASignIn) {
+    TempDir dir;
+    DriveSelection drives;
+    StatsModel stats(&drives);
+    drives.pin({QmVolume{deckDrive(dir, deck::StatsState::Normal), "Deck", true}});
+    ASSERT_TRUE(QTest::qWaitFor([&] { return !stats.busy(); }, 20000));
+    ASSERT_TRUE(stats.summary());
+    qm_summary totals = *stats.summary();
+    QString id;
+    {
+        std::unique_ptr<Drive> d = Drive::open(*drives.path(), nullptr);
+        ASSERT_TRUE(d);
+        id = d->driveIdHex();
+    }
+
+    int status = 0;
+    get(base_ + "/d/" + id, &status);
+    EXPECT_EQ(status, 404);  // nothing published yet
+
+    AccountModel account;
+    signInAs(account, "owner@example.org", kPassword);
+    publish(stats);
+    EXPECT_EQ(stats.status(), "Published to " + base_ + "/d/" + id);
+    QString page = QString::fromUtf8(get(base_ + "/d/" + id, &status));
+    EXPECT_EQ(status, 200);
+    QString words = QString::number(totals.words), grouped = QLocale(QLocale::English).toString(totals.words);
+    EXPECT_TRUE(page.contains(words) || page.contains(grouped)) << "words " << words.toStdString();
+
+    signInAs(account, "other@example.org", kPassword);
+    ASSERT_EQ(account.accountStatus(), "Signed in as other@example.org");
+    publish(stats);
+    EXPECT_EQ(stats.status(), "That drive belongs to another account.");
+
+    account.signOut();
+    ASSERT_TRUE(QTest::qWaitFor([&] { return !account.working(); }, 5000));
+    EXPECT_EQ(account.accountStatus(), "Not signed in.");
+    EXPECT_FALSE(QFile::exists(Store::tokenPath()));
+    publish(stats);
+    EXPECT_EQ(stats.status(), kSignInFirst);
+}
+
+}  // namespace

@@ -1,0 +1,205 @@
+// The account service over HTTP on loopback: each endpoint's answers and refusals.
+#include <regex>
+
+#include "profile_page.h"
+
+#include "service_fixture.h"
+
+namespace {
+
+using Sign = ServiceFixture;
+
+TEST_F(Sign, InGivesATokenThatNamesTheAccountAndWrongDetailsGetOneMessage) {
+    std::string token = sign_in("Owner@Example.org ");
+    EXPECT_TRUE(std::regex_match(token, std::regex("[0-9a-f]{64}"))) << token;
+    Answer me = get("/api/v1/me", token);
+    EXPECT_EQ(me.status, 200);
+    EXPECT_EQ(me.body, "{\"email\":\"owner@example.org\"}");
+
+    Answer wrong_password = post("/api/v1/auth/login", "{\"email\":\"owner@example.org\",\"password\":\"nope\"}");
+    Answer unknown_email = post("/api/v1/auth/login", "{\"email\":\"nobody@example.org\",\"password\":\"nope\"}");
+    EXPECT_EQ(wrong_password.status, 401);
+    EXPECT_EQ(unknown_email.status, 401);
+    EXPECT_EQ(wrong_password.body, unknown_email.body);
+
+    // Signing out is the app forgetting its token: any token the service never issued is refused.
+    for (std::string bad : {std::string(64, 'a'), std::string("not hex"), std::string()}) {
+        Answer a = get("/api/v1/me", bad);
+        EXPECT_EQ(a.status, 401) << bad;
+        EXPECT_NE(a.message().find("Sign in"), std::string::npos);
+    }
+}
+
+TEST_F(Sign, InRefusesBodiesThatAreNotTheTwoFields) {
+    for (const char* body : {"", "{", "[]", "{\"email\":\"owner@example.org\"}", "{\"email\":1,\"password\":\"x\"}",
+                             "{\"email\":\"a\",\"password\":\"b\",\"email\":\"c\"}"}) {
+        Answer a = post("/api/v1/auth/login", body);
+        EXPECT_EQ(a.status, 400) << body;
+        EXPECT_NE(a.message().find("\"email\""), std::string::npos) << a.body;
+    }
+}
+
+TEST_F(Sign, InStopsAfterTenFailuresForFifteenMinutesEvenWithTheRightPassword) {
+    const std::string wrong = "{\"email\":\"owner@example.org\",\"password\":\"guess\"}";
+    for (int i = 0; i < Service::kMaxLoginFailures; ++i) ASSERT_EQ(post("/api/v1/auth/login", wrong).status, 401) << i;
+    Answer locked = post("/api/v1/auth/login", std::string("{\"email\":\"owner@example.org\",\"password\":\"") + kPassword + "\"}");
+    EXPECT_EQ(locked.status, 429);
+    EXPECT_EQ(locked.message(), "Too many failed sign-ins for this e-mail address. Try again in 15 minutes.");
+    sign_in("other@example.org");  // other addresses are not affected
+
+    clock_offset_ = 10 * 60;
+    EXPECT_NE(post("/api/v1/auth/login", wrong).message().find("Try again in 5 minutes."), std::string::npos);
+    clock_offset_ = 15 * 60;
+    sign_in("owner@example.org");
+}
+
+using Drives = ServiceFixture;
+
+TEST_F(Drives, FirstAccountOwnsTheDriveAndNobodyElseChangesIt) {
+    DeckDrive drive;
+    std::string owner = sign_in("owner@example.org"), other = sign_in("other@example.org");
+    EXPECT_EQ(register_drive(drive, owner).status, 200);
+    EXPECT_EQ(register_drive(drive, owner, "RENAMED").status, 200);
+    EXPECT_EQ(storage_->drive(drive.id())->label, "RENAMED");
+
+    Answer taken = register_drive(drive, other, "MINE");
+    EXPECT_EQ(taken.status, 409);
+    EXPECT_EQ(taken.message(), "That drive belongs to another account.");
+    Answer rekey = post("/api/v1/drives/register",
+                        "{\"drive_id\":\"" + drive.id() + "\",\"k_upload\":\"" + std::string(64, '0') + "\",\"label\":\"X\"}", other);
+    EXPECT_EQ(rekey.status, 409);
+    auto stored = storage_->drive(drive.id());
+    EXPECT_EQ(to_hex(reinterpret_cast<const unsigned char*>(stored->upload_key.data()), 32), drive.key());
+    EXPECT_EQ(stored->label, "RENAMED");
+    EXPECT_EQ(register_drive(drive, std::string(64, 'b')).status, 401);
+}
+
+TEST_F(Drives, RegistrationRefusesMalformedRequests) {
+    std::string token = sign_in("owner@example.org");
+    const std::string id(32, 'a'), key(64, 'b');
+    auto body = [](const std::string& i, const std::string& k) {
+        return "{\"drive_id\":\"" + i + "\",\"k_upload\":\"" + k + "\",\"label\":\"L\"}";
+    };
+    struct Case {
+        std::string body;
+        const char* expect;
+    } cases[] = {
+        {"{not json", "\"drive_id\""},
+        {"{\"drive_id\":\"" + id + "\",\"k_upload\":\"" + key + "\"}", "\"label\""},
+        {body(id.substr(1), key), "32 hexadecimal"},
+        {body(id + "a", key), "32 hexadecimal"},
+        {body(std::string(31, 'a') + "g", key), "32 hexadecimal"},
+        {body(id, key.substr(1)), "64 hexadecimal"},
+        {body(id, key + "00"), "64 hexadecimal"},
+    };
+    for (const Case& c : cases) {
+        Answer a = post("/api/v1/drives/register", c.body, token);
+        EXPECT_EQ(a.status, 400) << c.body;
+        EXPECT_NE(a.message().find(c.expect), std::string::npos) << a.body;
+    }
+}
+
+class Publish : public ServiceFixture {
+protected:
+    void SetUp() override {
+        ServiceFixture::SetUp();
+        owner_ = sign_in("owner@example.org");
+        ASSERT_EQ(register_drive(drive_, owner_).status, 200);
+    }
+    DeckDrive drive_;
+    std::string owner_;
+};
+
+TEST_F(Publish, AcceptsTheDrivesExportAndShowsItsTotalsOnThePublicPage) {
+    EXPECT_EQ(get("/d/" + drive_.id()).status, 404);
+    Answer a = publish(drive_, owner_, drive_.export_json());
+    ASSERT_EQ(a.status, 200) << a.body;
+    auto doc = json::parse(a.body);
+    EXPECT_EQ(doc->string_at("profile_url"), base_ + "/d/" + drive_.id());
+    EXPECT_EQ(doc->string_at("message"), "Published.");
+
+    auto page = client_->Get(("/d/" + drive_.id()).c_str());
+    ASSERT_TRUE(page);
+    EXPECT_EQ(page->status, 200);
+    EXPECT_EQ(page->get_header_value("Content-Security-Policy"), "default-src 'none'; style-src 'unsafe-inline'");
+    qm_summary s = drive_.summary();
+    for (const std::string& shown : {grouped(s.words), grouped(s.sessions), duration_text(s.write_secs),
+                                     grouped(s.streak_best) + " days", grouped(s.days_written)})
+        EXPECT_NE(page->body.find("<td>" + shown + "</td>"), std::string::npos) << shown;
+    EXPECT_EQ(page->body.find("<script"), std::string::npos);
+    EXPECT_EQ(std::regex_search(page->body, std::regex("(src|href)=")), false);
+    // One cell per day of the 53 weeks up to the latest day, the latest week cut at that day.
+    size_t cells = 0;
+    for (size_t at = page->body.find("<rect"); at != std::string::npos; at = page->body.find("<rect", at + 1)) ++cells;
+    EXPECT_GT(cells, 52u * 7);
+    EXPECT_LE(cells, 53u * 7);
+}
+
+TEST_F(Publish, RefusesEveryUploadThatIsNotTheOwnersFreshSignedExport) {
+    const std::string body = drive_.export_json();
+    const std::string other = sign_in("other@example.org");
+    const int64_t now = unix_now();
+    const std::string seq = "\"seq\":" + std::to_string(drive_.summary().seq);
+    auto with = [&](const std::string& from, const std::string& to) {
+        std::string b = body;
+        b.replace(b.find(from), from.size(), to);
+        return b;
+    };
+    ASSERT_EQ(publish(drive_, owner_, body, now).status, 200);
+
+    struct Case {
+        const char* what;
+        Answer answer;
+        int status;
+        const char* words;
+    } cases[] = {
+        {"tampered body", publish(drive_, owner_, with("\"words\":", "\"words\":1"), now, drive_.sign(std::to_string(now), body)), 401, "signature"},
+        {"stale timestamp", publish(drive_, owner_, body, now - Service::kTimestampWindow - 5), 400, "5 minutes"},
+        {"from the future", publish(drive_, owner_, body, now + Service::kTimestampWindow + 5), 400, "clock"},
+        {"replay", publish(drive_, owner_, body, now), 409, "received before"},
+        {"lower seq", publish(drive_, owner_, with(seq, "\"seq\":0"), now + 1), 409, "older"},
+        {"another account", publish(drive_, other, body, now + 2), 409, "another account"},
+        {"forgotten token", publish(drive_, std::string(64, 'c'), body, now + 3), 401, "Sign in"},
+        {"no signature", post("/api/v1/drives/" + drive_.id() + "/stats", body, owner_), 400, "X-QM-Signature"},
+        {"not JSON", publish(drive_, owner_, "counts", now + 4), 400, "JSON object"},
+        {"another drive's id inside", publish(drive_, owner_, with(drive_.id(), std::string(32, '0')), now + 5), 400, "drive_id"},
+        {"older format", publish(drive_, owner_, with("\"format\":2", "\"format\":1"), now + 6), 400, "format 2"},
+        {"negative counter", publish(drive_, owner_, with("\"saves\":", "\"saves\":-"), now + 7), 400, "saves"},
+        {"over 1 MiB", publish(drive_, owner_, body + std::string(Service::kMaxBody, ' '), now + 8), 413, "1 MiB"},
+        {"unregistered drive", post("/api/v1/drives/" + std::string(32, 'e') + "/stats", body, owner_), 404, "not registered"},
+    };
+    for (const Case& c : cases) {
+        EXPECT_EQ(c.answer.status, c.status) << c.what << ": " << c.answer.body;
+        EXPECT_NE(c.answer.message().find(c.words), std::string::npos) << c.what << ": " << c.answer.body;
+    }
+    // None of them changed what is published; the same counts under a new timestamp still go through.
+    EXPECT_EQ(storage_->published(drive_.id())->first.seq, drive_.summary().seq);
+    EXPECT_EQ(publish(drive_, owner_, body, now + 9).status, 200);
+}
+
+TEST_F(Publish, UnknownAddressesAndMethodsAnswerInJson) {
+    Answer nothing = get("/api/v2/me");
+    EXPECT_EQ(nothing.status, 404);
+    EXPECT_NE(nothing.message().find("nothing at this address"), std::string::npos);
+    Answer method = post("/api/v1/me", "{}", owner_);
+    EXPECT_EQ(method.status, 405);
+    EXPECT_NE(method.message().find("GET"), std::string::npos);
+    EXPECT_EQ(get("/d/not-a-drive").status, 404);
+}
+
+class Https : public ServiceFixture {
+protected:
+    void SetUp() override { start(true); }
+};
+
+TEST_F(Https, ServesTheSameServiceWithACertificateMadeNow) {
+    std::string token = sign_in("owner@example.org");
+    ASSERT_FALSE(token.empty());
+    EXPECT_EQ(get("/api/v1/me", token).status, 200);
+    httplib::Client plain("http://127.0.0.1:" + std::to_string(port_));
+    plain.set_read_timeout(2);
+    auto r = plain.Get("/api/v1/me");
+    EXPECT_TRUE(!r || r->status == 400) << "plain HTTP was answered on the TLS port";
+}
+
+}  // namespace

@@ -13,6 +13,7 @@
 #include <chrono>
 #include <cstdio>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -182,16 +183,21 @@ int main() {
         return r && r->status == 401;
     });
     // Each upload differs by trailing white space, so no two share a signature and none is a replay.
-    std::string first_failure;  // only for the report; a race on it loses nothing but a message
+    std::string first_failure;  // for the report
+    std::mutex failure_lock;
     auto publish = [&](httplib::Client& cli, int c, long i) {
         const Drive& d = drives[size_t(c)];
         std::string ts = std::to_string(unix_now());
         std::string body = d.body + std::string(size_t(i % 4096), ' ');
         httplib::Headers h{{"Authorization", "Bearer " + token}, {"X-QM-Timestamp", ts}, {"X-QM-Signature", d.sign(ts, body)}};
         auto r = cli.Post(("/api/v1/drives/" + d.id + "/stats").c_str(), h, body, "application/json");
-        if (r && r->status != 200 && first_failure.empty()) first_failure = std::to_string(r->status) + " " + r->body;
-        if (!r && first_failure.empty()) first_failure = "no answer: " + httplib::to_string(r.error());
-        return r && r->status == 200;
+        bool ok = r && r->status == 200;
+        if (!ok) {
+            std::lock_guard lock(failure_lock);
+            if (first_failure.empty())
+                first_failure = r ? std::to_string(r->status) + " " + r->body : "no answer: " + httplib::to_string(r.error());
+        }
+        return ok;
     };
     Result publishes = load(port, publish);
 

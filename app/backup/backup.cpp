@@ -73,17 +73,6 @@ ssize_t preadFully(int fd, char* buf, size_t len, off_t at) {
     return n;
 }
 
-bool writeAll(int fd, const char* p, size_t len) {
-    while (len > 0) {
-        ssize_t n = ::write(fd, p, len);
-        if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) return false;
-        p += n;
-        len -= static_cast<size_t>(n);
-    }
-    return true;
-}
-
 // Hash of everything behind fd from its start, in reads of kHashRead.
 std::optional<QString> hashDescriptor(int fd) {
     std::vector<char> buf(kHashRead);
@@ -132,7 +121,7 @@ Attempt copyOnce(int srcFd, const QString& dst, const timespec& mtime, std::vect
         if (n < 0) outcome = Attempt::SourceUnreadable;
         if (n <= 0) break;
         sent.add(buf.data(), static_cast<size_t>(n));
-        if (!writeAll(fd, buf.data(), static_cast<size_t>(n))) {
+        if (!FileWrites::writeAll(fd, buf.data(), static_cast<size_t>(n))) {
             outcome = Attempt::Failed;
             break;
         }

@@ -6,25 +6,19 @@
 #include <QFile>
 #include <QFileInfo>
 #include <cerrno>
-#include <cstdio>
 
 namespace FileWrites {
-namespace {
 
-bool writeAll(int fd, const QByteArray& data) {
-    const char* p = data.constData();
-    qsizetype left = data.size();
-    while (left > 0) {
-        ssize_t n = ::write(fd, p, static_cast<size_t>(left));
+bool writeAll(int fd, const char* data, size_t len) {
+    while (len > 0) {
+        ssize_t n = ::write(fd, data, len);
         if (n < 0 && errno == EINTR) continue;
         if (n <= 0) return false;
-        p += n;
-        left -= n;
+        data += n;
+        len -= static_cast<size_t>(n);
     }
     return true;
 }
-
-}  // namespace
 
 bool syncFolder(const QString& folder) {
     int fd = ::open(QFile::encodeName(folder).constData(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
@@ -34,12 +28,14 @@ bool syncFolder(const QString& folder) {
     return ok;
 }
 
-bool replaceDurably(const QString& path, const QByteArray& data) {
+bool replaceDurably(const QString& path, const QByteArray& data, mode_t mode) {
     QByteArray target = QFile::encodeName(path);
     QByteArray temp = target + ".tmp";
-    int fd = ::open(temp.constData(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0644);
+    // A leftover of an interrupted write goes first, so the file is always made anew with `mode`.
+    ::unlink(temp.constData());
+    int fd = ::open(temp.constData(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, mode);
     if (fd < 0) return false;
-    bool ok = writeAll(fd, data) && ::fsync(fd) == 0;
+    bool ok = writeAll(fd, data.constData(), static_cast<size_t>(data.size())) && ::fsync(fd) == 0;
     ok = ::close(fd) == 0 && ok;
     if (!ok || ::rename(temp.constData(), target.constData()) != 0) {
         ::unlink(temp.constData());
@@ -52,7 +48,7 @@ bool replaceDurably(const QString& path, const QByteArray& data) {
 bool appendDurably(const QString& path, const QByteArray& data) {
     int fd = ::open(QFile::encodeName(path).constData(), O_WRONLY | O_CREAT | O_APPEND | O_NOFOLLOW | O_CLOEXEC, 0644);
     if (fd < 0) return false;
-    bool ok = writeAll(fd, data) && ::fsync(fd) == 0;
+    bool ok = writeAll(fd, data.constData(), static_cast<size_t>(data.size())) && ::fsync(fd) == 0;
     return ::close(fd) == 0 && ok;
 }
 

@@ -22,6 +22,7 @@
 #include "backup_manifest.h"
 #include "cloud_sync.h"
 #include "drive_tree.h"
+#include "file_hash.h"
 #include "file_writes.h"
 #include "qm_core.h"
 
@@ -52,40 +53,6 @@ int64_t wholeSeconds(const timespec& t) {
 
 int64_t now() { return QDateTime::currentSecsSinceEpoch(); }
 
-class Sha {
-public:
-    Sha() { sha256_init(&ctx_); }
-    void add(const void* data, size_t len) { sha256_update(&ctx_, data, len); }
-    QString hex() {
-        uint8_t digest[32];
-        sha256_final(&ctx_, digest);
-        return QString::fromLatin1(QByteArray(reinterpret_cast<const char*>(digest), 32).toHex());
-    }
-
-private:
-    sha256_ctx ctx_;
-};
-
-ssize_t preadFully(int fd, char* buf, size_t len, off_t at) {
-    ssize_t n;
-    do n = ::pread(fd, buf, len, at);
-    while (n < 0 && errno == EINTR);
-    return n;
-}
-
-// Hash of everything behind fd from its start, in reads of kHashRead.
-std::optional<QString> hashDescriptor(int fd) {
-    std::vector<char> buf(kHashRead);
-    Sha sha;
-    for (off_t at = 0;;) {
-        ssize_t n = preadFully(fd, buf.data(), buf.size(), at);
-        if (n < 0) return std::nullopt;
-        if (n == 0) return sha.hex();
-        sha.add(buf.data(), static_cast<size_t>(n));
-        at += n;
-    }
-}
-
 int openRegular(const QString& path) {
     int fd = ::open(QFile::encodeName(path).constData(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
     if (fd < 0) return -1;
@@ -113,11 +80,11 @@ Attempt copyOnce(int srcFd, const QString& dst, const timespec& mtime, std::vect
     QByteArray partial = QFile::encodeName(parent + QLatin1Char('/') + QLatin1String(kPartialName));
     int fd = ::open(partial.constData(), O_RDWR | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0644);
     if (fd < 0) return Attempt::Failed;
-    Sha sent;
+    Sha256 sent;
     off_t at = 0;
     Attempt outcome = Attempt::Verified;
     for (;;) {
-        ssize_t n = preadFully(srcFd, buf.data(), buf.size(), at);
+        ssize_t n = FileHash::preadFully(srcFd, buf.data(), buf.size(), at);
         if (n < 0) outcome = Attempt::SourceUnreadable;
         if (n <= 0) break;
         sent.add(buf.data(), static_cast<size_t>(n));
@@ -130,7 +97,7 @@ Attempt copyOnce(int srcFd, const QString& dst, const timespec& mtime, std::vect
     if (outcome == Attempt::Verified) {
         timespec times[2] = {{0, UTIME_OMIT}, mtime};
         ::futimens(fd, times);
-        std::optional<QString> arrived = hashDescriptor(fd);
+        std::optional<QString> arrived = FileHash::ofDescriptor(fd, kHashRead);
         out = {sent.hex(), static_cast<int64_t>(at)};
         if (!arrived || *arrived != out.sha256) outcome = Attempt::Failed;
     }
@@ -213,7 +180,7 @@ std::vector<char> intactCopies(const QString& folder, const QList<BackupEntry>& 
             int fd = openRegular(copy);
             struct stat st {};
             if (fd >= 0 && ::fstat(fd, &st) == 0 && st.st_size == row.size) {
-                std::optional<QString> sha = hashDescriptor(fd);
+                std::optional<QString> sha = FileHash::ofDescriptor(fd, kHashRead);
                 intact[static_cast<size_t>(i)] = sha && *sha == row.sha256;
             }
             if (fd >= 0) ::close(fd);
@@ -393,7 +360,7 @@ QString folderFor(const QString& destination, const QString& volumeName) {
 std::optional<QString> hashFile(const QString& path) {
     int fd = openRegular(path);
     if (fd < 0) return std::nullopt;
-    std::optional<QString> sha = hashDescriptor(fd);
+    std::optional<QString> sha = FileHash::ofDescriptor(fd, kHashRead);
     ::close(fd);
     return sha;
 }

@@ -11,15 +11,6 @@
 
 namespace {
 
-QLabel* heading(const QString& text) {
-    auto* l = new QLabel(text);
-    QFont f = l->font();
-    f.setBold(true);
-    f.setPointSize(f.pointSize() + 2);
-    l->setFont(f);
-    return l;
-}
-
 QLabel* wrapped(QLabel* l) {
     l->setWordWrap(true);
     return l;
@@ -40,7 +31,7 @@ BackupSettingsSection::BackupSettingsSection(BackupModel* model, QWidget* parent
     auto* layout = new QVBoxLayout(this);
     layout->setContentsMargins(0, 0, 0, 0);
     layout->setSpacing(6);
-    layout->addWidget(heading(tr("Backing up your writing")));
+    layout->addWidget(Labels::heading(tr("Backing up your writing")));
     layout->addWidget(new QLabel(tr("Where should copies of your writing go?")));
 
     layout->addWidget(Labels::caption(tr("Found on this computer"), font().pointSize()));

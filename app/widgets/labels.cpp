@@ -14,6 +14,15 @@ QLabel* title(const QString& text) {
     return l;
 }
 
+QLabel* heading(const QString& text) {
+    auto* l = new QLabel(text);
+    QFont f = l->font();
+    f.setBold(true);
+    f.setPointSize(f.pointSize() + 2);
+    l->setFont(f);
+    return l;
+}
+
 QLabel* caption(const QString& text, int pointSize) {
     auto* l = new QLabel(text);
     QFont f = l->font();

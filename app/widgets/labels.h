@@ -8,6 +8,8 @@ class QLabel;
 namespace Labels {
 // A tab's title: 18 points, bold.
 QLabel* title(const QString& text);
+// A section's heading: bold, two points over the body text.
+QLabel* heading(const QString& text);
 // A small caption above a list or a figure, in the secondary colour.
 QLabel* caption(const QString& text, int pointSize = 11);
 // A status line that wraps.

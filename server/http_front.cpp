@@ -1,10 +1,13 @@
 #include "http_front.h"
 
 #include <httplib.h>
+#include <unistd.h>
 
+#include <cerrno>
 #include <stdexcept>
 
 #include "json.h"
+#include "release_feed.h"
 
 namespace {
 
@@ -12,6 +15,7 @@ ServiceRequest to_service_request(const httplib::Request& req) {
     ServiceRequest r;
     r.method = req.method == "HEAD" ? "GET" : req.method;
     r.path = req.path;
+    for (auto& [name, value] : req.params) r.query.emplace(name, value);
     r.authorization = req.get_header_value("Authorization");
     r.timestamp = req.get_header_value("X-QM-Timestamp");
     r.signature = req.get_header_value("X-QM-Signature");
@@ -28,6 +32,19 @@ const char* library_error_text(int status) {
     case 400: return "The request could not be read. Update the app, or check what sends it.";
     default: return "The service could not answer this request. Try again in a few minutes.";
     }
+}
+
+// Sends the file a piece at a time from where the client is, so an archive of any size takes
+// one small buffer; a file cut short while sending ends the connection rather than padding it.
+void stream_file(httplib::Response& res, std::shared_ptr<FileBody> file, const std::string& content_type) {
+    res.set_content_provider(size_t(file->size()), content_type,
+                             [file](size_t offset, size_t length, httplib::DataSink& sink) {
+                                 char buf[64 * 1024];
+                                 ssize_t n;
+                                 do n = pread(file->fd(), buf, std::min(length, sizeof buf), off_t(offset));
+                                 while (n < 0 && errno == EINTR);
+                                 return n > 0 && sink.write(buf, size_t(n));
+                             });
 }
 
 }  // namespace
@@ -71,7 +88,8 @@ bool HttpFront::serve(Service& service) {
         res.status = answer.status;
         for (auto& [name, value] : answer.headers) res.set_header(name.c_str(), value);
         res.set_header("Cache-Control", "no-store");
-        res.set_content(answer.body, answer.content_type.c_str());
+        if (answer.file) stream_file(res, answer.file, answer.content_type);
+        else res.set_content(answer.body, answer.content_type.c_str());
     };
     server_->Get(".*", handler);
     server_->Post(".*", handler);

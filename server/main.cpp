@@ -1,8 +1,10 @@
-// qm-server --db FILE [--listen ADDR:PORT] [--tls-cert F --tls-key F] [--base-url URL] [--threads N]
+// qm-server --db FILE [--listen ADDR:PORT] [--tls-cert F --tls-key F] [--base-url URL] [--threads N] [--releases DIR]
 // qm-server add-user --db FILE EMAIL        (the password is read from standard input)
-// The account service: sign-in, drive registration, signed statistics uploads and public pages.
+// The account service: sign-in, drive registration, signed statistics uploads, public pages and
+// the release feed.
 #include <signal.h>
 #include <sodium.h>
+#include <sys/stat.h>
 
 #include <cstdio>
 #include <iostream>
@@ -22,13 +24,17 @@ namespace {
 
 const char* const kUsage =
     "usage: qm-server --db FILE [--listen ADDR:PORT] [--tls-cert FILE --tls-key FILE] [--base-url URL] [--threads N]\n"
+    "                 [--releases DIR]\n"
     "       qm-server add-user --db FILE EMAIL   (reads the password from standard input)\n"
     "Without TLS the service listens on loopback addresses only. --fast-hash-for-tests makes password\n"
-    "hashes cheap and weak: for test suites, never for real accounts.\n";
+    "hashes cheap and weak: for test suites, never for real accounts.\n"
+    "--releases DIR publishes the releases described by DIR/*.json (made by qm-release sign) at\n"
+    "/api/v1/update/check and serves the archives DIR/*.zip at /releases/NAME; files added or changed\n"
+    "while the service runs count from the next request.\n";
 
 struct Arguments {
     bool add_user = false;
-    std::string db, listen = "127.0.0.1:8080", tls_cert, tls_key, base_url, email;
+    std::string db, listen = "127.0.0.1:8080", tls_cert, tls_key, base_url, email, releases;
     int threads = 128;
     bool fast_hash = false;
 };
@@ -50,6 +56,7 @@ Arguments parse_arguments(int argc, char** argv) {
         else if (s == "--tls-key") a.tls_key = value(i);
         else if (s == "--base-url") a.base_url = value(i);
         else if (s == "--threads") a.threads = std::stoi(value(i));
+        else if (s == "--releases") a.releases = value(i);
         else if (s == "--fast-hash-for-tests") a.fast_hash = true;
         else if (s.rfind("--", 0) == 0) throw std::invalid_argument("unknown option " + s);
         else positional.push_back(s);
@@ -132,6 +139,9 @@ int serve(const Arguments& a) {
     bool tls = !a.tls_cert.empty();
     if (!tls && !is_loopback(host))
         throw std::invalid_argument("without --tls-cert and --tls-key the service listens on loopback only (127.0.0.1 or ::1), not " + host);
+    struct stat st;
+    if (!a.releases.empty() && (stat(a.releases.c_str(), &st) != 0 || !S_ISDIR(st.st_mode)))
+        throw std::invalid_argument("--releases " + a.releases + " is not a folder");
     SqliteStorage storage(a.db);
     HttpFront front(FrontOptions{a.threads, a.tls_cert, a.tls_key});
     int bound = front.bind(host, port);
@@ -141,6 +151,7 @@ int serve(const Arguments& a) {
     options.cost = a.fast_hash ? PasswordCost::fastest() : PasswordCost::interactive();
     // Argon2 takes a whole core per hash: leave at least one core to everything else.
     options.hashing_slots = int(std::max(1u, std::thread::hardware_concurrency() / 2));
+    options.releases_dir = a.releases;
     Service service(storage, options);
     std::thread stopper = stop_on_signal(front);
     std::printf("qm-server: listening on %s\n", default_base_url(tls, host, bound).c_str());

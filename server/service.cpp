@@ -7,6 +7,7 @@
 
 #include "json.h"
 #include "profile_page.h"
+#include "release_feed.h"
 
 namespace {
 
@@ -22,6 +23,7 @@ ServiceResponse refuse(int status, const std::string& message) { return answer(s
 const char* const kNotSignedIn = "You are not signed in, or your sign-in has ended. Sign in on the Account tab.";
 const char* const kWrongCredentials = "The e-mail address or the password is not right.";
 const char* const kDriveIdForm = "The drive id must be 32 hexadecimal digits.";
+const char* const kNoReleases = "This service publishes no releases.";
 
 std::string lower_ascii(std::string s) {
     for (char& c : s)
@@ -60,7 +62,10 @@ Service::Service(Storage& storage, ServiceOptions options)
     : storage_(storage), options_(std::move(options)), hashing_(std::max(1, options_.hashing_slots)) {
     if (sodium_init() < 0) throw std::runtime_error("libsodium could not start");
     dummy_hash_ = hash_password("not a password anyone has", options_.cost);
+    if (!options_.releases_dir.empty()) releases_ = std::make_unique<ReleaseFeed>(options_.releases_dir);
 }
+
+Service::~Service() = default;
 
 int64_t Service::now() const {
     if (options_.clock) return options_.clock();
@@ -101,6 +106,17 @@ ServiceResponse Service::route(const ServiceRequest& r) {
         p.compare(p.size() - stats.size(), stats.size(), stats) == 0) {
         if (auto wrong = only("POST")) return *wrong;
         return publish(r, p.substr(drives.size(), p.size() - drives.size() - stats.size()));
+    }
+    if (p == "/api/v1/update/check") {
+        if (auto wrong = only("GET")) return *wrong;
+        if (!releases_) return refuse(404, kNoReleases);
+        return releases_->check(r.query);
+    }
+    const std::string releases = "/releases/";
+    if (starts_with(p, releases.c_str())) {
+        if (auto wrong = only("GET")) return *wrong;
+        if (!releases_) return refuse(404, kNoReleases);
+        return releases_->archive(p.substr(releases.size()));
     }
     if (starts_with(p, "/d/")) {
         if (auto wrong = only("GET")) return *wrong;

@@ -3,6 +3,7 @@
 #pragma once
 #include <cstdint>
 #include <functional>
+#include <map>
 #include <memory>
 #include <semaphore>
 #include <string>
@@ -11,9 +12,13 @@
 #include "passwords.h"
 #include "storage.h"
 
+class FileBody;
+class ReleaseFeed;
+
 struct ServiceRequest {
     std::string method;
     std::string path;
+    std::map<std::string, std::string> query;  // percent-decoded; the first of repeated names
     std::string authorization;  // the Authorization header as sent
     std::string timestamp;      // X-QM-Timestamp
     std::string signature;      // X-QM-Signature
@@ -25,6 +30,7 @@ struct ServiceResponse {
     std::string content_type = "application/json";
     std::string body;
     std::vector<std::pair<std::string, std::string>> headers;
+    std::shared_ptr<FileBody> file;  // when set, the body is this file, streamed by the front
 };
 
 struct ServiceOptions {
@@ -32,6 +38,7 @@ struct ServiceOptions {
     PasswordCost cost = PasswordCost::interactive();  // for the hash that unknown e-mails are checked against
     int hashing_slots = 1;                            // password hashes run at once, at most
     std::function<int64_t()> clock;                   // Unix seconds; the system clock when empty
+    std::string releases_dir;                         // the release feed's folder; no feed when empty
 };
 
 class Service {
@@ -42,6 +49,7 @@ public:
     static constexpr int64_t kLoginFailureWindow = 15 * 60;
 
     Service(Storage& storage, ServiceOptions options);
+    ~Service();
 
     // Never throws: a failure of the storage becomes a 500 with a message.
     ServiceResponse handle(const ServiceRequest& request);
@@ -62,6 +70,7 @@ private:
     ServiceOptions options_;
     std::string dummy_hash_;  // checked for unknown e-mails, so they take as long as wrong passwords
     std::counting_semaphore<1024> hashing_;
+    std::unique_ptr<ReleaseFeed> releases_;
 };
 
 // "a" to "f" and digits only, lower-cased; none when text is not exactly digits hex digits.

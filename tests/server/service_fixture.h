@@ -103,6 +103,7 @@ protected:
         options.base_url = base_;
         options.cost = PasswordCost::fastest();
         options.clock = [this] { return unix_now() + clock_offset_.load(); };
+        options.releases_dir = releases_dir_;
         service_ = std::make_unique<Service>(*storage_, options);
         thread_ = std::thread([this] { front_->serve(*service_); });
         client_ = std::make_unique<httplib::Client>(base_);
@@ -165,6 +166,7 @@ protected:
     std::unique_ptr<httplib::Client> client_;
     std::thread thread_;
     std::atomic<int64_t> clock_offset_{0};
+    std::string releases_dir_;  // the release feed's folder when set before start()
     int port_ = 0;
     std::string base_;
 };

@@ -21,5 +21,5 @@ void QuillmateFlasherApp::start(const QStringList& args, const QString& pinnedNa
 
 bool QuillmateFlasherApp::busy() const {
     return flash.scanning() || drives.scanning() || stats.busy() || history.busy() || backup.busy() ||
-           account.working();
+           account.working() || settings.working();
 }

@@ -1,6 +1,6 @@
 // The application object: the tabs' models and the drive selection they share, created once in
 // their order and kept for the life of the process (order: flash, stats, history, backup,
-// account; the settings model joins when updates land).
+// account, settings).
 #pragma once
 #include <QString>
 #include <QStringList>
@@ -10,6 +10,7 @@
 #include "drive_selection.h"
 #include "flash_model.h"
 #include "history_model.h"
+#include "settings_model.h"
 #include "stats_model.h"
 
 class QuillmateFlasherApp {
@@ -20,6 +21,7 @@ public:
     HistoryModel history{&drives};
     BackupModel backup{&drives};
     AccountModel account;
+    SettingsModel settings;
 
     // The start of the window and of the screenshot mode alike: "--drive <path>" makes that
     // folder the only drive, shown as pinnedName (or its folder name when that is empty);

@@ -5,12 +5,14 @@
 #include <QTabWidget>
 #include <QTimer>
 #include <cstdio>
+#include <memory>
 
 #include "app_object.h"
 #include "dispatch.h"
 #include "headless.h"
 #include "main_window.h"
 #include "shots.h"
+#include "updater.h"
 
 namespace {
 
@@ -20,23 +22,44 @@ QStringList arguments(int argc, char** argv) {
     return args;
 }
 
-bool has_display() { return qEnvironmentVariableIsSet("DISPLAY") || qEnvironmentVariableIsSet("WAYLAND_DISPLAY"); }
-
-int not_built_yet(const char* what) {
-    std::fprintf(stdout, "%s is not available in this build yet\n", what);
-    return 2;
+void nameApplication() {
+    QCoreApplication::setApplicationName(QStringLiteral("Quillmate Flasher"));
+    QCoreApplication::setOrganizationName(QStringLiteral("Quillmate"));
 }
+
+bool has_display() { return qEnvironmentVariableIsSet("DISPLAY") || qEnvironmentVariableIsSet("WAYLAND_DISPLAY"); }
 
 // QM_REPORT_WINDOW=1: after the first paint, print what the window shows and quit. Used by the
 // real-window test and the start-up benchmark.
-void report_first_paint(MainWindow* window, const QElapsedTimer& clock) {
-    QObject::connect(window, &MainWindow::firstPainted, window, [window, &clock] {
+void report_first_paint(MainWindow* window, const QuillmateFlasherApp& app, const QElapsedTimer& clock) {
+    QObject::connect(window, &MainWindow::firstPainted, window, [window, &app, &clock] {
         QStringList labels;
         for (int i = 0; i < window->tabs()->count(); ++i) labels << window->tabs()->tabText(i);
-        std::printf("window: %s\ntabs: %s\nfirst paint after %lld ms\n", qPrintable(window->windowTitle()),
-                    qPrintable(labels.join(QLatin1Char('|'))), static_cast<long long>(clock.elapsed()));
+        std::printf("window: %s\ntabs: %s\nupdates: %s\nfirst paint after %lld ms\n", qPrintable(window->windowTitle()),
+                    qPrintable(labels.join(QLatin1Char('|'))), qPrintable(app.settings.status()),
+                    static_cast<long long>(clock.elapsed()));
         std::fflush(stdout);
         QTimer::singleShot(0, qApp, &QApplication::quit);
+    });
+}
+
+// QM_WINDOW_IMAGE=FILE: once the first paint is done and the models' start-up work has landed
+// (the launch check of updates among it), save the whole window to FILE and quit. How the
+// README's picture of the update banner is made.
+void save_window_image(MainWindow* window, const QuillmateFlasherApp& app, const QString& path) {
+    QObject::connect(window, &MainWindow::firstPainted, window, [window, &app, path] {
+        auto* poll = new QTimer(window);
+        auto started = std::make_shared<QElapsedTimer>();
+        started->start();
+        QObject::connect(poll, &QTimer::timeout, window, [window, &app, path, poll, started] {
+            if (app.busy() && started->elapsed() < 10000) return;
+            poll->stop();
+            bool saved = window->grab().save(path, "PNG");
+            std::printf("%s %s\n", saved ? "saved" : "FAILED to write", qPrintable(path));
+            std::fflush(stdout);
+            QApplication::exit(saved ? 0 : 1);
+        });
+        poll->start(50);
     });
 }
 
@@ -44,7 +67,8 @@ int run_window(const QStringList& args, const QElapsedTimer& clock) {
     QuillmateFlasherApp app;
     app.start(args);
     MainWindow window(&app);
-    if (qEnvironmentVariableIntValue("QM_REPORT_WINDOW")) report_first_paint(&window, clock);
+    if (qEnvironmentVariableIntValue("QM_REPORT_WINDOW")) report_first_paint(&window, app, clock);
+    if (qEnvironmentVariableIsSet("QM_WINDOW_IMAGE")) save_window_image(&window, app, qEnvironmentVariable("QM_WINDOW_IMAGE"));
     window.show();
     return QApplication::exec();
 }
@@ -59,15 +83,18 @@ int Entry::main(int argc, char** argv) {
     switch (mode) {
         case Mode::BackupRun: return Headless::backupRun(args);
         case Mode::BackupCheck: return Headless::backupCheck(args);
-        case Mode::UpdateCheck: return not_built_yet("the update check");
+        case Mode::UpdateCheck: {
+            QCoreApplication qt(argc, argv);  // the network needs one, and the settings its names
+            nameApplication();
+            return Updater::runCommandLineCheck(args);
+        }
         case Mode::Screenshot:
             if (!has_display()) qputenv("QT_QPA_PLATFORM", "offscreen");
             break;
         case Mode::Window: break;
     }
     QApplication qt(argc, argv);
-    QApplication::setApplicationName(QStringLiteral("Quillmate Flasher"));
-    QApplication::setOrganizationName(QStringLiteral("Quillmate"));
+    nameApplication();
     if (mode == Mode::Screenshot) return Shots::run(args);
     return run_window(args, clock);
 }

@@ -1,10 +1,12 @@
-// The single window: the update banner's row (empty until updates land) over the fixed
-// 580 x 560 tab view.
+// The single window: the update banner's row (shown while an update is found and the banner
+// has not been closed) over the fixed 580 x 560 tab view. The first time it is shown it asks for
+// the launch check of updates.
 #pragma once
 #include <QWidget>
 
 class QTabWidget;
 class QuillmateFlasherApp;
+class UpdateBanner;
 
 class MainWindow : public QWidget {
     Q_OBJECT
@@ -14,14 +16,19 @@ public:
 
     explicit MainWindow(QuillmateFlasherApp* app, QWidget* parent = nullptr);
     QTabWidget* tabs() const { return tabs_; }
+    UpdateBanner* banner() const { return banner_; }
 
 signals:
     void firstPainted();
 
 protected:
     void paintEvent(QPaintEvent* e) override;
+    void showEvent(QShowEvent* e) override;
 
 private:
+    QuillmateFlasherApp* app_;
+    UpdateBanner* banner_;
     QTabWidget* tabs_;
+    bool shown_ = false;
     bool painted_ = false;
 };

@@ -5,8 +5,9 @@
 
 #include "backup_settings.h"
 #include "labels.h"
+#include "update_section.h"
 
-SettingsTab::SettingsTab(BackupModel* backup, QWidget* parent) : QWidget(parent) {
+SettingsTab::SettingsTab(SettingsModel* settings, BackupModel* backup, QWidget* parent) : QWidget(parent) {
     auto* layout = new QVBoxLayout(this);
     layout->setContentsMargins(20, 20, 20, 20);
     layout->setSpacing(10);
@@ -17,7 +18,9 @@ SettingsTab::SettingsTab(BackupModel* backup, QWidget* parent) : QWidget(parent)
     header->setWordWrap(true);
     layout->addWidget(header);
     layout->addSpacing(8);
-    // The update section goes here.
+    update_ = new UpdateSettingsSection(settings);
+    layout->addWidget(update_);
+    layout->addSpacing(12);
     backup_ = new BackupSettingsSection(backup);
     layout->addWidget(backup_);
     layout->addStretch();

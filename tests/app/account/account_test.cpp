@@ -21,43 +21,13 @@
 #include "account_model.h"
 #include "account_tab.h"
 #include "deck_drive.h"
+#include "local_service.h"
 #include "stats_model.h"
 
 namespace {
 
 const QString kSignInFirst = "Sign in on the Account tab first.";
 const QString kPassword = "correct horse battery staple";
-
-// Starts a program with `input` on its standard input. posix_spawn rather than fork: forking
-// this multi-threaded process is what ThreadSanitizer cannot follow. The service gets a time
-// limit of its own, so that it stops even when a test dies first.
-pid_t spawnWithInput(QStringList args, const QByteArray& input) {
-    args.prepend("300");
-    args.prepend("/usr/bin/timeout");
-    std::vector<QByteArray> bytes;
-    for (const QString& a : args) bytes.push_back(a.toLocal8Bit());
-    std::vector<char*> argv;
-    for (QByteArray& b : bytes) argv.push_back(b.data());
-    argv.push_back(nullptr);
-    int pipeFds[2];
-    if (::pipe2(pipeFds, O_CLOEXEC) != 0) return -1;
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_adddup2(&actions, pipeFds[0], STDIN_FILENO);
-    pid_t pid = -1;
-    if (::posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), environ) != 0) pid = -1;
-    posix_spawn_file_actions_destroy(&actions);
-    ::close(pipeFds[0]);
-    if (!input.isEmpty()) (void)!::write(pipeFds[1], input.constData(), size_t(input.size()));
-    ::close(pipeFds[1]);
-    return pid;
-}
-
-int exitStatusOf(pid_t pid) {
-    int status = 0;
-    if (::waitpid(pid, &status, 0) != pid) return -1;
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-}
 
 // Each test keeps its token in a home of its own: ctest runs the cases side by side.
 class AccountTest : public ::testing::Test {
@@ -184,31 +154,10 @@ protected:
             ASSERT_GT(add, 0);
             ASSERT_EQ(exitStatusOf(add), 0);
         }
-        QTcpServer probe;
-        ASSERT_TRUE(probe.listen(QHostAddress::LocalHost));
-        quint16 port = probe.serverPort();
-        probe.close();
-        base_ = QString("http://127.0.0.1:%1").arg(port);
-        server_ = spawnWithInput(
-            {QM_SERVER_PATH, "--db", db_, "--listen", QString("127.0.0.1:%1").arg(port), "--base-url", base_}, {});
-        ASSERT_GT(server_, 0);
-        ASSERT_TRUE(QTest::qWaitFor(
-            [&] {
-                QTcpSocket s;
-                s.connectToHost(QHostAddress::LocalHost, port);
-                return s.waitForConnected(200);
-            },
-            10000))
-            << "the service never listened on " << base_.toStdString();
+        ASSERT_TRUE(service_.start(QM_SERVER_PATH, {"--db", db_})) << "the service never listened";
+        base_ = service_.base();
         qputenv("QM_SERVER", base_.toUtf8());
 #endif
-    }
-    void TearDown() override {
-        if (server_ > 0) {
-            ::kill(server_, SIGTERM);
-            exitStatusOf(server_);
-        }
-        AccountTest::TearDown();
     }
 
     void signInAs(AccountModel& m, const QString& email, const QString& password) {
@@ -233,7 +182,7 @@ protected:
     TempDir data_;
     QString db_;
     QString base_;
-    pid_t server_ = -1;
+    LocalService service_;
 };
 
 TEST_F(ServiceTest, SignInRejectedThenAcceptedAndCheckedOnTheNextStart) {

@@ -20,6 +20,7 @@
 #include "drive_header.h"
 #include "history_tab.h"
 #include "main_window.h"
+#include "settings_model.h"
 #include "settings_tab.h"
 #include "stats_tab.h"
 
@@ -153,7 +154,8 @@ TEST(BackupView, ButtonsFollowTheDriveAndDestinationAndTheSettingsChooseThem) {
     drives.pin({QmVolume{deckDrive(dir, deck::StatsState::Normal, 2), "Q", true}});
     BackupModel model(&drives);
     BackupTab tab(&model);
-    SettingsTab settings(&model);
+    SettingsModel updates;
+    SettingsTab settings(&updates, &model);
     EXPECT_TRUE(labelWithText(&tab, "No folder chosen"));
     for (const char* b : {"Back up now", "Check the copies", "Open the folder"}) EXPECT_FALSE(button(&tab, b)->isEnabled());
 
@@ -179,7 +181,10 @@ TEST(BackupView, ButtonsFollowTheDriveAndDestinationAndTheSettingsChooseThem) {
     ASSERT_TRUE(warning);
     EXPECT_NE(warning->palette().color(QPalette::WindowText), tab.palette().color(QPalette::WindowText));
 
-    auto* automatic = settings.findChild<QCheckBox*>();
+    QCheckBox* automatic = nullptr;
+    for (QCheckBox* c : settings.findChildren<QCheckBox*>())
+        if (c->text() == "Copy new writing automatically, while this app is open") automatic = c;
+    ASSERT_TRUE(automatic);
     EXPECT_TRUE(automatic->isChecked());
     automatic->click();
     EXPECT_FALSE(model.automatic());

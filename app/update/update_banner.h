@@ -1,0 +1,32 @@
+// The row over the tabs while an update is found and the banner has not been closed: what is
+// available, its notes, install now, skip this version, close.
+#pragma once
+#include <QFrame>
+
+class QLabel;
+class QPushButton;
+class SettingsModel;
+class UpdateNotes;
+
+class UpdateBanner : public QFrame {
+    Q_OBJECT
+public:
+    explicit UpdateBanner(SettingsModel* model, QWidget* parent = nullptr);
+    QLabel* text() const { return text_; }
+    QPushButton* notesButton() const { return notes_; }
+    QPushButton* installButton() const { return install_; }
+    QPushButton* skipButton() const { return skip_; }
+    QPushButton* closeButton() const { return close_; }
+    UpdateNotes* notesDialog() const { return dialog_; }
+
+private:
+    void refreshFromModel();
+
+    SettingsModel* model_;
+    QLabel* text_;
+    QPushButton* notes_;
+    QPushButton* install_;
+    QPushButton* skip_;
+    QPushButton* close_;
+    UpdateNotes* dialog_ = nullptr;
+};

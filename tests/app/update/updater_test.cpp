@@ -1,0 +1,450 @@
+// Updates end to end against the real account service, with releases packed and signed at test
+// time by qm-release: the check, the download, every refusal (each leaving the installed bundle
+// exactly as it was and the download deleted), the install and the relaunch, and the Settings
+// model's behaviour around them.
+#include <gtest/gtest.h>
+
+#include <QDir>
+#include <QDirIterator>
+#include <QFile>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QLabel>
+#include <QPlainTextEdit>
+#include <QPushButton>
+#include <QSettings>
+#include <QTest>
+#include <archive.h>
+#include <archive_entry.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+
+#include <map>
+
+#include "local_service.h"
+#include "settings_model.h"
+#include "update_banner.h"
+#include "update_notes.h"
+#include "temp_dir.h"
+#include "updater.h"
+
+namespace {
+
+const QString kApp = "Quillmate Flasher.app";
+const QString kExe = "bin/quillmate-flasher";
+
+struct ZipEntry {
+    QString path;
+    QByteArray data;            // a file's bytes
+    QString link;               // a symbolic link's target
+    mode_t type = AE_IFREG;
+    mode_t mode = 0644;
+};
+
+ZipEntry file(const QString& path, const QByteArray& data, mode_t mode = 0644) { return {path, data, {}, AE_IFREG, mode}; }
+ZipEntry symlink(const QString& path, const QString& target) { return {path, {}, target, AE_IFLNK, 0777}; }
+
+void writeZip(const QString& path, const std::vector<ZipEntry>& entries) {
+    archive* a = archive_write_new();
+    archive_write_set_format_zip(a);
+    ASSERT_EQ(archive_write_open_filename(a, QFile::encodeName(path).constData()), ARCHIVE_OK);
+    for (const ZipEntry& e : entries) {
+        archive_entry* entry = archive_entry_new();
+        archive_entry_set_pathname(entry, e.path.toUtf8().constData());
+        archive_entry_set_filetype(entry, e.type);
+        archive_entry_set_perm(entry, e.mode);
+        if (e.type == AE_IFLNK) archive_entry_set_symlink(entry, e.link.toUtf8().constData());
+        archive_entry_set_size(entry, e.type == AE_IFREG ? e.data.size() : 0);
+        archive_write_header(a, entry);
+        if (e.type == AE_IFREG) archive_write_data(a, e.data.constData(), size_t(e.data.size()));
+        archive_entry_free(entry);
+    }
+    archive_write_close(a);
+    archive_write_free(a);
+}
+
+QByteArray manifest(const QString& version, const QString& key) {
+    return QJsonDocument(QJsonObject{{"name", "Quillmate Flasher"}, {"version", version}, {"update_public_key", key}})
+        .toJson();
+}
+
+// A bundle's entries as an archive holds them, with a program that only exits.
+std::vector<ZipEntry> bundleEntries(const QString& version, const QString& key, const QString& top = kApp) {
+    return {file(top + "/bundle.json", manifest(version, key)), file(top + "/" + kExe, "#!/bin/sh\nexit 0\n", 0755),
+            file(top + "/share/quillmate-flasher/readme", "images would be here\n")};
+}
+
+// Everything under a folder, by relative path: kind, permission bits, content or link target.
+std::map<QString, QString> tree(const QString& root) {
+    std::map<QString, QString> t;
+    QDirIterator it(root, QDir::AllEntries | QDir::Hidden | QDir::System | QDir::NoDotAndDotDot,
+                    QDirIterator::Subdirectories);
+    while (it.hasNext()) {
+        QFileInfo f(it.next());
+        struct stat st {};
+        ::lstat(QFile::encodeName(f.filePath()).constData(), &st);
+        QString what = QString::number(st.st_mode, 8);
+        if (f.isSymLink()) what += " -> " + f.symLinkTarget();
+        else if (f.isFile()) {
+            QFile file(f.filePath());
+            file.open(QIODevice::ReadOnly);
+            what += " " + QString::fromLatin1(file.readAll().toHex());
+        }
+        t[QDir(root).relativeFilePath(f.filePath())] = what;
+    }
+    return t;
+}
+
+class UpdaterTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+#if !defined(QM_SERVER_PATH) || !defined(QM_RELEASE_PATH)
+        GTEST_SKIP() << "SKIPPED: qm-server or qm-release is not part of this build";
+#else
+        for (const char* d : {"tmp", "opt", "releases", "keys", "home"}) QDir().mkpath(dir(d));
+        // Downloads land in private folders under TMPDIR: the test can see that they went.
+        oldTmp_ = qEnvironmentVariableIsSet("TMPDIR") ? qgetenv("TMPDIR") : QByteArray();
+        qputenv("TMPDIR", dir("tmp").toLocal8Bit());
+        ASSERT_EQ(runProgram({QM_RELEASE_PATH, "keygen", "--out", dir("keys/release")}, {}, "/dev/null"), 0);
+        ASSERT_EQ(runProgram({QM_RELEASE_PATH, "keygen", "--out", dir("keys/other")}, {}, "/dev/null"), 0);
+        key_ = readKey("release");
+        ASSERT_EQ(key_.size(), 64);
+        installBundle(dir("opt"), bundleEntries("0.1.0", key_));
+        ASSERT_TRUE(service_.start(QM_SERVER_PATH, {"--db", dir("accounts.db"), "--releases", dir("releases")}));
+#endif
+    }
+    void TearDown() override {
+        if (oldTmp_.isNull()) qunsetenv("TMPDIR");
+        else qputenv("TMPDIR", oldTmp_);
+    }
+
+    QString dir(const QString& rel) const { return QString::fromStdString(root_ / rel.toStdString()); }
+    QString bundle() const { return dir("opt/" + kApp); }
+    QString readKey(const QString& name) const {
+        QFile f(dir("keys/" + name + ".pub"));
+        return f.open(QIODevice::ReadOnly) ? QString::fromLatin1(f.readAll()).trimmed() : QString();
+    }
+    void installBundle(const QString& where, const std::vector<ZipEntry>& entries) {
+        for (const ZipEntry& e : entries) {
+            QString path = where + "/" + e.path;
+            QDir().mkpath(QFileInfo(path).absolutePath());
+            QFile f(path);
+            ASSERT_TRUE(f.open(QIODevice::WriteOnly));
+            f.write(e.data);
+            f.close();
+            ::chmod(QFile::encodeName(path).constData(), e.mode);
+        }
+    }
+
+    UpdateIdentity identity(const QString& version = "0.1.0") const {
+        UpdateIdentity id;
+        id.version = version;
+        id.channel = "stable";
+        id.publicKeyHex = key_;
+        id.baseURL = service_.base();
+        id.bundleRoot = bundle();
+        id.executableInBundle = kExe;
+        return id;
+    }
+
+    // Packs entries as the release's archive, signs it and returns what the feed would say.
+    UpdateInfo release(const QString& version, const std::vector<ZipEntry>& entries, const QStringList& signAs = {}) {
+        QString zip = dir("releases/QuillmateFlasher-" + version + ".zip");
+        writeZip(zip, entries);
+        return sign(zip, version, signAs);
+    }
+    UpdateInfo sign(const QString& zip, const QString& version, const QStringList& signAs = {}) {
+        QString json = dir("releases/" + QFileInfo(zip).completeBaseName() + QString::number(++signed_) + ".json");
+        QStringList args{QM_RELEASE_PATH, "sign", "--key", dir("keys/release.key"), "--archive", zip,
+                         "--platform", "linux", "--channel", "stable", "--version", version,
+                         "--url", service_.base() + "/releases/" + QFileInfo(zip).fileName(), "--out", json};
+        for (int i = 0; i + 1 < signAs.size(); i += 2) {
+            qsizetype at = args.indexOf(signAs[i]);
+            if (at < 0) args << signAs[i] << signAs[i + 1];
+            else args[at + 1] = signAs[i + 1];
+        }
+        EXPECT_EQ(runProgram(args, {}, "/dev/null"), 0);
+        QFile f(json);
+        f.open(QIODevice::ReadOnly);
+        QJsonObject o = QJsonDocument::fromJson(f.readAll()).object();
+        if (signAs.contains("--channel") || signAs.contains("--version") || signAs.contains("--platform"))
+            f.remove();  // a signature for another release must not be served
+        return {o["version"].toString(), o["notes"].toString(), o["filename"].toString(), o["url"].toString(),
+                qint64(o["size"].toDouble()), o["sha256"].toString(), o["signature"].toString(),
+                o["mandatory"].toBool()};
+    }
+
+    template <typename T>
+    T wait(Updater& u, const std::function<void(std::function<void(T)>)>& start) {
+        std::optional<T> result;
+        start([&](T r) { result = std::move(r); });
+        EXPECT_TRUE(QTest::qWaitFor([&] { return result.has_value(); }, 60000));
+        (void)u;
+        return result ? std::move(*result) : T{};
+    }
+    UpdateCheck check(Updater& u) {
+        return wait<UpdateCheck>(u, [&](auto done) { u.check(done); });
+    }
+    // Downloads and, when that passes, installs: the failure's text, or none.
+    std::optional<QString> update(const UpdateIdentity& id, const UpdateInfo& info, InstallOutcome* outcome = nullptr) {
+        Updater u(id);
+        DownloadOutcome d = wait<DownloadOutcome>(u, [&](auto done) { u.download(info, [](double) {}, [] {}, done); });
+        if (!d.archive) return d.failure;
+        InstallOutcome o = wait<InstallOutcome>(u, [&](auto done) { u.install(info, std::move(d.archive), done); });
+        if (outcome) *outcome = o;
+        return o.failure;
+    }
+    QStringList leftovers() const {
+        return QDir(dir("tmp")).entryList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot) +
+               QDir(dir("opt")).entryList({".QuillmateUpdate*"}, QDir::AllEntries | QDir::Hidden);
+    }
+
+    TempDir root_;
+    QByteArray oldTmp_;
+    QString key_;
+    LocalService service_;
+    int signed_ = 0;
+};
+
+TEST_F(UpdaterTest, ChecksTheFeedAndNotesWhenTheServerAnswered) {
+    UpdateInfo r = release("0.2.0", bundleEntries("0.2.0", key_));
+    QSettings().remove("updateLastChecked");
+    Updater current(identity("0.2.0"));
+    EXPECT_EQ(check(current).kind, UpdateCheck::Kind::UpToDate);
+    EXPECT_TRUE(UpdateSettings::lastChecked().has_value());
+
+    Updater older(identity("0.1.0"));
+    UpdateCheck found = check(older);
+    ASSERT_EQ(found.kind, UpdateCheck::Kind::Available) << found.message.toStdString();
+    EXPECT_EQ(found.info.version, "0.2.0");
+    EXPECT_EQ(found.info.sha256, r.sha256);
+    EXPECT_EQ(found.info.signature, r.signature);
+
+    UpdateIdentity beta = identity("0.1.0");
+    beta.channel = "beta";
+    Updater other(beta);
+    EXPECT_EQ(check(other).kind, UpdateCheck::Kind::UpToDate);
+}
+
+TEST_F(UpdaterTest, RefusesEveryDownloadOrArchiveThatIsNotTheSignedRelease) {
+    const std::map<QString, QString> before = tree(bundle());
+    auto flipped = [&](UpdateInfo i) {
+        QFile in(dir("releases/" + i.filename));
+        in.open(QIODevice::ReadOnly);
+        QByteArray bytes = in.readAll();
+        bytes[bytes.size() / 2] = char(bytes[bytes.size() / 2] ^ 0x01);
+        QFile out(dir("releases/flipped.zip"));
+        out.open(QIODevice::WriteOnly);
+        out.write(bytes);
+        i.url = service_.base() + "/releases/flipped.zip";
+        return i;
+    };
+    // S + L, the group order added to the signature's second half: the same curve point, a
+    // signature that only a lax verifier takes.
+    auto plusL = [](UpdateInfo i) {
+        static const uint8_t L[32] = {0xed, 0xd3, 0xf5, 0x5c, 0x1a, 0x63, 0x12, 0x58, 0xd6, 0x9c, 0xf7,
+                                      0xa2, 0xde, 0xf9, 0xde, 0x14, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0x10};
+        QByteArray sig = QByteArray::fromHex(i.signature.toLatin1());
+        unsigned carry = 0;
+        for (int k = 0; k < 32; ++k) {
+            unsigned v = uint8_t(sig[32 + k]) + L[k] + carry;
+            sig[32 + k] = char(v & 0xff);
+            carry = v >> 8;
+        }
+        i.signature = QString::fromLatin1(sig.toHex());
+        return i;
+    };
+    auto withSignatureOf = [&](UpdateInfo i, const QStringList& signAs) {
+        i.signature = sign(dir("releases/" + i.filename), i.version, signAs).signature;
+        return i;
+    };
+    UpdateInfo good = release("0.2.0", bundleEntries("0.2.0", key_));
+    UpdateIdentity noKey = identity();
+    noKey.publicKeyHex.clear();
+    UpdateIdentity noBundle = identity();
+    noBundle.bundleRoot.reset();
+    auto shortBy = [](UpdateInfo i, int n) { i.size -= n; return i; };
+
+    struct Case {
+        const char* what;
+        UpdateInfo info;
+        QString expected;
+        UpdateIdentity id;
+    } cases[] = {
+        {"one byte short", shortBy(good, -1), UpdateTexts::kWrongSize, identity()},
+        {"one byte long", shortBy(good, 1), UpdateTexts::kWrongSize, identity()},
+        {"one bit flipped", flipped(good), UpdateTexts::kMismatch, identity()},
+        {"signed for another channel", withSignatureOf(good, {"--channel", "beta"}), UpdateTexts::kMismatch, identity()},
+        {"signed for another version", withSignatureOf(good, {"--version", "0.3.0"}), UpdateTexts::kMismatch, identity()},
+        {"signed for another platform", withSignatureOf(good, {"--platform", "macos"}), UpdateTexts::kMismatch, identity()},
+        {"S + L", plusL(good), UpdateTexts::kMismatch, identity()},
+        {"a build without a key", good, UpdateTexts::kNoKey, noKey},
+        {"a downgrade", release("0.0.9", bundleEntries("0.0.9", key_)), UpdateTexts::kNonsense, identity()},
+        {"not running from a bundle", good, UpdateTexts::kNotBundle, noBundle},
+        {"a ../ entry", release("0.2.1", {file(kApp + "/../escaped", "x")}), UpdateTexts::kUnpackFailed, identity()},
+        {"an absolute path", release("0.2.2", {file(dir("absolute"), "x")}), UpdateTexts::kUnpackFailed, identity()},
+        {"a link out", release("0.2.3", [&] {
+             auto e = bundleEntries("0.2.3", key_);
+             e.push_back(symlink(kApp + "/share/out", "../../../.."));
+             return e;
+         }()),
+         UpdateTexts::kUnpackFailed, identity()},
+        {"two bundles", release("0.2.4", [&] {
+             auto e = bundleEntries("0.2.4", key_);
+             for (ZipEntry& x : bundleEntries("0.2.4", key_, "Second.app")) e.push_back(x);
+             return e;
+         }()),
+         UpdateTexts::kUnpackFailed, identity()},
+        {"another version inside", release("0.2.5", bundleEntries("0.2.6", key_)), UpdateTexts::kBundleCheckFailed,
+         identity()},
+        {"another key inside", release("0.2.7", bundleEntries("0.2.7", readKey("other"))), UpdateTexts::kOtherDeveloper,
+         identity()},
+    };
+    for (const Case& c : cases) {
+        EXPECT_EQ(update(c.id, c.info), c.expected) << c.what;
+        EXPECT_EQ(tree(bundle()), before) << c.what;
+        EXPECT_EQ(leftovers(), QStringList()) << c.what << ": " << leftovers().join(", ").toStdString();
+    }
+}
+
+// The folder holding the bundle cannot be written: nothing changes and the verified archive is
+// left where the user is shown it. As root, permissions do not stop writes: a read-only mount does.
+TEST_F(UpdaterTest, LeavesTheVerifiedArchiveWhenTheBundleFolderIsReadOnly) {
+    UpdateInfo good = release("0.2.0", bundleEntries("0.2.0", key_));
+    QString opt = dir("opt");
+    if (::geteuid() == 0) {
+        ASSERT_EQ(::mount("qm-test", QFile::encodeName(opt).constData(), "tmpfs", 0, "size=4m"), 0);
+        installBundle(opt, bundleEntries("0.1.0", key_));
+        ASSERT_EQ(::mount(nullptr, QFile::encodeName(opt).constData(), nullptr, MS_REMOUNT | MS_RDONLY, nullptr), 0);
+    } else {
+        ::chmod(QFile::encodeName(opt).constData(), 0555);
+    }
+    struct Restore {
+        QString opt;
+        ~Restore() {
+            if (::geteuid() == 0) ::umount2(QFile::encodeName(opt).constData(), MNT_DETACH);
+            else ::chmod(QFile::encodeName(opt).constData(), 0755);
+        }
+    } restore{opt};
+    const std::map<QString, QString> before = tree(bundle());
+    InstallOutcome o;
+    EXPECT_EQ(update(identity(), good, &o), UpdateTexts::kNotWritable.arg(opt));
+    EXPECT_EQ(tree(bundle()), before);
+    ASSERT_TRUE(o.reveal.has_value());
+    QFile kept(*o.reveal);
+    ASSERT_TRUE(kept.open(QIODevice::ReadOnly));
+    EXPECT_EQ(kept.size(), good.size);
+    QDir(QFileInfo(*o.reveal).absolutePath()).removeRecursively();
+}
+
+// The real program as the installed bundle and as the release: found, downloaded, checked,
+// swapped in, and the new copy started with --updated says so.
+TEST_F(UpdaterTest, InstallsTheReleaseAndTheNewCopyReportsItsVersion) {
+#if !defined(QUILLMATE_FLASHER_PATH)
+    GTEST_SKIP() << "SKIPPED: the program is not part of this build";
+#else
+    QFile program(QUILLMATE_FLASHER_PATH);
+    ASSERT_TRUE(program.open(QIODevice::ReadOnly));
+    QByteArray exe = program.readAll();
+    QDir(bundle()).removeRecursively();
+    installBundle(dir("opt"), {file(kApp + "/bundle.json", manifest("0.1.0", key_)), file(kApp + "/" + kExe, exe, 0755)});
+    release("0.2.0", {file(kApp + "/bundle.json", manifest("0.2.0", key_)), file(kApp + "/" + kExe, exe, 0755),
+                      file(kApp + "/share/quillmate-flasher/new", "only in the new release\n")});
+
+    Updater u(identity());
+    UpdateCheck found = check(u);
+    ASSERT_EQ(found.kind, UpdateCheck::Kind::Available) << found.message.toStdString();
+
+    // The new copy reports its first paint and quits; it runs with settings and a home of its own.
+    qputenv("QM_REPORT_WINDOW", "1");
+    qputenv("QT_QPA_PLATFORM", "offscreen");
+    QByteArray oldHome = qgetenv("HOME");
+    ::chmod(QFile::encodeName(dir("home")).constData(), 0700);
+    qputenv("HOME", dir("home").toLocal8Bit());
+    for (const char* xdg : {"XDG_CONFIG_HOME", "XDG_RUNTIME_DIR"}) qputenv(xdg, dir("home").toLocal8Bit());
+    QString report = dir("report.txt");
+    int saved = ::dup(STDOUT_FILENO);
+    int out = ::open(QFile::encodeName(report).constData(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    ::dup2(out, STDOUT_FILENO);
+    InstallOutcome o;
+    std::optional<QString> failure = update(identity(), found.info, &o);
+    ::fflush(stdout);
+    ::dup2(saved, STDOUT_FILENO);
+    ::close(saved);
+    ::close(out);
+    qunsetenv("QM_REPORT_WINDOW");
+    qputenv("HOME", oldHome);
+    for (const char* xdg : {"XDG_CONFIG_HOME", "XDG_RUNTIME_DIR"}) qunsetenv(xdg);
+
+    ASSERT_EQ(failure, std::nullopt) << failure->toStdString();
+    ASSERT_GT(o.relaunched, 0);
+    EXPECT_EQ(exitStatusOf(o.relaunched), 0);
+    QFile r(report);
+    r.open(QIODevice::ReadOnly);
+    QString said = QString::fromUtf8(r.readAll());
+    EXPECT_TRUE(said.contains("updates: Updated to version 0.2.0.")) << said.toStdString();
+    EXPECT_EQ(Bundle::readManifest(bundle())->version, "0.2.0");
+    EXPECT_TRUE(QFile::exists(bundle() + "/share/quillmate-flasher/new"));
+    EXPECT_EQ(leftovers(), QStringList()) << leftovers().join(", ").toStdString();
+#endif
+}
+
+// The Settings model: a skipped version is not offered at launch but an explicit check still
+// says what the server has; closing the banner hides it; a failed download leaves busy false.
+TEST_F(UpdaterTest, SettingsModelSkipsDismissesAndRecovers) {
+    spit((root_ / "notes.txt"), "<b>Fixes</b> & more");
+    release("0.2.0", bundleEntries("0.2.0", key_), {"--notes-file", dir("notes.txt")});
+    QSettings().remove("updateLastChecked");
+    UpdateSettings::setAutomatic(true);
+    UpdateSettings::setSkippedVersion("0.2.0");
+    {
+        SettingsModel m(identity(), std::nullopt);
+        EXPECT_EQ(m.status(), "Not checked yet.");
+        m.checkOnLaunch();
+        ASSERT_TRUE(QTest::qWaitFor([&] { return UpdateSettings::lastChecked().has_value(); }, 30000));
+        QTest::qWait(50);
+        EXPECT_FALSE(m.found().has_value());
+        m.checkNow();
+        EXPECT_TRUE(m.busy());
+        ASSERT_TRUE(QTest::qWaitFor([&] { return !m.busy(); }, 30000));
+        EXPECT_EQ(m.status(), "Version 0.2.0 is available.");
+        UpdateBanner banner(&m);
+        EXPECT_FALSE(banner.isHidden());
+        EXPECT_EQ(banner.text()->text(), "Version 0.2.0 is available.");
+        QTest::mouseClick(banner.notesButton(), Qt::LeftButton);
+        ASSERT_TRUE(banner.notesDialog());
+        EXPECT_TRUE(banner.notesDialog()->isVisible());
+        EXPECT_EQ(banner.notesDialog()->notesView()->toPlainText(), "<b>Fixes</b> & more");  // never rich text
+        banner.notesDialog()->reject();
+        EXPECT_FALSE(m.showingNotes());
+        QTest::mouseClick(banner.closeButton(), Qt::LeftButton);
+        EXPECT_TRUE(banner.isHidden());
+        EXPECT_TRUE(m.bannerDismissed());
+        EXPECT_TRUE(m.found().has_value());
+    }
+    UpdateSettings::setSkippedVersion({});
+    {
+        SettingsModel m(identity(), QString("0.1.0"));
+        EXPECT_EQ(m.status(), "Updated to version 0.1.0.");
+        m.checkOnLaunch();  // checked less than a day ago: nothing asked
+        QTest::qWait(200);
+        EXPECT_FALSE(m.found().has_value());
+        m.checkNow();
+        ASSERT_TRUE(QTest::qWaitFor([&] { return !m.busy(); }, 30000));
+        ASSERT_TRUE(m.found().has_value());
+        QFile::remove(dir("releases/" + m.found()->filename));  // the archive goes missing
+        bool exited = false;
+        m.setExit([&] { exited = true; });
+        m.updateNow();
+        EXPECT_TRUE(m.busy());
+        ASSERT_TRUE(QTest::qWaitFor([&] { return !m.busy(); }, 30000));
+        EXPECT_EQ(m.status(), UpdateTexts::kTransferFailed);
+        EXPECT_FALSE(exited);
+        m.skip();
+        EXPECT_EQ(m.status(), "Skipped. This version will not be mentioned again; the next one will.");
+        EXPECT_EQ(UpdateSettings::skippedVersion(), "0.2.0");
+    }
+    EXPECT_EQ(leftovers(), QStringList()) << leftovers().join(", ").toStdString();
+}
+
+}  // namespace

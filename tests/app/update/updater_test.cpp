@@ -389,6 +389,40 @@ TEST_F(UpdaterTest, InstallsTheReleaseAndTheNewCopyReportsItsVersion) {
 #endif
 }
 
+// The headless self-check: what it prints and how it ends, with and without a fetch.
+TEST_F(UpdaterTest, SelfCheckPrintsItsLinesAndFailsOnlyWhenAFetchFails) {
+#if !defined(QUILLMATE_FLASHER_PATH)
+    GTEST_SKIP() << "SKIPPED: the program is not part of this build";
+#else
+    UpdateInfo r = release("0.2.0", bundleEntries("0.2.0", key_));
+    qputenv("QM_SERVER", service_.base().toUtf8());
+    qputenv("QM_VERSION", "0.1.0");
+    qputenv("XDG_CONFIG_HOME", dir("home").toLocal8Bit());
+    auto selfCheck = [&](const QString& key, const QString& flag, int* status) {
+        qputenv("QM_UPDATE_PUBKEY", key.toUtf8());
+        *status = runProgram({QUILLMATE_FLASHER_PATH, "--else", flag}, {}, dir("out.txt"));
+        QFile f(dir("out.txt"));
+        f.open(QIODevice::ReadOnly);
+        return QString::fromUtf8(f.readAll());
+    };
+    int status = -1;
+    QString head = "platform: linux\nchannel:  stable\nversion:  0.1.0\nserver:   " + service_.base() + "\nkey:      ";
+    EXPECT_EQ(selfCheck(key_, "--check-update", &status),
+              head + key_ + "\n\nupdate available: 0.2.0, " + QString::number(r.size) + " bytes\n");
+    EXPECT_EQ(status, 0);
+    EXPECT_EQ(selfCheck(key_.toUpper(), "--fetch-update", &status),
+              head + key_ + "\n\nupdate available: 0.2.0, " + QString::number(r.size) +
+                  " bytes\n\nfetching and verifying...\nsize, SHA-256 and Ed25519 signature all passed.\n");
+    EXPECT_EQ(status, 0);
+    EXPECT_EQ(selfCheck(readKey("other"), "--fetch-update", &status).section('\n', -2),
+              UpdateTexts::kMismatch + "\n");
+    EXPECT_EQ(status, 1);
+    EXPECT_TRUE(selfCheck("", "--check-update", &status).contains("key:      (none)  (PLACEHOLDER, nothing will verify)\n"));
+    for (const char* name : {"QM_SERVER", "QM_VERSION", "XDG_CONFIG_HOME", "QM_UPDATE_PUBKEY"}) qunsetenv(name);
+    EXPECT_EQ(leftovers(), QStringList()) << leftovers().join(", ").toStdString();
+#endif
+}
+
 // The Settings model: a skipped version is not offered at launch but an explicit check still
 // says what the server has; closing the banner hides it; a failed download leaves busy false.
 TEST_F(UpdaterTest, SettingsModelSkipsDismissesAndRecovers) {

@@ -13,12 +13,12 @@
 #include <QJsonObject>
 #include <QRandomGenerator>
 #include <QTemporaryDir>
-#include <QTimer>
 #include <fcntl.h>
 
 #include "app_object.h"
 #include "bench_timer.h"
 #include "local_service.h"
+#include "main_thread_stall.h"
 #include "main_window.h"
 #include "updater.h"
 
@@ -26,23 +26,6 @@ namespace {
 
 const QString kApp = "Quillmate Flasher.app";
 constexpr qint64 kPayload = 100 * 1000 * 1000;
-
-double longest_gap_ms(const std::function<void()>& start, const std::function<bool()>& done, int atLeastMs) {
-    QElapsedTimer clock;
-    double last = 0, worst = 0;
-    QTimer tick;
-    tick.setInterval(1);
-    QObject::connect(&tick, &QTimer::timeout, [&] {
-        double now = double(clock.nsecsElapsed()) / 1e6;
-        worst = std::max(worst, now - last);
-        last = now;
-    });
-    clock.start();
-    tick.start();
-    QTimer::singleShot(0, start);
-    while (clock.elapsed() < atLeastMs || !done()) QCoreApplication::processEvents(QEventLoop::AllEvents, 5);
-    return worst;
-}
 
 bool writeFile(const QString& path, const QByteArray& data, QFile::Permissions extra = {}) {
     QDir().mkpath(QFileInfo(path).absolutePath());
@@ -134,10 +117,10 @@ int main(int argc, char** argv) {
         QuillmateFlasherApp app;
         MainWindow window(&app);
         window.show();
-        double idle = longest_gap_ms([] {}, [] { return true; }, 1500);
+        double idle = longest_gap_ms(1500, [] {});
         app.settings.checkNow();
-        while (app.settings.busy()) QCoreApplication::processEvents(QEventLoop::AllEvents, 5);
-        double updating = longest_gap_ms([&] { app.settings.updateNow(); }, [&] { return !app.settings.busy(); }, 1500);
+        (void)QTest::qWaitFor([&] { return !app.settings.busy(); }, 60000);
+        double updating = longest_gap_ms(1500, [&] { app.settings.updateNow(); }, [&] { return !app.settings.busy(); });
         std::printf("model: %s\n", qPrintable(app.settings.status()));
         report("longest main-thread stall while downloading and checking", updating, "same window idle", idle, 50);
     }
@@ -151,9 +134,9 @@ int main(int argc, char** argv) {
     Updater updater(id);
     std::optional<DownloadOutcome> downloaded;
     updater.download(info, [](double) {}, [] {}, [&](DownloadOutcome d) { downloaded = std::move(d); });
-    while (!downloaded) QCoreApplication::processEvents(QEventLoop::AllEvents, 5);
-    if (!downloaded->archive) {
-        std::printf("install: SKIPPED, %s\n", qPrintable(downloaded->failure));
+    (void)QTest::qWaitFor([&] { return downloaded.has_value(); }, 600000);
+    if (!downloaded || !downloaded->archive) {
+        std::printf("install: SKIPPED, %s\n", downloaded ? qPrintable(downloaded->failure) : "the download never ended");
         return 1;
     }
     qputenv("QM_REPORT_WINDOW", "1");
@@ -166,7 +149,8 @@ int main(int argc, char** argv) {
     clock.start();
     std::optional<InstallOutcome> installed;
     updater.install(info, downloaded->archive, [&](InstallOutcome o) { installed = o; });
-    while (!installed) QCoreApplication::processEvents(QEventLoop::AllEvents, 1);
+    (void)QTest::qWaitFor([&] { return installed.has_value(); }, 60000);
+    if (!installed) installed = InstallOutcome{QString("the install never ended"), std::nullopt, 0};
     int status = installed->relaunched > 0 ? exitStatusOf(pid_t(installed->relaunched)) : -1;
     double install = double(clock.nsecsElapsed()) / 1e6;
     std::fflush(stdout);

@@ -1,17 +1,16 @@
 #include "cloud_session.h"
 
 #include <QDateTime>
-#include <QEventLoop>
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QNetworkAccessManager>
 #include <QNetworkReply>
 #include <QNetworkRequest>
-#include <QTimer>
 #include <QUrl>
 
 #include "drive.h"
 #include "json.h"
+#include "reply_wait.h"
 #include "store.h"
 
 const QString CloudSession::kDefaultBaseURL = QStringLiteral("https://account.quillmate.org");
@@ -62,18 +61,7 @@ CloudSession::Answer CloudSession::request(const QByteArray& method, const QStri
 
     QNetworkReply* reply = body ? network().sendCustomRequest(req, method, *body)
                                 : network().sendCustomRequest(req, method);
-    QEventLoop loop;
-    QObject::connect(reply, &QNetworkReply::finished, &loop, &QEventLoop::quit);
-    // Going away must not wait out a slow service: the flag is looked at a few times a second.
-    QTimer watch;
-    if (stopping_) {
-        QObject::connect(&watch, &QTimer::timeout, reply, [&] {
-            if (stopping_->load()) reply->abort();
-        });
-        watch.start(100);
-    }
-    if (!reply->isFinished()) loop.exec();
-    watch.stop();
+    waitForReply(reply, stopping_);
 
     Answer answer;
     QVariant status = reply->attribute(QNetworkRequest::HttpStatusCodeAttribute);

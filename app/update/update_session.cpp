@@ -1,15 +1,14 @@
 #include "update_session.h"
 
-#include <QEventLoop>
 #include <QNetworkAccessManager>
 #include <QNetworkReply>
 #include <QNetworkRequest>
-#include <QTimer>
 #include <QUrl>
 #include <QUrlQuery>
 
 #include "file_writes.h"
 #include "qm_core.h"
+#include "reply_wait.h"
 #include "update_feed.h"
 
 namespace {
@@ -25,27 +24,6 @@ QNetworkRequest uncachedRequest(const QUrl& url, int transferTimeoutMs) {
     req.setAttribute(QNetworkRequest::CacheLoadControlAttribute, QNetworkRequest::AlwaysNetwork);
     req.setAttribute(QNetworkRequest::CacheSaveControlAttribute, false);
     return req;
-}
-
-// Runs the reply to its end on this thread; the stopping flag is looked at a few times a second
-// so that going away never waits out a slow server.
-void waitFor(QNetworkReply* reply, const std::shared_ptr<const std::atomic_bool>& stopping, int limitMs = 0) {
-    QEventLoop loop;
-    QObject::connect(reply, &QNetworkReply::finished, &loop, &QEventLoop::quit);
-    QTimer watch;
-    if (stopping) {
-        QObject::connect(&watch, &QTimer::timeout, reply, [&] {
-            if (stopping->load()) reply->abort();
-        });
-        watch.start(100);
-    }
-    QTimer limit;
-    if (limitMs > 0) {
-        limit.setSingleShot(true);
-        QObject::connect(&limit, &QTimer::timeout, reply, &QNetworkReply::abort);
-        limit.start(limitMs);
-    }
-    if (!reply->isFinished()) loop.exec();
 }
 
 int httpStatus(QNetworkReply* reply) {
@@ -81,7 +59,7 @@ UpdateCheck UpdateSession::check() {
         body += reply->read(UpdateFeed::kMaxAnswer + 1 - body.size());
         if (body.size() > UpdateFeed::kMaxAnswer) reply->abort();
     });
-    waitFor(reply, stopping_);
+    waitForReply(reply, stopping_);
     if (body.size() <= UpdateFeed::kMaxAnswer) body += reply->read(UpdateFeed::kMaxAnswer + 1 - body.size());
     int status = httpStatus(reply);
     delete reply;
@@ -112,7 +90,7 @@ DownloadOutcome UpdateSession::download(const UpdateInfo& info, const std::funct
         if (progress && percent != lastPercent) progress((lastPercent = percent) / 100.0);
     };
     QObject::connect(reply, &QNetworkReply::readyRead, reply, drain);
-    waitFor(reply, stopping_, kDownloadLimitMs);
+    waitForReply(reply, stopping_, kDownloadLimitMs);
     if (!tooLong && !writeFailed && reply->bytesAvailable() > 0) drain();
     bool finished = reply->error() == QNetworkReply::NoError && httpStatus(reply) / 100 == 2;
     delete reply;

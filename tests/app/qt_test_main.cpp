@@ -9,6 +9,9 @@
 int main(int argc, char** argv) {
     if (!qEnvironmentVariableIsSet("QT_QPA_PLATFORM")) qputenv("QT_QPA_PLATFORM", "offscreen");
     QStandardPaths::setTestModeEnabled(true);
+    // A window's launch check of updates, and any other request, stays on this machine unless a
+    // test points it at a service of its own.
+    if (!qEnvironmentVariableIsSet("QM_SERVER")) qputenv("QM_SERVER", "http://127.0.0.1:9");
     QApplication app(argc, argv);
     QTemporaryDir settings;
     QSettings::setPath(QSettings::NativeFormat, QSettings::UserScope, settings.path());

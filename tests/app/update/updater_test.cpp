@@ -174,23 +174,23 @@ protected:
                 o["mandatory"].toBool()};
     }
 
+    // Starts an asynchronous step and waits for its result.
     template <typename T>
-    T wait(Updater& u, const std::function<void(std::function<void(T)>)>& start) {
+    static T wait(const std::function<void(std::function<void(T)>)>& start) {
         std::optional<T> result;
         start([&](T r) { result = std::move(r); });
         EXPECT_TRUE(QTest::qWaitFor([&] { return result.has_value(); }, 60000));
-        (void)u;
         return result ? std::move(*result) : T{};
     }
     UpdateCheck check(Updater& u) {
-        return wait<UpdateCheck>(u, [&](auto done) { u.check(done); });
+        return wait<UpdateCheck>([&](auto done) { u.check(done); });
     }
     // Downloads and, when that passes, installs: the failure's text, or none.
     std::optional<QString> update(const UpdateIdentity& id, const UpdateInfo& info, InstallOutcome* outcome = nullptr) {
         Updater u(id);
-        DownloadOutcome d = wait<DownloadOutcome>(u, [&](auto done) { u.download(info, [](double) {}, [] {}, done); });
+        DownloadOutcome d = wait<DownloadOutcome>([&](auto done) { u.download(info, [](double) {}, [] {}, done); });
         if (!d.archive) return d.failure;
-        InstallOutcome o = wait<InstallOutcome>(u, [&](auto done) { u.install(info, std::move(d.archive), done); });
+        InstallOutcome o = wait<InstallOutcome>([&](auto done) { u.install(info, std::move(d.archive), done); });
         if (outcome) *outcome = o;
         return o.failure;
     }
@@ -220,10 +220,6 @@ TEST_F(UpdaterTest, ChecksTheFeedAndNotesWhenTheServerAnswered) {
     EXPECT_EQ(found.info.sha256, r.sha256);
     EXPECT_EQ(found.info.signature, r.signature);
 
-    UpdateIdentity beta = identity("0.1.0");
-    beta.channel = "beta";
-    Updater other(beta);
-    EXPECT_EQ(check(other).kind, UpdateCheck::Kind::UpToDate);
 }
 
 TEST_F(UpdaterTest, RefusesEveryDownloadOrArchiveThatIsNotTheSignedRelease) {

@@ -5,7 +5,6 @@
 #include <QTabWidget>
 #include <QTimer>
 #include <cstdio>
-#include <memory>
 
 #include "app_object.h"
 #include "dispatch.h"
@@ -49,10 +48,10 @@ void report_first_paint(MainWindow* window, const QuillmateFlasherApp& app, cons
 void save_window_image(MainWindow* window, const QuillmateFlasherApp& app, const QString& path) {
     QObject::connect(window, &MainWindow::firstPainted, window, [window, &app, path] {
         auto* poll = new QTimer(window);
-        auto started = std::make_shared<QElapsedTimer>();
-        started->start();
+        QElapsedTimer started;
+        started.start();
         QObject::connect(poll, &QTimer::timeout, window, [window, &app, path, poll, started] {
-            if (app.busy() && started->elapsed() < 10000) return;
+            if (app.busy() && started.elapsed() < 10000) return;
             poll->stop();
             bool saved = window->grab().save(path, "PNG");
             std::printf("%s %s\n", saved ? "saved" : "FAILED to write", qPrintable(path));

@@ -21,8 +21,8 @@ namespace {
 
 namespace fs = std::filesystem;
 
-struct Spec {
-    Spec(std::string path, unsigned type = AE_IFREG, std::string data = {}, unsigned perm = 0644)
+struct Planned {
+    Planned(std::string path, unsigned type = AE_IFREG, std::string data = {}, unsigned perm = 0644)
         : path(std::move(path)), type(type), data(std::move(data)), perm(perm) {}
     std::string path;
     unsigned type;
@@ -30,14 +30,14 @@ struct Spec {
     unsigned perm;
 };
 
-std::string zipOf(const std::vector<Spec>& specs) {
-    std::string bytes(specs.size() * 512 + 4096, '\0');
-    for (const Spec& s : specs) bytes.append(s.data.size() + 64, '\0');
+std::string zipOf(const std::vector<Planned>& planned) {
+    std::string bytes(planned.size() * 512 + 4096, '\0');
+    for (const Planned& s : planned) bytes.append(s.data.size() + 64, '\0');
     size_t used = 0;
     archive* w = archive_write_new();
     archive_write_set_format_zip(w);
     archive_write_open_memory(w, bytes.data(), bytes.size(), &used);
-    for (const Spec& s : specs) {
+    for (const Planned& s : planned) {
         archive_entry* e = archive_entry_new();
         archive_entry_set_pathname(e, s.path.c_str());
         archive_entry_set_filetype(e, s.type);
@@ -89,7 +89,7 @@ TEST(ArchiveUnpack, RefusesHostileArchivesBeforeWritingAnything) {
     struct Case {
         const char* why;
         const char* says;
-        std::vector<Spec> specs;
+        std::vector<Planned> planned;
         std::function<void(std::string&)> patch = nullptr;
         UnpackLimits limits = {};
     };
@@ -117,7 +117,7 @@ TEST(ArchiveUnpack, RefusesHostileArchivesBeforeWritingAnything) {
         TempDir base;
         const std::string scratch = base / "scratch";
         fs::create_directory(scratch);
-        std::string zip = zipOf(c.specs);
+        std::string zip = zipOf(c.planned);
         if (c.patch) c.patch(zip);
         int fd = fdOf(zip);
         auto why = unpackArchive(fd, scratch, c.limits);
@@ -173,7 +173,7 @@ TEST(ArchiveUnpack, ChecksEntriesZipCannotCarry) {
 TEST(ArchiveUnpack, UnpacksABundleByteForByteWithModes) {
     std::string binary(300000, '\0');
     for (size_t i = 0; i < binary.size(); ++i) binary[i] = char(i * 2654435761u >> 13);
-    const std::vector<Spec> specs = {
+    const std::vector<Planned> planned = {
         {"App/", AE_IFDIR, "", 0750},
         {"App/bin/app", AE_IFREG, binary, 0755},
         {"App/share/data.txt", AE_IFREG, "words\n", 0644},
@@ -183,12 +183,12 @@ TEST(ArchiveUnpack, UnpacksABundleByteForByteWithModes) {
         {"App/empty", AE_IFREG, "", 0444},
     };
     TempDir scratch;
-    int fd = fdOf(zipOf(specs));
+    int fd = fdOf(zipOf(planned));
     ASSERT_EQ(unpackArchive(fd, scratch.path()), std::nullopt);
     struct stat st;
     EXPECT_EQ(fstat(fd, &st), 0) << "the caller's descriptor stays open";
     close(fd);
-    for (const Spec& s : specs) {
+    for (const Planned& s : planned) {
         SCOPED_TRACE(s.path);
         const std::string path = scratch / s.path;
         if (s.type == AE_IFLNK) {
@@ -204,7 +204,7 @@ TEST(ArchiveUnpack, UnpacksABundleByteForByteWithModes) {
 
     TempDir notEmpty;
     spit(notEmpty / "left", "over");
-    fd = fdOf(zipOf(specs));
+    fd = fdOf(zipOf(planned));
     EXPECT_NE(unpackArchive(fd, notEmpty.path()), std::nullopt);
     close(fd);
 }

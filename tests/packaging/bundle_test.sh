@@ -52,7 +52,7 @@ grep -qF '>/usr/share/quillmate-flasher/qm-writer<' "$work/root/usr/share/polkit
 cpack -G DEB --config "$build/CPackConfig.cmake" -B "$work/deb" >"$work/cpack.log" 2>&1 || fail "cpack: $(cat "$work/cpack.log")"
 deb=$(echo "$work"/deb/quillmate-flasher_*.deb)
 [[ -f $deb ]] || fail "no package in $work/deb"
-[[ $(dpkg-deb -f "$deb" Package) == quillmate-flasher && $(dpkg-deb -f "$deb" Version) == "$version" ]] ||
+[[ $(dpkg-deb -f "$deb" Package) == quillmate-flasher && $(dpkg-deb -f "$deb" Version) == "${version//-/\~}" ]] ||
   fail "package is $(dpkg-deb -f "$deb" Package) $(dpkg-deb -f "$deb" Version)"
 depends=$(dpkg-deb -f "$deb" Depends)
 [[ ", $depends," == *", pkexec,"* && $depends == *libqt6widgets6* ]] || fail "Depends lacks pkexec or the Qt libraries: $depends"

@@ -217,6 +217,7 @@ public:
             auto row = manifest_.rows().find(f.rel);
             bool same = row != manifest_.rows().end() && row->second.size == f.size &&
                         row->second.modified >= wholeSeconds(f.mtime);
+            if (same && racy(row->second, f)) same = settledByContent(row->second, f.rel);
             if (same)
                 ++result_.unchanged;
             else
@@ -257,7 +258,8 @@ public:
         for (qsizetype i = 0; i < chosen.size(); ++i) {
             const QString& path = chosen[i].path;
             if (intact[static_cast<size_t>(i)]) {
-                manifest_.rows()[path].verified = now();
+                BackupEntry& row = manifest_.rows()[path];
+                row.verified = unsettled_.contains(path) ? std::min(now(), row.modified) : now();
                 ++result_.rechecked;
             } else if (DriveTree::File onDrive; DriveTree::stat(rootFd_, path, onDrive)) {
                 damaged << path;
@@ -281,6 +283,28 @@ public:
     }
 
 private:
+    // Times are kept in whole seconds, so a file rewritten at the same size within the second it
+    // was last copied or checked in looks unchanged by size and time alone. Such a row is judged
+    // by the file's content instead, until a check in a later second has seen it.
+    static bool racy(const BackupEntry& row, const DriveTree::File& f) {
+        return row.modified == wholeSeconds(f.mtime) && row.verified <= row.modified;
+    }
+
+    // Whether the file still holds what the row says. Read whole in a later second than its
+    // last change, the row is settled and size and time suffice again; read within that second,
+    // this run's re-check of its copy must not mark it settled either.
+    bool settledByContent(BackupEntry& row, const QString& rel) {
+        int64_t readFrom = now();
+        int fd = DriveTree::openFile(rootFd_, rel);
+        if (fd < 0) return false;  // copied, or reported, by the usual path
+        std::optional<QString> sha = FileHash::ofDescriptor(fd, kHashRead);
+        ::close(fd);
+        if (!sha || *sha != row.sha256) return false;
+        if (readFrom > row.modified) row.verified = readFrom;
+        else unsettled_.insert(rel);
+        return true;
+    }
+
     // Copies rel and records its row; none (with a failure line) when it could not be done.
     std::optional<Copied> copyFromDrive(const QString& rel) {
         QString name = rel.section(QLatin1Char('/'), -1);
@@ -331,6 +355,7 @@ private:
     BackupResult& result_;
     BackupManifest manifest_;
     QSet<QString> touched_;
+    QSet<QString> unsettled_;  // judged by content within the second of their last change
     std::map<QString, BackupEntry> forgotten_;
     bool unflushed_ = false;
     QElapsedTimer sinceSave_;  // a long run saves what it has every few seconds

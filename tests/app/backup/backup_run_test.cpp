@@ -1,6 +1,7 @@
 // Backup runs on drives the deck simulator writes, into temporary folders: what is copied, what
 // the next runs find, and the manifest that records it.
 #include <gtest/gtest.h>
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -174,12 +175,25 @@ TEST(BackupRun, LaterRunsRecheckRepairAndNeverDelete) {
 
 TEST(BackupRun, ChangedFilesAndDamagedManifestsAreCopiedAgain) {
     Fixture f;
+    // A file whose time is not before the second it is copied in: rewritten at the same size
+    // within that second, size and time cannot tell, so its content does.
+    auto setTime = [&](const std::string& rel, time_t when) {
+        timespec times[2] = {{when, 0}, {when, 0}};
+        ASSERT_EQ(::utimensat(AT_FDCWD, f.drive(rel).c_str(), times, 0), 0);
+    };
+    time_t later = ::time(nullptr) + 600;
+    spit(f.drive("same-second.md"), "first");
+    setTime("same-second.md", later);
     f.run();
+    spit(f.drive("same-second.md"), "again");
+    setTime("same-second.md", later);
     spit(f.drive("notes.md"), "new");
     spit(f.drive(".qmv/Novel.md/refs"), "changed size");
     BackupResult r = f.run();
-    EXPECT_EQ(r.copied, 2);
+    EXPECT_EQ(r.copied, 3);
     EXPECT_EQ(slurp(f.copy(".qmv/Novel.md/refs")), "changed size");
+    EXPECT_EQ(slurp(f.copy("same-second.md")), "again");
+    EXPECT_EQ(f.run().copied, 0);
 
     // Letters in a size field read as 0: that one file is copied again.
     BackupEntry refs = f.manifest().rows()[".qmv/Novel.md/refs"];

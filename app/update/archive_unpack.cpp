@@ -203,20 +203,31 @@ Reason describe(archive_entry* e, ArchiveEntryInfo* info) {
     return std::nullopt;
 }
 
-// A file whose header leaves its length open (a streamed zip) is measured by reading it, so that
-// the total is known before anything is written.
-Reason measure(archive* a, ArchiveEntryInfo* info, uint64_t limit) {
+// Hands each data block of the current entry to take(block, length, offset); an unreadable block,
+// or the first reason take gives, stops the reading.
+template <typename Take>
+Reason forEachBlock(archive* a, const std::string& path, Take take) {
     const void* block;
     size_t length;
     la_int64_t offset;
-    uint64_t end = 0;
     for (;;) {
         int rc = archive_read_data_block(a, &block, &length, &offset);
-        if (rc == ARCHIVE_EOF) break;
-        if (rc != ARCHIVE_OK || offset < 0) return shown(info->path) + ": unreadable data: " + archiveError(a);
-        end = std::max(end, static_cast<uint64_t>(offset) + length);
-        if (end > limit) return shown(info->path) + ": larger than an update may be";
+        if (rc == ARCHIVE_EOF) return std::nullopt;
+        if (rc != ARCHIVE_OK || offset < 0) return shown(path) + ": unreadable data: " + archiveError(a);
+        if (Reason why = take(block, length, static_cast<uint64_t>(offset))) return why;
     }
+}
+
+// A file whose header leaves its length open (a streamed zip) is measured by reading it, so that
+// the total is known before anything is written.
+Reason measure(archive* a, ArchiveEntryInfo* info, uint64_t limit) {
+    uint64_t end = 0;
+    Reason why = forEachBlock(a, info->path, [&](const void*, size_t length, uint64_t offset) -> Reason {
+        end = std::max(end, offset + length);
+        if (end > limit) return shown(info->path) + ": larger than an update may be";
+        return std::nullopt;
+    });
+    if (why) return why;
     info->size = end;
     info->sizeKnown = true;
     return std::nullopt;
@@ -336,23 +347,19 @@ private:
         const std::string& path = entry.path;
         Fd file(::openat(parent, leaf.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
         if (!file.valid()) return errnoText(shown(path) + ": cannot create");
-        const void* block;
-        size_t length;
-        la_int64_t offset;
         uint64_t end = 0;
-        for (;;) {
-            int rc = archive_read_data_block(a, &block, &length, &offset);
-            if (rc == ARCHIVE_EOF) break;
-            if (rc != ARCHIVE_OK || offset < 0) return shown(path) + ": unreadable data: " + archiveError(a);
+        Reason why = forEachBlock(a, path, [&](const void* block, size_t length, uint64_t offset) -> Reason {
             // Headers may lie about sizes: real bytes count, before they are written.
-            const uint64_t blockEnd = static_cast<uint64_t>(offset) + length;
+            const uint64_t blockEnd = offset + length;
             if (blockEnd > entry.size) return shown(path) + ": holds more data than it declares";
             if (length > bytesLeft_) return shown(path) + ": the archive holds more data than an update may";
             bytesLeft_ -= length;
             if (!writeAllAt(file.get(), static_cast<const char*>(block), length, static_cast<off_t>(offset)))
                 return errnoText(shown(path) + ": cannot write");
             end = std::max(end, blockEnd);
-        }
+            return std::nullopt;
+        });
+        if (why) return why;
         if (end != entry.size) return shown(path) + ": holds less data than it declares";
         // Only the rwx bits travel (never setuid, setgid or sticky); the owner can always read.
         if (::fchmod(file.get(), (entry.mode & 0777) | 0400) != 0)

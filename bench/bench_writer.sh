@@ -1,11 +1,12 @@
 #!/usr/bin/env bash
-# qm-writer against the plain shell way on the same file-backed loop device (direct I/O),
+# The writer (its test build, which takes loop devices) against the plain shell way on the
+# same file-backed loop device (direct I/O),
 # with a 512 MiB image of mixed content (text, zeros, random). Prints ratios, lower is
 # better for times. Needs root; not part of ctest.
 #   bench/bench_writer.sh [BUILD_DIR]   (default build/writer)
 set -euo pipefail
 build=${1:-build/writer}
-writer=$build/app/shell/resources/qm-writer
+writer=$build/writer/qm-writer-test  # the writer's own code, allowed a loop device
 [[ -x $writer ]] || { echo "no $writer: build the writer first" >&2; exit 1; }
 if [[ $(id -u) != 0 ]]; then
   echo "SKIPPED: needs root for loop devices"

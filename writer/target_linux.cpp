@@ -1,9 +1,12 @@
+#include <algorithm>
 #include <cerrno>
+#include <climits>
 #include <cstring>
 #include <fcntl.h>
 #include <filesystem>
 #include <fstream>
 #include <linux/fs.h>
+#include <set>
 #include <sstream>
 #include <sys/ioctl.h>
 #include <sys/mount.h>
@@ -11,12 +14,16 @@
 #include <sys/sysmacros.h>
 #include <unistd.h>
 
+#include "disk_policy.h"
 #include "target.h"
 #include "writer_error.h"
 
 namespace fs = std::filesystem;
 
 namespace {
+
+constexpr std::string_view kById = "/dev/disk/by-id/";
+constexpr size_t kMaxDependents = 4096;  // far beyond any real stack of crypt, LVM and RAID
 
 std::string sysfs_dev_dir(dev_t dev) {
     return "/sys/dev/block/" + std::to_string(major(dev)) + ":" + std::to_string(minor(dev));
@@ -26,6 +33,13 @@ std::string format_size(uint64_t bytes) {
     std::ostringstream out;
     out << bytes << " bytes (" << (bytes + kMiB / 2) / kMiB << " MiB)";
     return out.str();
+}
+
+std::string read_file(const std::string& path) {
+    std::ifstream f(path);
+    std::stringstream all;
+    all << f.rdbuf();
+    return all.str();
 }
 
 std::string read_first_line(const std::string& path) {
@@ -41,93 +55,39 @@ dev_t parse_dev(const std::string& maj_min) {
     return makedev(maj, min);
 }
 
-std::vector<dev_t> disk_and_partitions(const std::string& disk_name, dev_t disk) {
-    std::vector<dev_t> devices{disk};
-    std::error_code ec;
-    for (const auto& entry : fs::directory_iterator("/sys/class/block/" + disk_name, ec))
-        if (fs::exists(entry.path() / "partition"))
-            devices.push_back(parse_dev(read_first_line(entry.path() / "dev")));
-    return devices;
+bool is_plain_name(std::string_view name) {
+    return disk_policy::is_safe_device_name(name);  // no separators, no dot names
 }
 
-// mountinfo escapes blanks and backslashes in paths as \ooo.
-std::string unescape_mount_path(const std::string& s) {
-    std::string out;
-    for (size_t i = 0; i < s.size(); ++i) {
-        if (s[i] == '\\' && i + 3 < s.size()) {
-            out += static_cast<char>(std::stoi(s.substr(i + 1, 3), nullptr, 8));
-            i += 3;
-        } else {
-            out += s[i];
-        }
+// udev's links are "../../sdb"; anything else is not a link to a disk.
+std::string node_of_by_id_link(const std::string& link) {
+    char buf[PATH_MAX];
+    ssize_t n = readlink(link.c_str(), buf, sizeof buf - 1);
+    if (n < 0 && (errno == ENOENT || errno == ENOTDIR)) throw WriterError(kDriveChanged);
+    if (n < 0 && errno == EINVAL) throw WriterError(link + " is not a link to a disk; choose the disk again");
+    if (n < 0) throw WriterError("cannot read " + link + ": " + std::strerror(errno));
+    std::string target(buf, static_cast<size_t>(n));
+    std::string name = target.rfind("../../", 0) == 0 ? target.substr(6) : "";
+    if (!is_plain_name(name)) throw WriterError(link + " does not lead to a disk in /dev; choose the disk again");
+    return "/dev/" + name;
+}
+
+// "/dev/NAME", or a by-id link that leads to one; empty for any other path.
+std::string device_node(const std::string& path, std::string* by_id) {
+    if (path.rfind(kById, 0) == 0) {
+        if (!is_plain_name(path.substr(kById.size()))) throw WriterError(path + " is not a disk's name in /dev/disk/by-id");
+        *by_id = path;
+        return node_of_by_id_link(path);
     }
-    return out;
-}
-
-struct Mount {
-    dev_t device;
-    std::string mount_point;
-};
-
-dev_t device_of_source(const std::string& source) {
-    struct stat st{};
-    if (source.rfind("/dev/", 0) == 0 && stat(source.c_str(), &st) == 0 && S_ISBLK(st.st_mode)) return st.st_rdev;
-    return 0;
-}
-
-// Mounts on any of `devices`, by the major:minor in mountinfo or, for file systems that
-// report an anonymous device number (btrfs), by the block device named as the source.
-std::vector<Mount> mounts_on(const std::vector<dev_t>& devices) {
-    std::vector<Mount> found;
-    std::ifstream f("/proc/self/mountinfo");
-    std::string line;
-    while (std::getline(f, line)) {
-        std::istringstream in(line);
-        std::string id, parent, maj_min, root, mount_point, field;
-        in >> id >> parent >> maj_min >> root >> mount_point;
-        while (in >> field && field != "-") {}
-        std::string fstype, source;
-        in >> fstype >> source;
-        dev_t by_number = parse_dev(maj_min);
-        dev_t by_source = device_of_source(unescape_mount_path(source));
-        for (dev_t d : devices)
-            if (d == by_number || d == by_source) found.push_back({d, unescape_mount_path(mount_point)});
-    }
-    return found;
-}
-
-// A swap partition by its device number, a swap file by the device holding it.
-dev_t device_of_swap(const std::string& name) {
-    struct stat st{};
-    if (stat(name.c_str(), &st) != 0) return 0;
-    if (S_ISBLK(st.st_mode)) return st.st_rdev;
-    return S_ISREG(st.st_mode) ? st.st_dev : 0;
-}
-
-bool is_system_mount_point(const std::string& mount_point) {
-    for (const char* p : {"/", "/boot", "/boot/efi", "/usr", "/var", "/home"})
-        if (mount_point == p) return true;
-    return false;
-}
-
-void refuse_system_disk(const Target& t) {
-    for (const Mount& m : mounts_on(t.devices))
-        if (is_system_mount_point(m.mount_point))
-            throw WriterError(t.path + " holds the running system (" + m.mount_point +
-                              " is mounted from it); choose another disk");
-    std::ifstream swaps("/proc/swaps");
-    std::string line;
-    std::getline(swaps, line);  // header
-    while (std::getline(swaps, line)) {
-        std::string name = unescape_mount_path(line.substr(0, line.find_first_of(" \t")));
-        dev_t d = device_of_swap(name);
-        for (dev_t mine : t.devices)
-            if (d != 0 && d == mine)
-                throw WriterError(t.path + " is in use as swap space (" + name + "); choose another disk");
-    }
+    if (path.rfind("/dev/", 0) == 0 && is_plain_name(path.substr(5))) return path;
+    return "";
 }
 
 std::string describe_open_error(const std::string& path, int err) {
+    if (err == ENOENT || err == ENXIO || err == ENODEV)
+        return path + " does not exist (" + std::strerror(err) + "); was the disk unplugged?";
+    if (err == ELOOP) return path + " is a link, not a disk; choose the disk itself";
+    if (err == ENOMEDIUM) return path + " holds no card or medium; insert it and try again";
     if (err == EBUSY)
         return path + " is busy: another program is using the disk; close programs that use it "
                       "(file managers, terminals open on it) and try again";
@@ -137,63 +97,182 @@ std::string describe_open_error(const std::string& path, int err) {
     return describe_io_error(err, "open");
 }
 
+FileDescriptor open_node(const std::string& node, int flags) {
+    return FileDescriptor(::open(node.c_str(), flags | O_NOFOLLOW | O_CLOEXEC));
+}
+
+// ---- What sits on the disk --------------------------------------------------------------
+
+struct Device {
+    std::string name;
+    dev_t number;
+};
+
+// The disk, its partitions, and whatever is built on any of them (crypt, LVM, RAID).
+std::vector<Device> disk_and_dependents(const std::string& disk_name, dev_t disk) {
+    std::vector<Device> found{{disk_name, disk}};
+    std::error_code ec;
+    for (const auto& entry : fs::directory_iterator("/sys/class/block/" + disk_name, ec))
+        if (fs::exists(entry.path() / "partition"))
+            found.push_back({entry.path().filename(), parse_dev(read_first_line(entry.path() / "dev"))});
+    std::set<std::string> seen;
+    for (const Device& d : found) seen.insert(d.name);
+    for (size_t i = 0; i < found.size() && found.size() < kMaxDependents; ++i)
+        for (const auto& holder : fs::directory_iterator("/sys/class/block/" + found[i].name + "/holders", ec)) {
+            std::string name = holder.path().filename();
+            if (seen.insert(name).second)
+                found.push_back({name, parse_dev(read_first_line("/sys/class/block/" + name + "/dev"))});
+        }
+    return found;
+}
+
+dev_t device_of_source(const std::string& source) {
+    struct stat st{};
+    if (source.rfind("/dev/", 0) == 0 && stat(source.c_str(), &st) == 0 && S_ISBLK(st.st_mode)) return st.st_rdev;
+    return 0;
+}
+
+bool among(dev_t d, const std::vector<dev_t>& devices) {
+    return d != 0 && std::find(devices.begin(), devices.end(), d) != devices.end();
+}
+
+// Mount points on any of `devices`, by the major:minor in mountinfo or, for file systems that
+// report an anonymous device number (btrfs), by the block device named as the source.
+std::vector<std::string> mounts_on(const std::vector<dev_t>& devices) {
+    std::vector<std::string> found;
+    for (const disk_policy::Mount& m : disk_policy::parse_mountinfo(read_file("/proc/self/mountinfo")))
+        if (among(parse_dev(m.major_minor), devices) || among(device_of_source(m.source), devices))
+            found.push_back(m.mount_point);
+    return found;
+}
+
+// A swap partition by its device number, a swap file by the device holding it.
+std::string swap_on(const std::vector<dev_t>& devices) {
+    for (const std::string& name : disk_policy::parse_swaps(read_file("/proc/swaps"))) {
+        struct stat st{};
+        if (stat(name.c_str(), &st) != 0) continue;
+        if (among(S_ISBLK(st.st_mode) ? st.st_rdev : S_ISREG(st.st_mode) ? st.st_dev : 0, devices)) return name;
+    }
+    return "";
+}
+
+std::string transport_of(const std::string& sysfs_path) {
+    if (sysfs_path.find("/usb") != std::string::npos) return "usb";
+    if (sysfs_path.find("/mmc_host/") != std::string::npos) return "mmc";
+    return "other";
+}
+
+std::string first_mount(const std::vector<std::string>& mounts, disk_policy::MountUse use) {
+    for (const std::string& m : mounts)
+        if (disk_policy::classify_mount(m) == use) return m;
+    return "";
+}
+
+[[noreturn]] void refuse_foreign_mount(const Target& t, const std::string& mount_point) {
+    throw WriterError(t.path + " has a file system mounted at " + mount_point +
+                      ", which is not where removable drives are mounted; if this disk is meant to be "
+                      "erased, unmount it first, then try again");
+}
+
+void refuse_by_policy(const Target& t, const std::string& sysfs_path, TargetKinds kinds) {
+    disk_policy::DiskFacts facts;
+    facts.name = t.disk_name;
+    facts.transport = transport_of(sysfs_path);
+    facts.removable = read_first_line(sysfs_path + "/removable") == "1";
+    std::string swap = swap_on(t.devices);
+    facts.carries_system = !swap.empty();
+    facts.mount_points = t.mount_points;
+    switch (disk_policy::judge(facts)) {
+    case disk_policy::Verdict::Writable: return;
+    case disk_policy::Verdict::System:
+        if (!swap.empty()) throw WriterError(t.path + " is in use as swap space (" + swap + "); choose another disk");
+        throw WriterError(t.path + " holds the running system (" +
+                          first_mount(t.mount_points, disk_policy::MountUse::System) +
+                          " is mounted from it); choose another disk");
+    case disk_policy::Verdict::ForeignMount:
+        refuse_foreign_mount(t, first_mount(t.mount_points, disk_policy::MountUse::Other));
+    case disk_policy::Verdict::NotExternal:
+        if (kinds == TargetKinds::DisksLoopDevicesAndFiles && fs::exists(sysfs_path + "/loop")) return;
+        throw WriterError(t.path + " is neither a USB drive nor an SD card; only those are written here, "
+                          "choose the USB stick or SD card");
+    }
+}
+
+// Reopened for reading, the same device proven by its number; the checks so far needed none.
+FileDescriptor open_for_inspection(const Target& t) {
+    FileDescriptor fd = open_node(t.node, O_RDONLY);
+    if (!fd) throw WriterError(describe_open_error(t.path, errno));
+    struct stat st{};
+    if (fstat(fd.get(), &st) != 0 || !S_ISBLK(st.st_mode) || st.st_rdev != t.device) throw WriterError(kDriveChanged);
+    return fd;
+}
+
 void refuse_read_only(const Target& t) {
-    int fd = ::open(t.path.c_str(), O_RDONLY | O_CLOEXEC);
-    if (fd < 0) throw WriterError(describe_open_error(t.path, errno));
     int ro = 0;
-    bool got = ioctl(fd, BLKROGET, &ro) == 0;
-    ::close(fd);
-    if (got && ro)
+    if (ioctl(t.fd.get(), BLKROGET, &ro) == 0 && ro)
         throw WriterError(t.path + " is write-protected; if it is an SD card, slide the lock switch on "
                           "its side away from LOCK and insert it again");
 }
 
-uint64_t block_device_size(const std::string& path) {
-    FileDescriptor fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+uint64_t block_device_size(const Target& t) {
     uint64_t size = 0;
-    if (!fd || ioctl(fd.get(), BLKGETSIZE64, &size) != 0)
-        throw WriterError("cannot read the size of " + path + ": " + std::strerror(errno));
+    if (ioctl(t.fd.get(), BLKGETSIZE64, &size) != 0)
+        throw WriterError("cannot read the size of " + t.path + ": " + std::strerror(errno));
     return size;
 }
 
-Target inspect_block_device(const std::string& path, dev_t dev) {
-    std::string sysdir = sysfs_dev_dir(dev);
+void inspect_block_device(Target& t, TargetKinds kinds) {
+    std::string sysdir = sysfs_dev_dir(t.device);
     if (fs::exists(sysdir + "/partition"))
-        throw WriterError(path + " is a partition; choose the whole disk it belongs to");
+        throw WriterError(t.path + " is a partition; choose the whole disk it belongs to");
+    std::error_code ec;
+    fs::path sysfs_path = fs::canonical(sysdir, ec);
+    if (ec) throw WriterError(t.path + " is not known to the system as a disk");
+    t.disk_name = sysfs_path.filename();
+    for (const Device& d : disk_and_dependents(t.disk_name, t.device)) t.devices.push_back(d.number);
+    t.mount_points = mounts_on(t.devices);
+    refuse_by_policy(t, sysfs_path, kinds);  // first: it needs nothing from the disk itself
+    t.fd = open_for_inspection(t);
+    refuse_read_only(t);
+    t.size = block_device_size(t);
+}
+
+Target open_regular_file(const std::string& path) {
     Target t;
     t.path = path;
-    std::error_code ec;
-    t.disk_name = fs::canonical(sysdir, ec).filename().string();
-    if (ec) throw WriterError(path + " is not known to the system as a disk");
-    t.devices = disk_and_partitions(t.disk_name, dev);
-    refuse_system_disk(t);  // first: it needs no access to the disk itself
-    refuse_read_only(t);
-    t.size = block_device_size(path);
+    t.regular_file = true;
+    t.fd = FileDescriptor(::open(path.c_str(), O_RDWR | O_NOFOLLOW | O_CLOEXEC));
+    if (!t.fd && errno == EISDIR) throw WriterError(path + " is not a disk; choose a disk");
+    if (!t.fd) throw WriterError(describe_open_error(path, errno));
+    struct stat st{};
+    if (fstat(t.fd.get(), &st) != 0 || !S_ISREG(st.st_mode)) throw WriterError(path + " is not a disk; choose a disk");
     return t;
 }
 
-FileDescriptor open_with_flags(const Target& t, int flags) {
-    return FileDescriptor(::open(t.path.c_str(), flags | O_CLOEXEC));
-}
-
-OpenTarget open_preferring_direct(const Target& t, int flags) {
-    OpenTarget open{open_with_flags(t, flags | O_DIRECT), true};
-    if (!open.fd && errno == EINVAL) open = {open_with_flags(t, flags), false};
-    if (!open.fd) throw WriterError(describe_open_error(t.path, errno));
-    return open;
+bool set_direct_io(int fd, bool on) {
+    int flags = fcntl(fd, F_GETFL);
+    return flags >= 0 && fcntl(fd, F_SETFL, on ? flags | O_DIRECT : flags & ~O_DIRECT) == 0;
 }
 
 }  // namespace
 
-Target inspect_target(const std::string& path, bool allow_regular_file) {
+Target open_target(const std::string& path, TargetKinds kinds) {
+    Target t;
+    t.path = path;
+    t.node = device_node(path, &t.by_id_link);
+    if (t.node.empty() && kinds == TargetKinds::DisksLoopDevicesAndFiles) return open_regular_file(path);
+    if (t.node.empty())
+        throw WriterError(path + " is not a disk; name the disk as /dev/NAME or by its link in /dev/disk/by-id");
+    // O_PATH: the device number and sysfs decide first, before the disk itself is opened.
+    t.fd = open_node(t.node, O_PATH);
+    if (!t.fd) throw WriterError(describe_open_error(path, errno));
     struct stat st{};
-    if (stat(path.c_str(), &st) != 0)
-        throw WriterError(path + " does not exist (" + std::strerror(errno) + "); was the disk unplugged?");
-    if (S_ISBLK(st.st_mode)) return inspect_block_device(path, st.st_rdev);
-    if (S_ISREG(st.st_mode) && allow_regular_file) return Target{path, true, 0, {}, {}};
-    if (S_ISREG(st.st_mode)) throw WriterError(path + " is a regular file, not a disk; choose a disk");
+    if (fstat(t.fd.get(), &st) != 0) throw WriterError(describe_io_error(errno, "inspect"));
     if (S_ISCHR(st.st_mode)) throw WriterError(path + " is a character device, not a disk; choose a disk");
-    throw WriterError(path + " is not a disk; choose a disk");
+    if (!S_ISBLK(st.st_mode)) throw WriterError(path + " is not a disk; choose a disk");
+    t.device = st.st_rdev;
+    inspect_block_device(t, kinds);
+    return t;
 }
 
 void refuse_smaller_than(const Target& t, uint64_t image_bytes) {
@@ -205,47 +284,61 @@ void refuse_smaller_than(const Target& t, uint64_t image_bytes) {
 // Writing would destroy the image while it is being read.
 void refuse_image_on_target(const Target& t, int image_fd) {
     struct stat st{};
-    if (fstat(image_fd, &st) != 0) return;
-    for (dev_t d : t.devices)
-        if (!t.regular_file && d == st.st_dev)
-            throw WriterError("the image is stored on " + t.path +
-                              ", the disk it would be written to; copy the image to another disk first");
+    if (!t.regular_file && fstat(image_fd, &st) == 0 && among(st.st_dev, t.devices))
+        throw WriterError("the image is stored on " + t.path +
+                          ", the disk it would be written to; copy the image to another disk first");
 }
 
 // A lazy (detached) unmount would leave the file system writing to the disk behind our
 // back, so only a full unmount will do. Newest first, so mounts nested inside others go
-// before their parents.
+// before their parents. Mounts are read again: one may have come since the checks.
 void unmount_partitions(const Target& t) {
     if (t.regular_file) return;
     auto mounts = mounts_on(t.devices);
     for (auto m = mounts.rbegin(); m != mounts.rend(); ++m) {
-        if (umount2(m->mount_point.c_str(), 0) == 0) continue;
+        if (disk_policy::classify_mount(*m) != disk_policy::MountUse::RemovableMedia) refuse_foreign_mount(t, *m);
+        if (umount2(m->c_str(), UMOUNT_NOFOLLOW) == 0) continue;
         if (errno == EBUSY)
-            throw WriterError("disk busy: " + m->mount_point + " on " + t.path +
+            throw WriterError("disk busy: " + *m + " on " + t.path +
                               " cannot be unmounted; close programs using files on it and try again");
-        throw WriterError("cannot unmount " + m->mount_point + ": " + std::strerror(errno));
+        throw WriterError("cannot unmount " + *m + ": " + std::strerror(errno));
     }
 }
 
 OpenTarget open_for_writing(const Target& t) {
-    if (t.regular_file) return open_preferring_direct(t, O_WRONLY);
-    return open_preferring_direct(t, O_RDWR | O_EXCL);
-}
-
-OpenTarget open_for_reading(const Target& t) {
-    OpenTarget open = open_preferring_direct(t, O_RDONLY);
-    if (!open.direct) {
-        // Without O_DIRECT, drop what the page cache holds so the read reaches the medium.
-        posix_fadvise(open.fd.get(), 0, 0, POSIX_FADV_DONTNEED);
-        if (!t.regular_file) ioctl(open.fd.get(), BLKFLSBUF, 0);
+    if (t.regular_file) {
+        OpenTarget open{FileDescriptor(fcntl(t.fd.get(), F_DUPFD_CLOEXEC, 0)), false};
+        if (!open.fd) throw WriterError(describe_io_error(errno, "open"));
+        open.direct = set_direct_io(open.fd.get(), true);
+        return open;
     }
+    OpenTarget open{open_node(t.node, O_RDWR | O_EXCL | O_DIRECT), true};
+    if (!open.fd && errno == EINVAL) open = {open_node(t.node, O_RDWR | O_EXCL), false};
+    if (!open.fd) throw WriterError(describe_open_error(t.path, errno));
+    struct stat st{};
+    if (fstat(open.fd.get(), &st) != 0 || !S_ISBLK(st.st_mode) || st.st_rdev != t.device)
+        throw WriterError(kDriveChanged);
     return open;
 }
 
+void refuse_changed_disk(const Target& t) {
+    if (t.by_id_link.empty()) return;
+    struct stat st{};
+    if (node_of_by_id_link(t.by_id_link) != t.node || lstat(t.node.c_str(), &st) != 0 || !S_ISBLK(st.st_mode) ||
+        st.st_rdev != t.device)
+        throw WriterError(kDriveChanged);
+}
+
+void prepare_read_back(const Target& t, OpenTarget& open) {
+    if (!open.direct) open.direct = set_direct_io(open.fd.get(), true);
+    if (open.direct) return;
+    // Without O_DIRECT, drop what the page cache holds so the read reaches the medium.
+    posix_fadvise(open.fd.get(), 0, 0, POSIX_FADV_DONTNEED);
+    if (!t.regular_file) ioctl(open.fd.get(), BLKFLSBUF, 0);
+}
+
 void clear_direct_io(OpenTarget& open) {
-    if (!open.direct) return;
-    int flags = fcntl(open.fd.get(), F_GETFL);
-    if (flags >= 0 && fcntl(open.fd.get(), F_SETFL, flags & ~O_DIRECT) == 0) open.direct = false;
+    if (open.direct && set_direct_io(open.fd.get(), false)) open.direct = false;
 }
 
 std::string describe_io_error(int err, const char* action) {

@@ -62,8 +62,7 @@ private:
 
 }  // namespace
 
-void verify_written(const Target& target, uint64_t total, const std::array<uint8_t, 32>& expected) {
-    OpenTarget in = open_for_reading(target);
+void verify_written(const OpenTarget& in, uint64_t total, const std::array<uint8_t, 32>& expected) {
     ProgressLine progress('V', total);
     progress.start();
     sha256_ctx hash;

@@ -5,4 +5,5 @@
 
 #include "target.h"
 
-void verify_written(const Target& target, uint64_t total, const std::array<uint8_t, 32>& expected);
+// `in` is the descriptor the image was written through, prepared with prepare_read_back.
+void verify_written(const OpenTarget& in, uint64_t total, const std::array<uint8_t, 32>& expected);

@@ -41,6 +41,14 @@ written=$(sed -n 's/^\([0-9]*\) image(s) written to .*/\1/p' <<<"$out")
 pngs=$(find "$work/shots" -name '*.png' | wc -l)
 [[ -n $written && $written -gt 0 && $written -eq $pngs ]] || fail "screenshots: '$out', $pngs PNG file(s)"
 [[ $("$app/share/quillmate-flasher/qm-writer" 2>&1) == *usage:* ]] || fail "the moved bundle's writer does not run"
+# The installed writer takes no switch and no file, and only the test build exists elsewhere.
+printf 'keep' >"$work/victim"
+for args in "--allow-regular-file $work/victim" "--inflater=zlib $work/victim" "$work/victim"; do
+  # shellcheck disable=SC2086  # the arguments are split on purpose
+  "$app/share/quillmate-flasher/qm-writer" "$app/share/quillmate-flasher/images/uefi_fat32.img.gz" $args >/dev/null
+done
+[[ $(cat "$work/victim") == keep ]] || fail "the installed writer wrote to a regular file"
+[[ -z $(find "$app" -name 'qm-writer-test*') ]] || fail "the test writer was installed"
 
 # A system install gets the polkit action naming the writer where it is, and no bundle.json.
 DESTDIR="$work/root" cmake --install "$build" --prefix /usr >/dev/null

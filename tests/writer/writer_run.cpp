@@ -3,6 +3,7 @@
 #include <csignal>
 #include <cstdio>
 #include <fcntl.h>
+#include <filesystem>
 #include <fstream>
 #include <sstream>
 #include <stdexcept>
@@ -15,7 +16,8 @@
 namespace {
 
 // Starts `argv` with its stdout on the returned pipe (stderr, and stdout unless wanted, discarded).
-pid_t spawn(const std::vector<std::string>& argv, bool want_stdout, int* stdout_fd) {
+pid_t spawn(const std::vector<std::string>& argv, bool want_stdout, int* stdout_fd,
+            const std::vector<std::string>& env = {}) {
     int pipefd[2];
     if (pipe(pipefd) != 0) throw std::runtime_error("pipe");
     pid_t pid = fork();
@@ -24,6 +26,7 @@ pid_t spawn(const std::vector<std::string>& argv, bool want_stdout, int* stdout_
         dup2(want_stdout ? pipefd[1] : devnull, STDOUT_FILENO);
         dup2(devnull, STDERR_FILENO);
         close(pipefd[0]);
+        for (const auto& e : env) putenv(const_cast<char*>(e.c_str()));
         std::vector<char*> args;
         for (const auto& a : argv) args.push_back(const_cast<char*>(a.c_str()));
         args.push_back(nullptr);
@@ -35,34 +38,52 @@ pid_t spawn(const std::vector<std::string>& argv, bool want_stdout, int* stdout_
     return pid;
 }
 
-std::vector<std::string> writer_argv(const std::vector<std::string>& args) {
-    std::vector<std::string> argv{QM_WRITER_PATH};
+std::vector<std::string> writer_argv(const std::vector<std::string>& args, const char* writer = QM_WRITER_PATH) {
+    std::vector<std::string> argv{writer};
     argv.insert(argv.end(), args.begin(), args.end());
     return argv;
+}
+
+WriterRun collect(int exit_code, const std::string& out) {
+    WriterRun run;
+    run.exit_code = exit_code;
+    std::istringstream in(out);
+    for (std::string line; std::getline(in, line);) run.lines.push_back(line);
+    return run;
+}
+
+int run_with_env(const std::vector<std::string>& argv, const std::vector<std::string>& env, std::string* out) {
+    int fd = -1;
+    pid_t pid = spawn(argv, true, &fd, env);
+    for (char buf[65536]; ssize_t n = read(fd, buf, sizeof buf);) {
+        if (n < 0) break;
+        out->append(buf, static_cast<size_t>(n));
+    }
+    close(fd);
+    int status = 0;
+    waitpid(pid, &status, 0);
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }
 
 }  // namespace
 
 int run_command(const std::vector<std::string>& argv, std::string* out) {
-    int fd = -1;
-    pid_t pid = spawn(argv, out != nullptr, &fd);
     std::string collected;
-    char buf[65536];
-    for (ssize_t n; (n = read(fd, buf, sizeof buf)) > 0;) collected.append(buf, static_cast<size_t>(n));
-    close(fd);
-    int status = 0;
-    waitpid(pid, &status, 0);
+    int code = run_with_env(argv, {}, &collected);
     if (out) *out = std::move(collected);
-    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    return code;
 }
 
-WriterRun run_writer(const std::vector<std::string>& args) {
+WriterRun run_writer(const std::vector<std::string>& args, const std::vector<std::string>& env) {
     std::string out;
-    WriterRun run;
-    run.exit_code = run_command(writer_argv(args), &out);
-    std::istringstream in(out);
-    for (std::string line; std::getline(in, line);) run.lines.push_back(line);
-    return run;
+    int code = run_with_env(writer_argv(args), env, &out);
+    return collect(code, out);
+}
+
+WriterRun run_installed_writer(const std::vector<std::string>& args) {
+    std::string out;
+    int code = run_with_env(writer_argv(args, QM_INSTALLED_WRITER_PATH), {}, &out);
+    return collect(code, out);
 }
 
 std::string WriterRun::err_line() const {
@@ -102,6 +123,31 @@ LoopDevice::LoopDevice(const std::string& backing_file, const std::vector<std::s
 }
 
 LoopDevice::~LoopDevice() { run_command({"losetup", "-d", path_}); }
+
+MediaFolder::MediaFolder() {
+    made_parent_ = mkdir("/run/media", 0755) == 0;
+    std::string tmpl = "/run/media/qm-test-XXXXXX";
+    if (!mkdtemp(tmpl.data())) throw std::runtime_error("cannot make a folder in /run/media");
+    path_ = tmpl;
+}
+
+MediaFolder::~MediaFolder() {
+    std::error_code ec;
+    std::filesystem::remove_all(path_, ec);
+    if (made_parent_) rmdir("/run/media");
+}
+
+ByIdLink::ByIdLink(const std::string& name, const std::string& device_name) {
+    for (const char* dir : {"/dev/disk", "/dev/disk/by-id"})
+        if (mkdir(dir, 0755) == 0) made_.insert(made_.begin(), dir);
+    path_ = "/dev/disk/by-id/" + name;
+    if (symlink(("../../" + device_name).c_str(), path_.c_str()) != 0) throw std::runtime_error("symlink " + path_);
+}
+
+ByIdLink::~ByIdLink() {
+    unlink(path_.c_str());
+    for (const auto& dir : made_) rmdir(dir.c_str());
+}
 
 TestMount::TestMount(const std::string& device, const std::string& mount_point) : mount_point_(mount_point) {
     ok_ = run_command({"mkfs.ext4", "-q", "-F", device}) == 0 && mkdir(mount_point.c_str(), 0700) == 0 &&

@@ -11,7 +11,10 @@ struct WriterRun {
     bool done() const { return !lines.empty() && lines.back() == "DONE"; }
 };
 
-WriterRun run_writer(const std::vector<std::string>& args);
+// qm-writer-test, which also takes loop devices and files; `env` adds "NAME=value" entries.
+WriterRun run_writer(const std::vector<std::string>& args, const std::vector<std::string>& env = {});
+// The writer as it lies in the app's resources.
+WriterRun run_installed_writer(const std::vector<std::string>& args);
 
 // Starts the writer and kills it outright once it reports `bytes` written but not all;
 // false when it finished or failed before that point.
@@ -37,6 +40,36 @@ public:
     const std::string& path() const { return path_; }
 
 private:
+    std::string path_;
+};
+
+// A folder of the test's own under /run/media, where the desktop mounts removable drives;
+// /run/media itself goes again if the test made it.
+class MediaFolder {
+public:
+    MediaFolder();
+    ~MediaFolder();
+    MediaFolder(const MediaFolder&) = delete;
+    MediaFolder& operator=(const MediaFolder&) = delete;
+    std::string operator/(const std::string& rel) const { return path_ + "/" + rel; }
+
+private:
+    bool made_parent_ = false;
+    std::string path_;
+};
+
+// A udev-style link /dev/disk/by-id/NAME -> ../../DEVICE of the test's own, with the folders
+// it had to make, all removed again.
+class ByIdLink {
+public:
+    ByIdLink(const std::string& name, const std::string& device_name);
+    ~ByIdLink();
+    ByIdLink(const ByIdLink&) = delete;
+    ByIdLink& operator=(const ByIdLink&) = delete;
+    const std::string& path() const { return path_; }
+
+private:
+    std::vector<std::string> made_;
     std::string path_;
 };
 

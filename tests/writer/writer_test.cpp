@@ -81,7 +81,7 @@ TEST(WriterToFile, EachImageWithEachInflaterMatchesGunzip) {
             SCOPED_TRACE(image + " " + inflater);
             std::string target = dir / "target.img";
             fill_file(target, 64 * kMiB, '\x5a');  // longer than the image: must be cut to size
-            WriterRun run = run_writer({"--allow-regular-file", inflater, image, target});
+            WriterRun run = run_writer({inflater, image, target});
             expect_complete_protocol(run, expected.size());
             EXPECT_TRUE(slurp(target) == expected);
         }
@@ -95,8 +95,10 @@ TEST(WriterToFile, BrokenImagesStopWithoutAPartitionTable) {
     std::string good = slurp(sample("uefi_fat32"));
     std::string corrupt = good;
     for (size_t i = corrupt.size() / 2; i < corrupt.size() / 2 + 64; ++i) corrupt[i] = static_cast<char>(~corrupt[i]);
-    std::string bad_crc = good;
+    std::string bad_crc = good, bad_length = good, huge_length = good;
     bad_crc[bad_crc.size() - 6] ^= 1;
+    bad_length[bad_length.size() - 4] ^= 1;
+    huge_length[huge_length.size() - 1] ^= 0x10;
     const std::string zeroed(kMiB, '\0'), untouched(kMiB, '\x5a');
     struct Case {
         const char* name;
@@ -106,8 +108,10 @@ TEST(WriterToFile, BrokenImagesStopWithoutAPartitionTable) {
     } cases[] = {
         {"corrupt", corrupt, "corrupt", zeroed},
         {"bad checksum", bad_crc, "corrupt", zeroed},
-        {"truncated", good.substr(0, good.size() / 2), "truncated", zeroed},
-        {"not gzip", std::string(4096, 'x'), "corrupt", zeroed},
+        {"bad length", bad_length, "corrupt", zeroed},
+        {"a trailer claiming more than the data can hold", huge_length, "corrupt", untouched},
+        {"truncated", good.substr(0, good.size() / 2), "corrupt", untouched},  // its "trailer" is absurd
+        {"not gzip", std::string(4096, 'x'), "corrupt", untouched},
         {"empty", "", "truncated", untouched},
     };
     for (const auto& c : cases) {
@@ -115,7 +119,7 @@ TEST(WriterToFile, BrokenImagesStopWithoutAPartitionTable) {
             SCOPED_TRACE(std::string(c.name) + " " + inflater);
             spit(dir / "bad.img.gz", c.bytes);
             fill_file(dir / "target.img", 2 * kMiB, '\x5a');
-            WriterRun run = run_writer({"--allow-regular-file", inflater, dir / "bad.img.gz", dir / "target.img"});
+            WriterRun run = run_writer({inflater, dir / "bad.img.gz", dir / "target.img"});
             EXPECT_NE(run.exit_code, 0);
             EXPECT_FALSE(run.done());
             EXPECT_NE(run.err_line().find(c.says), std::string::npos) << run.err_line();
@@ -128,32 +132,47 @@ TEST(WriterToFile, KilledMidwayLeavesTheFirstMiBZeroed) {
     TempDir dir;
     write_gzip_with_zero_tail(dir / "long.img.gz", gunzip(sample("bios_fat32")), 1024 * kMiB);
     fill_file(dir / "target.img", 2 * kMiB, '\x5a');
-    ASSERT_TRUE(kill_writer_midway({"--allow-regular-file", dir / "long.img.gz", dir / "target.img"}, 1))
+    ASSERT_TRUE(kill_writer_midway({dir / "long.img.gz", dir / "target.img"}, 1))
         << "the writer finished before it could be interrupted";
     EXPECT_TRUE(read_prefix(dir / "target.img", kMiB) == std::string(kMiB, '\0'));
 }
 
+// The installed writer takes exactly an image and a disk: no switch, no file, no other path.
+// The test build takes files too, but no link and no image by a link.
 TEST(WriterRefuses, TargetsThatAreNotDisks) {
     TempDir dir;
     fill_file(dir / "file.img", 2 * kMiB, '\x5a');
     std::string before = slurp(dir / "file.img");
     std::filesystem::create_directory(dir / "folder");
+    std::filesystem::create_symlink(dir / "file.img", dir / "link.img");
+    std::filesystem::create_symlink(sample("bios_fat32"), dir / "link.img.gz");
+    std::filesystem::create_directory_symlink(QM_SAMPLE_IMAGE_DIR, dir / "images");
+    const std::string image = sample("bios_fat32");
+    enum Writer { Installed, Test };
     struct Case {
+        Writer writer;
         std::vector<std::string> args;
         const char* says;
     } cases[] = {
-        {{sample("bios_fat32"), dir / "file.img"}, "regular file"},
-        {{sample("bios_fat32"), dir / "missing"}, "does not exist"},
-        {{sample("bios_fat32"), "/dev/null"}, "character device"},
-        {{sample("bios_fat32"), dir / "folder"}, "not a disk"},
-        {{"--allow-regular-file", dir / "missing.gz", dir / "file.img"}, "cannot open the image"},
-        {{"--allow-regular-file", "--inflater=lzma", sample("bios_fat32"), dir / "file.img"}, "unknown inflater"},
-        {{sample("bios_fat32")}, "usage"},
-        {{sample("bios_fat32"), dir / "file.img", "--allow-regular-file"}, "usage"},
+        {Installed, {image, dir / "file.img"}, "not a disk"},
+        {Installed, {"--allow-regular-file", image, dir / "file.img"}, "usage"},
+        {Installed, {"--inflater=zlib", image, dir / "file.img"}, "usage"},
+        {Installed, {image, dir / "file.img", "--allow-regular-file"}, "usage"},
+        {Installed, {image, "/dev/../" + dir / "file.img"}, "not a disk"},
+        {Installed, {image, "/dev/disk/by-id/../../" + dir / "file.img"}, "not a disk"},
+        {Installed, {image, "/dev/null"}, "character device"},
+        {Installed, {image, "/dev/qm-no-such-disk"}, "does not exist"},
+        {Test, {image, dir / "folder"}, "not a disk"},
+        {Test, {image, dir / "link.img"}, "link"},
+        {Test, {dir / "link.img.gz", dir / "file.img"}, "link"},
+        {Test, {dir / "images/bios_fat32.img.gz", dir / "file.img"}, "link"},
+        {Test, {dir / "missing.gz", dir / "file.img"}, "cannot open the image"},
+        {Test, {"--inflater=lzma", image, dir / "file.img"}, "unknown inflater"},
+        {Test, {image}, "usage"},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.args.back());
-        WriterRun run = run_writer(c.args);
+        WriterRun run = c.writer == Installed ? run_installed_writer(c.args) : run_writer(c.args);
         EXPECT_NE(run.exit_code, 0);
         ASSERT_EQ(run.lines.size(), 1u) << "nothing but the error";
         EXPECT_NE(run.err_line().find(c.says), std::string::npos) << run.err_line();
@@ -230,9 +249,11 @@ TEST_F(WriterOnLoopDevice, RefusesUnsuitableDisksWithoutWriting) {
     }
 }
 
-TEST_F(WriterOnLoopDevice, UnmountsTheDiskUnlessItIsInUse) {
+// Only mounts where the desktop puts removable drives are let go of; any other mount is
+// someone's files and the disk is refused, still mounted.
+TEST_F(WriterOnLoopDevice, UnmountsRemovableMediaMountsOnly) {
     std::string head = gunzip(sample("bios_exfat")).substr(0, kMiB);
-    enum Use { Idle, FileOpen, HoldsTheImage };
+    enum Use { Idle, FileOpen, HoldsTheImage, MountedElsewhere };
     struct Case {
         const char* name;
         Use use;
@@ -241,12 +262,14 @@ TEST_F(WriterOnLoopDevice, UnmountsTheDiskUnlessItIsInUse) {
         {"idle", Idle, nullptr},
         {"a file open on it", FileOpen, "disk busy"},
         {"the image stored on it", HoldsTheImage, "copy the image"},
+        {"mounted outside /media and /run/media", MountedElsewhere, "not where removable drives are mounted"},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
         fill_file(dir_ / "disk", 64 * kMiB, '\0');
         LoopDevice loop(dir_ / "disk", {});
-        std::string mount_point = dir_ / "mnt";
+        MediaFolder media;
+        std::string mount_point = c.use == MountedElsewhere ? dir_ / "mnt" : media / "stick";
         std::filesystem::remove(mount_point);
         TestMount mounted(loop.path(), mount_point);
         if (!mounted.ok()) GTEST_SKIP() << "cannot mount ext4 on a loop device here";
@@ -269,6 +292,105 @@ TEST_F(WriterOnLoopDevice, UnmountsTheDiskUnlessItIsInUse) {
         EXPECT_TRUE(TestMount::is_mounted(mount_point));
         EXPECT_TRUE(read_prefix(loop.path(), kMiB) != head);
     }
+}
+
+// What the installed writer is offered by anyone who can start it: a root-owned file and a
+// loop device, with switches or without. Both refused, both unchanged.
+TEST_F(WriterOnLoopDevice, InstalledWriterTakesNeitherAFileNorALoopDevice) {
+    fill_file(dir_ / "root-only", 2 * kMiB, '\x5a');
+    chmod((dir_ / "root-only").c_str(), 0600);
+    fill_file(dir_ / "disk", 64 * kMiB, '\x5a');
+    const std::string before = slurp(dir_ / "disk");
+    LoopDevice loop(dir_ / "disk", {});
+    const std::string image = sample("uefi_fat32");
+    for (const std::string& target : {dir_ / "root-only", loop.path()})
+        for (const auto& args : std::vector<std::vector<std::string>>{
+                 {image, target}, {"--allow-regular-file", image, target}, {"--inflater=zlib", image, target}}) {
+            SCOPED_TRACE(args.front() + " " + target);
+            WriterRun run = run_installed_writer(args);
+            EXPECT_NE(run.exit_code, 0);
+            EXPECT_FALSE(run.done());
+        }
+    EXPECT_TRUE(slurp(dir_ / "root-only") == std::string(2 * kMiB, '\x5a'));
+    EXPECT_TRUE(slurp(dir_ / "disk") == before);
+}
+
+// The image is read with the rights of the user pkexec names: a file only root may read is
+// refused, and nothing of it (such as the size its trailer gives) reaches the output.
+TEST_F(WriterOnLoopDevice, ReadsTheImageWithTheInvokingUsersRights) {
+    chmod(dir_.path().c_str(), 0755);
+    const std::string good = slurp(sample("uefi_fat32"));
+    spit(dir_ / "secret.img.gz", good);
+    chmod((dir_ / "secret.img.gz").c_str(), 0600);
+    spit(dir_ / "shared.img.gz", good);
+    chmod((dir_ / "shared.img.gz").c_str(), 0644);
+    const std::string trailer_size = std::to_string(gunzip(sample("uefi_fat32")).size());
+    fill_file(dir_ / "disk", 64 * kMiB, '\x5a');
+    const std::string before = slurp(dir_ / "disk");
+    LoopDevice loop(dir_ / "disk", {});
+    struct Case {
+        const char* image;
+        const char* pkexec_uid;
+        const char* says;  // nullptr: written
+    } cases[] = {
+        {"secret.img.gz", "PKEXEC_UID=65534", "Permission denied"},
+        {"secret.img.gz", "PKEXEC_UID=nobody", "not a user id"},
+        {"shared.img.gz", "PKEXEC_UID=65534", nullptr},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(std::string(c.image) + " " + c.pkexec_uid);
+        WriterRun run = run_writer({dir_ / c.image, loop.path()}, {c.pkexec_uid});
+        if (!c.says) {
+            EXPECT_TRUE(run.done()) << run.err_line();
+            continue;
+        }
+        ASSERT_EQ(run.lines.size(), 1u);
+        EXPECT_NE(run.err_line().find(c.says), std::string::npos) << run.err_line();
+        EXPECT_EQ(run.err_line().find(trailer_size), std::string::npos) << run.err_line();
+        EXPECT_TRUE(slurp(dir_ / "disk") == before);
+    }
+}
+
+// A failure found while writing over a disk that already held the image leaves its first
+// MiB zeroed: the disk must not look written.
+TEST_F(WriterOnLoopDevice, CorruptImageOverAWrittenDiskLeavesNoPartitionTable) {
+    const std::string good = slurp(sample("uefi_fat32"));
+    std::string bad_crc = good, bad_length = good, corrupt = good;
+    bad_crc[bad_crc.size() - 6] ^= 1;
+    bad_length[bad_length.size() - 4] ^= 1;
+    for (size_t i = corrupt.size() - 4096; i < corrupt.size() - 4000; ++i) corrupt[i] = static_cast<char>(~corrupt[i]);
+    fill_file(dir_ / "disk", 64 * kMiB, '\0');
+    LoopDevice loop(dir_ / "disk", {});
+    for (const std::string& bytes : {bad_crc, bad_length, corrupt})
+        for (const auto& inflater : kInflaters) {
+            SCOPED_TRACE(inflater);
+            ASSERT_TRUE(run_writer({sample("uefi_fat32"), loop.path()}).done());
+            spit(dir_ / "bad.img.gz", bytes);
+            WriterRun run = run_writer({inflater, dir_ / "bad.img.gz", loop.path()});
+            EXPECT_NE(run.err_line().find("corrupt"), std::string::npos) << run.err_line();
+            EXPECT_TRUE(read_prefix(loop.path(), kMiB) == std::string(kMiB, '\0'));
+        }
+}
+
+// A disk named by its by-id link is written only while the link still leads to it: a link
+// that has gone is a stick pulled (or swapped) since the user confirmed it.
+TEST_F(WriterOnLoopDevice, ByIdNameWritesOnlyTheDiskItStillLeadsTo) {
+    fill_file(dir_ / "disk", 64 * kMiB, '\x5a');
+    LoopDevice loop(dir_ / "disk", {});
+    const std::string loop_name = loop.path().substr(5), link_name = "qm-test-" + std::to_string(getpid());
+    {
+        ByIdLink link(link_name, loop_name);
+        EXPECT_TRUE(run_writer({sample("bios_fat32"), link.path()}).done());
+    }
+    fill_file(dir_ / "disk", 64 * kMiB, '\x5a');
+    const std::string before = slurp(dir_ / "disk");
+    WriterRun gone = run_writer({sample("bios_fat32"), "/dev/disk/by-id/" + link_name});
+    EXPECT_NE(gone.err_line().find("The drive changed since you confirmed it; choose it again."), std::string::npos)
+        << gone.err_line();
+    ByIdLink elsewhere(link_name, "../tmp");
+    EXPECT_NE(run_writer({sample("bios_fat32"), elsewhere.path()}).err_line().find("does not lead to a disk"),
+              std::string::npos);
+    EXPECT_TRUE(slurp(dir_ / "disk") == before);
 }
 
 TEST_F(WriterOnLoopDevice, RefusesAPartition) {

@@ -14,6 +14,7 @@
 #include <QStandardPaths>
 
 #include "child_process.h"
+#include "disk_links.h"
 #include "disk_scanner.h"
 #include "lsblk_parser.h"
 
@@ -135,7 +136,11 @@ public:
         Run r = run(tool, lsblk::arguments(true), kListTimeoutMs);
         // lsblk before 2.37 refuses the MOUNTPOINTS column outright
         if (!r.ok || r.out.trimmed().isEmpty()) r = run(tool, lsblk::arguments(false), kListTimeoutMs);
-        return lsblk::parseDrives(r.out, system);
+        QList<USBDrive> drives = lsblk::parseDrives(r.out, system);
+        // The kernel hands a freed name to the next disk plugged in; the link names this one.
+        const QHash<QString, QString> links = DiskLinks::best();
+        for (USBDrive& d : drives) d.devicePath = links.value(d.id, QStringLiteral("/dev/") + d.id);
+        return drives;
     }
 
     bool unmountDisk(const QString& wholeDiskPath) override {
@@ -166,8 +171,6 @@ public:
         return all;
     }
 
-    // Linux has no separate raw nodes: the writer uses the block device itself.
-    QString rawDevicePath(const QString& id) const override { return QStringLiteral("/dev/") + id; }
     QString wholeDiskPath(const QString& id) const override { return QStringLiteral("/dev/") + id; }
 };
 

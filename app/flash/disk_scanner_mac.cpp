@@ -27,8 +27,11 @@ public:
         const QStringList ids = diskutil::wholeDisks(diskutil(
             {QStringLiteral("list"), QStringLiteral("-plist"), QStringLiteral("external"), QStringLiteral("physical")}));
         for (const QString& id : ids) {
-            const auto drive = diskutil::driveFromInfo(id, diskutil({QStringLiteral("info"), QStringLiteral("-plist"), id}));
-            if (drive) out.append(*drive);
+            auto drive = diskutil::driveFromInfo(id, diskutil({QStringLiteral("info"), QStringLiteral("-plist"), id}));
+            if (!drive) continue;
+            // The raw node skips the buffer cache, which makes writing several times faster.
+            drive->devicePath = QStringLiteral("/dev/r") + id;
+            out.append(*drive);
         }
         return out;
     }
@@ -44,8 +47,6 @@ public:
         return p.exitStatus() == QProcess::NormalExit && p.exitCode() == 0;
     }
 
-    // The raw node skips the buffer cache, which makes writing several times faster.
-    QString rawDevicePath(const QString& id) const override { return QStringLiteral("/dev/r") + id; }
     QString wholeDiskPath(const QString& id) const override { return QStringLiteral("/dev/") + id; }
 };
 

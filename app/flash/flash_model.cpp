@@ -33,13 +33,35 @@ bool mentions_permission(const QString& message) {
            message.contains(QStringLiteral("denied"), Qt::CaseInsensitive);
 }
 
+// The failure dialog's text for the writer's error, or for no error at all.
+QString failure_text(const std::optional<QString>& error) {
+    QString message = error.value_or(kDidNotComplete);
+    if (message == FlashModel::kDriveChanged) return message;  // plugging in again would not help
+    if (mentions_permission(message))
+        return platformName() + QStringLiteral(" denied writing to the drive.\n\n• If it's an SD card, slide the "
+                                               "write-protect (lock) switch on the side OFF.\n• Unmount the drive in "
+                                               "Disk Utility and try again.\n\n(") +
+               message + QStringLiteral(")");
+    return error.value_or(QStringLiteral("The write did not complete.")) +
+           QStringLiteral("\n\nMake sure the drive is plugged in and not write-protected, then try again.");
+}
+
+// The confirmed drive among those listed now, by the name the writer is given as well: a disk
+// re-plugged while the user was asked may have left its kernel name to another.
+bool listed(const QList<USBDrive>& now, const USBDrive& drive) {
+    return std::any_of(now.begin(), now.end(),
+                       [&](const USBDrive& d) { return d == drive && d.devicePath == drive.devicePath; });
+}
+
 }  // namespace
+
+const QString FlashModel::kDriveChanged = QStringLiteral("The drive changed since you confirmed it; choose it again.");
 
 FlashModel::FlashModel(std::unique_ptr<DiskScanner> scanner, QObject* parent)
     : QObject(parent), scanner_(std::move(scanner)), resources_(Resources::folder()) {
-    launch_ = [](const QString& tool, const QString& image, const QString& device, FILE** out) {
-        return qm_authorized_exec(QFile::encodeName(tool).constData(), QFile::encodeName(image).constData(),
-                                  QFile::encodeName(device).constData(), out);
+    launch_ = [](const QString& tool, const QString& image, const QString& device) {
+        return qm_authorized_run(QFile::encodeName(tool).constData(), QFile::encodeName(image).constData(),
+                                 QFile::encodeName(device).constData());
     };
 }
 
@@ -144,10 +166,12 @@ void FlashModel::flash() {
                          {QStringLiteral("Cancel"), QStringLiteral("Erase & Flash")}};
     if (!dialogs_ || dialogs_->ask(question) != 1) return;
 
-    QString image = resources_ ? QDir(*resources_).filePath(QStringLiteral("images/") + resourceName() +
-                                                            QStringLiteral(".img.gz"))
+    // Canonical: the writer opens the image by a path without links, so nothing can redirect it.
+    QString image = resources_ ? QFileInfo(QDir(*resources_).filePath(QStringLiteral("images/") + resourceName() +
+                                                                      QStringLiteral(".img.gz")))
+                                     .canonicalFilePath()
                                : QString();
-    if (image.isEmpty() || !QFileInfo::exists(image)) {
+    if (image.isEmpty()) {
         tell(FlashDialog::Kind::Critical, kFailedTitle,
              QStringLiteral("Bundled image '") + resourceName() + QStringLiteral("' is missing from this app."));
         return;
@@ -157,29 +181,50 @@ void FlashModel::flash() {
         tell(FlashDialog::Kind::Critical, kFailedTitle, QStringLiteral("The privileged writer is missing from this app."));
         return;
     }
+    if (std::optional<QString> refusal = startGate_ ? startGate_() : std::nullopt) {
+        status_ = *refusal;
+        emit changed();
+        return;
+    }
+    start(*drive, writer, image);
+}
+
+void FlashModel::start(const USBDrive& drive, const QString& writer, const QString& image) {
     busy_ = true;
     progress_ = 0;
     detail_.clear();
     phase_ = WriterLine::Other;
     status_ = QStringLiteral("Unmounting volumes…");
     emit changed();
-    QString raw = scanner_->rawDevicePath(drive->id), whole = scanner_->wholeDiskPath(drive->id);
-    background_.post([this, writer, image, raw, whole] { return doFlash(writer, image, raw, whole); },
+    QString whole = scanner_->wholeDiskPath(drive.id);
+    background_.post([this, writer, image, drive, whole] { return doFlash(writer, image, drive, whole); },
                      [this](Outcome outcome) { finish(outcome); });
 }
 
 // On the background thread: touches no member but the scanner, the launcher and the queue.
-FlashModel::Outcome FlashModel::doFlash(const QString& writer, const QString& image, const QString& raw,
+FlashModel::Outcome FlashModel::doFlash(const QString& writer, const QString& image, const USBDrive& drive,
                                         const QString& whole) {
-    scanner_->unmountDisk(whole);  // ignored on purpose: the writer copes with a mounted disk
-    FILE* out = nullptr;
     Outcome outcome;
-    outcome.launchStatus = launch_(writer, image, raw, &out);
-    if (outcome.launchStatus != 0 || !out) {
-        if (out) fclose(out);
-        if (outcome.launchStatus == 0) outcome.launchStatus = kAuthDenied;
+    QList<USBDrive> now = scanner_->externalDrives();
+    if (!listed(now, drive)) {
+        outcome.error = kDriveChanged;
+        outcome.drives = std::move(now);
         return outcome;
     }
+    scanner_->unmountDisk(whole);  // ignored on purpose: the writer copes with a mounted disk
+    ElevatedRun run = launch_(writer, image, drive.devicePath);
+    if (run.status != 0 || !run.output) {
+        outcome.launchStatus = run.status != 0 ? run.status : kAuthDenied;
+        return outcome;
+    }
+    readReports(run.output, outcome);
+    fclose(run.output);
+    if (run.ended) outcome.launchStatus = run.ended(outcome.spoke);
+    if (outcome.error == kDriveChanged && !outcome.done) outcome.drives = scanner_->externalDrives();
+    return outcome;
+}
+
+void FlashModel::readReports(FILE* out, Outcome& outcome) {
     char buf[kWriterLineLimit + 1];
     bool overLong = false;  // the rest of a line too long to be a report
     while (fgets(buf, sizeof buf, out)) {
@@ -189,13 +234,12 @@ FlashModel::Outcome FlashModel::doFlash(const QString& writer, const QString& im
         overLong = !complete && n == sizeof buf - 1;
         if (skip || overLong) continue;
         WriterLine line = parseWriterLine(std::string_view(buf, n));
+        outcome.spoke = outcome.spoke || line.kind != WriterLine::Other;
         if (line.kind == WriterLine::Done) outcome.done = true;
         if (line.kind == WriterLine::Error) outcome.error = QString::fromUtf8(line.message.c_str());
         if (line.kind == WriterLine::Progress || line.kind == WriterLine::Verified)
             background_.deliver([this, line] { showReport(line); });
     }
-    fclose(out);
-    return outcome;
 }
 
 void FlashModel::showReport(const WriterLine& line) {
@@ -213,6 +257,7 @@ void FlashModel::showReport(const WriterLine& line) {
 void FlashModel::finish(const Outcome& outcome) {
     busy_ = false;
     detail_.clear();
+    if (outcome.drives) applyScan(*outcome.drives);  // first: its count would replace the outcome's status
     if (outcome.launchStatus != 0) {
         bool cancelled = outcome.launchStatus == kAuthCanceled;
         status_ = cancelled ? QStringLiteral("Cancelled.") : QStringLiteral("Failed: could not get administrator privileges.");
@@ -233,16 +278,8 @@ void FlashModel::finish(const Outcome& outcome) {
         emit finished();
         return;
     }
-    QString message = outcome.error.value_or(kDidNotComplete);
-    status_ = QStringLiteral("Failed: ") + message;
+    status_ = QStringLiteral("Failed: ") + outcome.error.value_or(kDidNotComplete);
     emit changed();
-    QString text = mentions_permission(message)
-                       ? platformName() + QStringLiteral(" denied writing to the drive.\n\n• If it's an SD card, slide "
-                                                         "the write-protect (lock) switch on the side OFF.\n• Unmount "
-                                                         "the drive in Disk Utility and try again.\n\n(") +
-                             message + QStringLiteral(")")
-                       : outcome.error.value_or(QStringLiteral("The write did not complete.")) +
-                             QStringLiteral("\n\nMake sure the drive is plugged in and not write-protected, then try again.");
-    tell(FlashDialog::Kind::Critical, kFailedTitle, text);
+    tell(FlashDialog::Kind::Critical, kFailedTitle, failure_text(outcome.error));
     emit finished();
 }

@@ -12,6 +12,7 @@
 #include "background_queue.h"
 #include "disk_scanner.h"
 #include "flash_dialogs.h"
+#include "launcher.h"
 #include "writer_protocol.h"
 
 enum class BootMode { uefi, bios };
@@ -22,8 +23,12 @@ QString displayText(FSChoice fs);
 class FlashModel : public QObject {
     Q_OBJECT
 public:
-    // Runs the writer as root with two arguments; 0 and a stream on its output, or a status.
-    using Launcher = std::function<int(const QString& tool, const QString& image, const QString& device, FILE** out)>;
+    // Runs the writer as root with two arguments: a stream on its output, or a status.
+    using Launcher = std::function<ElevatedRun(const QString& tool, const QString& image, const QString& device)>;
+    // Why a write must not start now (the program is about to restart), or none.
+    using StartGate = std::function<std::optional<QString>()>;
+    // The writer's text for a disk that is no longer the one confirmed; the model says it too.
+    static const QString kDriveChanged;
 
     explicit FlashModel(std::unique_ptr<DiskScanner> scanner = DiskScanner::platform(), QObject* parent = nullptr);
 
@@ -31,6 +36,7 @@ public:
     void setDialogs(FlashDialogs* dialogs) { dialogs_ = dialogs; }
     void setResourceFolder(std::optional<QString> folder) { resources_ = std::move(folder); }
     void setLauncher(Launcher launcher) { launch_ = std::move(launcher); }
+    void setStartGate(StartGate gate) { startGate_ = std::move(gate); }
 
     const QList<USBDrive>& allDrives() const { return allDrives_; }
     const QList<USBDrive>& drives() const { return drives_; }
@@ -69,10 +75,14 @@ private:
     struct Outcome {
         int launchStatus = 0;
         bool done = false;
+        bool spoke = false;  // the writer printed a line of its protocol
         std::optional<QString> error;
+        std::optional<QList<USBDrive>> drives;  // listed again: the confirmed drive was not there
     };
     void applyScan(QList<USBDrive> found);
-    Outcome doFlash(const QString& writer, const QString& image, const QString& raw, const QString& whole);
+    void start(const USBDrive& drive, const QString& writer, const QString& image);
+    Outcome doFlash(const QString& writer, const QString& image, const USBDrive& drive, const QString& whole);
+    void readReports(FILE* out, Outcome& outcome);
     void showReport(const WriterLine& line);
     void finish(const Outcome& outcome);
     void tell(FlashDialog::Kind kind, const QString& title, const QString& text);
@@ -81,6 +91,7 @@ private:
     FlashDialogs* dialogs_ = nullptr;
     std::optional<QString> resources_;
     Launcher launch_;
+    StartGate startGate_;
     QList<USBDrive> allDrives_;
     QList<USBDrive> drives_;
     std::optional<QString> selection_;

@@ -17,8 +17,17 @@ extern "C" int qm_authorized_exec(const char* tool, const char* arg1, const char
     return int(status);
 }
 
-int qm_exec_through(const char*, const char* tool, const char* arg1, const char* arg2, FILE** output) {
-    return qm_authorized_exec(tool, arg1, arg2, output);
+// The service refuses or cancels before the tool starts and never tells how the tool ended.
+ElevatedRun qm_authorized_run(const char* tool, const char* arg1, const char* arg2) {
+    ElevatedRun run;
+    run.status = qm_authorized_exec(tool, arg1, arg2, &run.output);
+    if (run.status == 0 && !run.output) run.status = kAuthDenied;
+    run.ended = [](bool) { return 0; };
+    return run;
+}
+
+ElevatedRun qm_exec_through(const char*, const char* tool, const char* arg1, const char* arg2) {
+    return qm_authorized_run(tool, arg1, arg2);
 }
 
 QString platformName() { return QStringLiteral("macOS"); }

@@ -1,52 +1,46 @@
 // The Install tab's model: the drive list and its texts, the confirmation and missing-resource
-// dialogs, and whole writes against a stand-in writer that prints the protocol's lines; the
-// protocol's line reader and the launcher's statuses.
+// dialogs, and whole writes against a stand-in writer that prints the protocol's lines, run
+// directly or through stand-in elevating programs; the protocol's line reader, the launcher's
+// statuses and the disks' lasting names.
 #include <gtest/gtest.h>
-#include <sys/stat.h>
+#include <unistd.h>
 
 #include <QComboBox>
 #include <QGroupBox>
 #include <QPushButton>
-#include <QTest>
-#include <future>
+#include <filesystem>
 
-#include "flash_model.h"
+#include "disk_links.h"
+#include "flash_fakes.h"
 #include "flash_view.h"
 #include "launcher.h"
-#include "temp_dir.h"
 
 namespace {
 
-struct FakeScanner : DiskScanner {
-    QList<USBDrive>* drives;
-    explicit FakeScanner(QList<USBDrive>* d) : drives(d) {}
-    QList<USBDrive> externalDrives() override { return *drives; }
-    bool unmountDisk(const QString&) override { return true; }
-    QString rawDevicePath(const QString& id) const override { return "/dev/" + id; }
-    QString wholeDiskPath(const QString& id) const override { return "/dev/" + id; }
-};
+std::string script(const TempDir& dir, const std::string& name, const std::string& body) {
+    spit(dir / name, "#!/bin/sh\n" + body + "\n");
+    chmod((dir / name).c_str(), 0755);
+    return dir / name;
+}
 
-struct Answers : FlashDialogs {
-    QList<FlashDialog> shown;
-    int answer = 1;
-    int ask(const FlashDialog& d) override {
-        shown << d;
-        return d.buttons.size() > 1 ? answer : 0;
-    }
-};
-
-// A model over scripted drives with a resource folder whose writer prints `lines`.
+// A model over scripted drives with a resource folder whose writer prints `lines`, started
+// through `elevator` when one is set.
 struct Bench {
     QList<USBDrive> list;
-    FlashModel m{std::make_unique<FakeScanner>(&list)};
+    std::atomic<int> unmounts{0};
+    FlashModel m{std::make_unique<FakeScanner>(&list, &unmounts)};
     Answers answers;
     TempDir res;
     QStringList statuses;
+    QStringList launched;  // the writer, the image and the device it was given
+    std::string elevator;
     Bench() {
         m.setDialogs(&answers);
         m.setResourceFolder(QString::fromStdString(res.path()));
-        m.setLauncher([](const QString& tool, const QString& image, const QString& device, FILE** out) {
-            return qm_exec_through(nullptr, qPrintable(tool), qPrintable(image), qPrintable(device), out);
+        m.setLauncher([this](const QString& tool, const QString& image, const QString& device) {
+            launched = {tool, image, device};
+            return qm_exec_through(elevator.empty() ? nullptr : elevator.c_str(), qPrintable(tool), qPrintable(image),
+                                   qPrintable(device));
         });
         QObject::connect(&m, &FlashModel::changed, [this] {
             if (statuses.isEmpty() || statuses.last() != m.status()) statuses << m.status();
@@ -57,12 +51,8 @@ struct Bench {
         m.refresh();
         ASSERT_TRUE(QTest::qWaitFor([this] { return !m.scanning(); }, 10000));
     }
-    void giveResources(const std::string& lines, bool image = true, bool writer = true) {
-        if (image) spit(res / ("images/" + m.resourceName().toStdString() + ".img.gz"), "image");
-        if (!writer) return;
-        spit(res / "lines", lines);
-        spit(res / "qm-writer", "#!/bin/sh\nexec cat \"$(dirname \"$0\")/lines\"\n");
-        chmod((res / "qm-writer").c_str(), 0755);
+    void giveResources(const std::string& lines, int exitStatus = 0) {
+        ::giveResources(res, m.resourceName(), lines, exitStatus);
     }
     void write() {
         m.flash();
@@ -70,8 +60,10 @@ struct Bench {
     }
 };
 
-const USBDrive kReader{"sdc", "Card Reader", 0}, kStick{"sdb", "Cruzer Fit", 16000000000},
-    kTwin{"sdd", "Cruzer Fit", 16000000000}, kDisk{"sde", "Backup", 2000000000000};
+const USBDrive kReader{"sdc", "Card Reader", 0, "/dev/sdc"},
+    kStick{"sdb", "Cruzer Fit", 16000000000, "/dev/disk/by-id/usb-SanDisk_Cruzer_Fit_4C53-0:0"},
+    kTwin{"sdd", "Cruzer Fit", 16000000000, "/dev/disk/by-id/usb-SanDisk_Cruzer_Fit_77A1-0:0"},
+    kDisk{"sde", "Backup", 2000000000000, "/dev/disk/by-id/usb-WD_Elements_2621-0:0"};
 
 TEST(FlashDrives, OrderFilterSelectionAndStatus) {
     const struct { QList<USBDrive> found; bool showAll; QList<QString> ids; QString status; } cases[] = {
@@ -122,35 +114,44 @@ TEST(FlashStart, ConfirmationAndMissingResources) {
     b.answers.answer = 1;
     b.m.flash();
     EXPECT_EQ(b.answers.shown.last().text, "Bundled image 'bios_exfat' is missing from this app.");
-    b.giveResources("", true, false);
+    spit(b.res / "images/bios_exfat.img.gz", "image");
     b.m.flash();
     EXPECT_EQ(b.answers.shown.last().text, "The privileged writer is missing from this app.");
     EXPECT_EQ(b.answers.shown.last().title, "Install failed");
     EXPECT_FALSE(b.m.busy());
 }
 
-TEST(FlashWrite, TheWritersLinesDecideTheOutcome) {
-    const std::string longLine(2000, 'x');
-    const struct { std::string lines; QString status, dialog; } cases[] = {
-        {"P 0 2000000\nP 1048575 2000000\nV 2000000 2000000\nDONE\n", "Done — you can remove the drive.",
-         "Quillmate was written successfully.\n\nBoot the target machine from this USB."},
-        {"ERR first\nDONE\n", "Done — you can remove the drive.", "Quillmate was written successfully.\n\nBoot the target machine from this USB."},
-        {"ERR Permission denied\n", "Failed: Permission denied",
+// The writer's lines decide, and how the run ended only tells the elevating program's refusals
+// (126: dismissed, 127: refused, before the writer said a word) from a writer that failed.
+TEST(FlashWrite, TheWritersLinesAndTheElevatorDecideTheOutcome) {
+    const std::string longLine(2000, 'x'), passOn = "exec \"$@\"";
+    const QString done = "Quillmate was written successfully.\n\nBoot the target machine from this USB.",
+                  advice = "\n\nMake sure the drive is plugged in and not write-protected, then try again.";
+    const struct { std::string elevator, lines; int exitStatus; QString status, dialog; } cases[] = {
+        {"", "P 0 2000000\nP 1048575 2000000\nV 2000000 2000000\nDONE\n", 0, "Done — you can remove the drive.", done},
+        {"", "ERR first\nDONE\n", 0, "Done — you can remove the drive.", done},
+        {"", "ERR Permission denied\n", 1, "Failed: Permission denied",
          "Linux denied writing to the drive.\n\n• If it's an SD card, slide the write-protect (lock) switch on the side "
          "OFF.\n• Unmount the drive in Disk Utility and try again.\n\n(Permission denied)"},
-        {"", "Failed: the write did not complete.",
-         "The write did not complete.\n\nMake sure the drive is plugged in and not write-protected, then try again."},
-        {"ERR one\nP 1 0\nP 1 2 3\ngarbage\n" + longLine + "DONE\nERR  two \n", "Failed: two",
-         "two\n\nMake sure the drive is plugged in and not write-protected, then try again."},
+        {"", "", 0, "Failed: the write did not complete.", "The write did not complete." + advice},
+        {"", "ERR one\nP 1 0\nP 1 2 3\ngarbage\n" + longLine + "DONE\nERR  two \n", 1, "Failed: two", "two" + advice},
+        {"exit 126", "", 0, "Cancelled.", ""},
+        {"exit 127", "", 0, "Failed: could not get administrator privileges.",
+         "Linux denied administrator privileges, so the drive can't be written.\n\nTry again and enter an administrator password."},
+        {passOn, "ERR some writer text\n", 126, "Failed: some writer text", "some writer text" + advice},
+        {passOn, "", 1, "Failed: the write did not complete.", "The write did not complete." + advice},
     };
     for (const auto& c : cases) {
         Bench b;
         b.scan({kStick});
-        b.giveResources(c.lines);
+        b.giveResources(c.lines, c.exitStatus);
+        if (!c.elevator.empty()) b.elevator = script(b.res, "elevator", c.elevator);
         b.write();
         EXPECT_EQ(b.m.status(), c.status);
-        ASSERT_EQ(b.answers.shown.size(), 2) << c.status.toStdString();
-        EXPECT_EQ(b.answers.shown[1].text, c.dialog);
+        ASSERT_EQ(b.answers.shown.size(), c.dialog.isEmpty() ? 1 : 2) << c.status.toStdString();
+        if (!c.dialog.isEmpty()) {
+            EXPECT_EQ(b.answers.shown[1].text, c.dialog);
+        }
         if (c.status.startsWith("Done")) {
             EXPECT_EQ(b.m.progress(), 1.0);
         }
@@ -161,20 +162,31 @@ TEST(FlashWrite, TheWritersLinesDecideTheOutcome) {
     }
 }
 
-TEST(FlashWrite, PrivilegesCancelledOrRefused) {
-    for (int status : {kAuthCanceled, kAuthDenied}) {
+// A disk re-plugged while the user was asked may have handed its name to another: only the disk
+// confirmed is unmounted and written, by its lasting name; the image goes by its real path.
+TEST(FlashWrite, OnlyTheConfirmedDiskIsWritten) {
+    const std::string changed = "The drive changed since you confirmed it; choose it again.";
+    const USBDrive otherStick{"sdb", "Cruzer Fit", 16000000000, kTwin.devicePath};
+    const struct { QList<USBDrive> atWrite; std::string lines; } cases[] = {  // lines: the writer runs
+        {{kStick}, "DONE\n"}, {{otherStick}, ""}, {{kTwin, kDisk}, ""}, {{}, ""}, {{kStick}, "ERR " + changed + "\n"}};
+    for (const auto& c : cases) {
         Bench b;
+        TempDir links;
+        std::filesystem::create_directory_symlink(b.res.path(), links / "res");
+        b.m.setResourceFolder(QString::fromStdString(links / "res"));
         b.scan({kStick});
-        b.giveResources("DONE\n");
-        b.m.setLauncher([status](const QString&, const QString&, const QString&, FILE**) { return status; });
+        b.giveResources(c.lines);
+        b.list = c.atWrite;
         b.write();
-        bool cancelled = status == kAuthCanceled;
-        EXPECT_EQ(b.m.status(), cancelled ? "Cancelled." : "Failed: could not get administrator privileges.");
-        ASSERT_EQ(b.answers.shown.size(), cancelled ? 1 : 2);
-        if (!cancelled) {
-            EXPECT_EQ(b.answers.shown[1].text, "Linux denied administrator privileges, so the drive can't be written.\n\n"
-                                               "Try again and enter an administrator password.");
-        }
+        bool done = c.lines == "DONE\n", launched = !c.lines.empty();
+        EXPECT_EQ(b.m.status().toStdString(), done ? "Done — you can remove the drive." : "Failed: " + changed);
+        EXPECT_EQ(b.answers.shown.last().text.toStdString(),  // no advice to plug it in
+                  done ? "Quillmate was written successfully.\n\nBoot the target machine from this USB." : changed);
+        EXPECT_EQ(b.m.allDrives().size(), launched ? 1 : c.atWrite.size());       // listed again
+        EXPECT_EQ(b.unmounts, int(launched));
+        std::string image = std::filesystem::canonical(b.res.path()) / "images/uefi_fat32.img.gz";
+        QStringList given{QString::fromStdString(links / "res/qm-writer"), QString::fromStdString(image), kStick.devicePath};
+        EXPECT_EQ(b.launched, launched ? given : QStringList());
     }
 }
 
@@ -185,30 +197,25 @@ QPushButton* button(QWidget* w, const QString& prefix) {
 }
 
 TEST(FlashView, ShowAllCountsTheHiddenAndAWriteLocksTheControls) {
-    Bench b;
-    FlashView view(&b.m);
-    b.m.setDialogs(&b.answers);  // the view answers dialogs itself; here the test does
-    b.scan({kReader, {"sdf", "Reader 2", 0}, kStick});
+    HeldWrite b;
+    FlashView view(&b.model);
+    b.model.setDialogs(&b.answers);  // the view answers dialogs itself; here the test does
+    b.list = {kReader, {"sdf", "Reader 2", 0}, kStick};
+    b.model.refresh();
+    ASSERT_TRUE(QTest::qWaitFor([&] { return !b.model.scanning(); }, 10000));
     EXPECT_EQ(button(&view, "Show all")->text(), "Show all (2)");
     button(&view, "Show all")->click();
     EXPECT_EQ(button(&view, "Hide empty")->text(), "Hide empty");
     EXPECT_EQ(view.findChild<QComboBox*>()->count(), 3);
     button(&view, "Hide empty")->click();
 
-    std::promise<void> release;
-    std::shared_future<void> released = release.get_future().share();
-    b.giveResources("DONE\n");
-    b.m.setLauncher([released](const QString&, const QString&, const QString&, FILE**) {
-        released.wait();  // the write stays under way until the test has looked
-        return kAuthCanceled;
-    });
-    button(&view, "Install")->click();
-    ASSERT_TRUE(b.m.busy());
+    button(&view, "Install")->click();  // the write stays under way until the test has looked
+    ASSERT_TRUE(b.model.busy());
     for (QWidget* w : std::initializer_list<QWidget*>{view.findChild<QComboBox*>(), button(&view, "Refresh"),
                                                        button(&view, "Install"), view.findChild<QGroupBox*>()})
         EXPECT_FALSE(w->isEnabled());
-    release.set_value();
-    ASSERT_TRUE(QTest::qWaitFor([&] { return !b.m.busy(); }, 10000));
+    b.release();
+    ASSERT_TRUE(QTest::qWaitFor([&] { return !b.model.busy(); }, 10000));
     EXPECT_TRUE(button(&view, "Install")->isEnabled());
 }
 
@@ -229,27 +236,47 @@ TEST(WriterProtocol, ReportsAndWhatIsNotOne) {
     }
 }
 
-TEST(Launcher, ElevatorStatusesAndTheToolsOutput) {
+// The elevating program's 126 (dismissed) and 127 (refused) count only while the tool has said
+// nothing: a tool may end with those itself.
+TEST(Launcher, ElevatorRefusalsAndTheToolsOwnEnd) {
     TempDir dir;
-    auto script = [&](const std::string& name, const std::string& body) {
-        spit(dir / name, "#!/bin/sh\n" + body + "\n");
-        chmod((dir / name).c_str(), 0755);
-        return dir / name;
+    std::string tool = script(dir, "tool", "[ -n \"$1\" ] && echo \"$1\"\nexit \"$2\"");
+    std::string passOn = script(dir, "passes-on", "exec \"$@\"");
+    const struct { std::string elevator; const char *line, *exitStatus; int status, ended; } cases[] = {
+        {script(dir, "dismissed", "exit 126"), "", "0", 0, kAuthCanceled},
+        {script(dir, "refused", "exit 127"), "", "0", 0, kAuthDenied},
+        {passOn, "ERR some writer text", "1", 0, 0}, {passOn, "P 1 2", "126", 0, 0}, {passOn, "", "1", 0, 0},
+        {"", "", "127", 0, 0},  // run directly: every end is the tool's
+        {"/nonexistent/pkexec", "", "0", kAuthDenied, 0},
     };
-    std::string tool = script("tool", "echo \"P 0 $1$2\"");
-    const struct { std::string elevator; int status; } cases[] = {
-        {script("dismissed", "exit 126"), kAuthCanceled}, {script("refused", "exit 127"), kAuthDenied},
-        {script("elevates", "exec \"$@\""), 0}, {"", 0}, {"/nonexistent/pkexec", kAuthDenied}};
     for (const auto& c : cases) {
-        FILE* out = nullptr;
-        EXPECT_EQ(qm_exec_through(c.elevator.empty() ? nullptr : c.elevator.c_str(), tool.c_str(), "a", "b", &out), c.status);
-        ASSERT_EQ(out != nullptr, c.status == 0);
-        if (!out) continue;
+        ElevatedRun run = qm_exec_through(c.elevator.empty() ? nullptr : c.elevator.c_str(), tool.c_str(), c.line, c.exitStatus);
+        ASSERT_EQ(run.status, c.status) << c.elevator << " " << c.line;
+        ASSERT_EQ(run.output != nullptr, c.status == 0);
+        if (!run.output) continue;
         char line[64] = {};
-        EXPECT_TRUE(fgets(line, sizeof line, out));
-        EXPECT_STREQ(line, "P 0 ab\n");
-        fclose(out);
+        bool spoke = fgets(line, sizeof line, run.output) != nullptr;
+        EXPECT_EQ(line, std::string(c.line) + (spoke ? "\n" : ""));
+        fclose(run.output);
+        EXPECT_EQ(run.ended(spoke), c.ended) << c.elevator << " " << c.line;
     }
+}
+
+// udev's links: the bus's own name for a disk first, never a partition's or a wwn/eui number's
+// when another is there; ties go to the first by name.
+TEST(DiskLinks, EachDiskByItsBestLink) {
+    TempDir dir;
+    for (std::string link : {"wwn-0x50 sda", "ata-SSD_850 sda", "ata-SSD_850-part1 sda1", "wwn-0x60 sdb", "usb-Fit-part1 sdb1",
+                             "usb-Fit sdb", "scsi-0ATA_X sdc", "ata-X sdc", "ata-X-part2 sdc", "nvme-eui.26 nvme0n1", "mmc-SD32G mmcblk0"})
+        std::filesystem::create_symlink("../../" + link.substr(link.find(' ') + 1), dir / link.substr(0, link.find(' ')));
+    spit(dir / "not-a-link", "");
+    const QHash<QString, QString> best = DiskLinks::best(QString::fromStdString(dir.path()));
+    QStringList found;
+    for (auto it = best.begin(); it != best.end(); ++it) found << it.key() + " " + it.value().section('/', -1);
+    found.sort();
+    EXPECT_EQ(found.join(", "), "mmcblk0 mmc-SD32G, nvme0n1 nvme-eui.26, sda ata-SSD_850, sda1 ata-SSD_850-part1, "
+                                "sdb usb-Fit, sdb1 usb-Fit-part1, sdc ata-X");
+    EXPECT_EQ(best.value("sdb"), QString::fromStdString(dir / "usb-Fit"));
 }
 
 }  // namespace

@@ -41,6 +41,8 @@ public:
     const QString& status() const { return status_; }
     // A run started from the tab is under way.
     bool busy() const { return manualRuns_ > 0; }
+    // A run of either kind is under way.
+    bool running() const { return manualRuns_ > 0 || automaticRunning_; }
     const std::optional<QString>& warning() const { return warning_; }
     bool warningIsSerious() const { return warningIsSerious_; }
     // How far the run under way has got; none between runs.

@@ -140,16 +140,18 @@ void HistoryModel::show(bool asDiff) {
 }
 
 void HistoryModel::revert() {
-    if (root() && state_.document && state_.selected) run(after_revert);
+    if (root() && state_.document && state_.selected) run(after_revert, true);
 }
 
-void HistoryModel::run(Step step) {
+void HistoryModel::run(Step step, bool restore) {
     int generation = ++generation_;
     ++pending_;
+    if (restore) ++restoring_;
     emit changed();  // busy, and any choice made just now
     background_.post([step, root = root().value_or(QString()), state = state_] { return step(root, state); },
-                     [this, generation](State state) {
+                     [this, generation, restore](State state) {
                          --pending_;
+                         if (restore) --restoring_;
                          apply(std::move(state), generation);
                      });
 }

@@ -43,6 +43,8 @@ public:
     bool showingDiff() const { return state_.showingDiff; }
     const QString& status() const { return state_.status; }
     bool busy() const { return pending_ > 0; }
+    // A version is being put back on the drive.
+    bool restoring() const { return restoring_ > 0; }
 
     // Scans the mounted volumes again; does nothing while the selection is pinned.
     void rescan();
@@ -72,12 +74,13 @@ signals:
 
 private:
     using Step = State (*)(const QString& root, State state);
-    void run(Step step);
+    void run(Step step, bool restore = false);
     void apply(State state, int generation);
 
     DriveSelection* selection_;
     State state_;
     int generation_ = 0;
     int pending_ = 0;
+    int restoring_ = 0;
     BackgroundQueue background_;  // one thread, so steps run in order; last: stopped first
 };

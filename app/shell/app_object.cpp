@@ -4,6 +4,9 @@
 #include <QFileInfo>
 
 #include "dispatch.h"
+#include "running_work.h"
+
+QuillmateFlasherApp::QuillmateFlasherApp() { RunningWork::keepUpdatesOffWrites(flash, settings); }
 
 void QuillmateFlasherApp::start(const QStringList& args, const QString& pinnedName, bool automaticBackups) {
     if (automaticBackups)

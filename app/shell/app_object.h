@@ -23,6 +23,8 @@ public:
     AccountModel account;
     SettingsModel settings;
 
+    // An update's restart waits for a write to end.
+    QuillmateFlasherApp();
     // The start of the window and of the screenshot mode alike: "--drive <path>" makes that
     // folder the only drive, shown as pinnedName (or its folder name when that is empty);
     // otherwise the mounted volumes are scanned. Automatic backups start unless told not to (the

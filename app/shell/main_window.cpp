@@ -1,9 +1,14 @@
 #include "main_window.h"
 
+#include <QCloseEvent>
+#include <QMessageBox>
+#include <QPushButton>
+#include <QShortcut>
 #include <QTabWidget>
 #include <QVBoxLayout>
 
 #include "app_object.h"
+#include "running_work.h"
 #include "tabs.h"
 #include "update_banner.h"
 
@@ -22,6 +27,28 @@ MainWindow::MainWindow(QuillmateFlasherApp* app, QWidget* parent) : QWidget(pare
     tabs_->setFixedSize(kTabWidth, kTabHeight);
     for (const TabEntry& tab : tabTable()) tabs_->addTab(tab.create(app), tr(tab.label));
     layout->addWidget(tabs_, 0, Qt::AlignHCenter);
+
+    new QShortcut(QKeySequence::Quit, this, this, &QWidget::close);
+}
+
+void MainWindow::closeEvent(QCloseEvent* e) {
+    if (!confirmQuit()) return e->ignore();
+    QWidget::closeEvent(e);
+}
+
+// Asks only while work runs; pressing Return or Escape keeps the program open.
+bool MainWindow::confirmQuit() {
+    std::optional<RunningWork::QuitWarning> warning =
+        RunningWork::quitWarning(app_->flash, app_->backup, app_->history);
+    if (!warning) return true;
+    QMessageBox box(QMessageBox::Warning, tr("Quit Quillmate Flasher?"), warning->question, QMessageBox::NoButton, this);
+    box.setInformativeText(warning->text);
+    QPushButton* quit = box.addButton(tr("Quit anyway"), QMessageBox::DestructiveRole);
+    QPushButton* stay = box.addButton(tr("Keep running"), QMessageBox::RejectRole);
+    box.setDefaultButton(stay);
+    box.setEscapeButton(stay);
+    box.exec();
+    return box.clickedButton() == quit;
 }
 
 void MainWindow::showEvent(QShowEvent* e) {

@@ -1,6 +1,6 @@
 // The single window: the update banner's row (shown while an update is found and the banner
 // has not been closed) over the fixed 580 x 560 tab view. The first time it is shown it asks for
-// the launch check of updates.
+// the launch check of updates. Closing it (Ctrl+Q too) while work runs asks first.
 #pragma once
 #include <QWidget>
 
@@ -24,8 +24,11 @@ signals:
 protected:
     void paintEvent(QPaintEvent* e) override;
     void showEvent(QShowEvent* e) override;
+    void closeEvent(QCloseEvent* e) override;
 
 private:
+    bool confirmQuit();
+
     QuillmateFlasherApp* app_;
     UpdateBanner* banner_;
     QTabWidget* tabs_;

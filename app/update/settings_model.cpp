@@ -5,6 +5,10 @@
 #include <QFileInfo>
 #include <QLocale>
 #include <QUrl>
+#include <utility>
+
+const QString SettingsModel::kWaitingForWrite =
+    QStringLiteral("The update will be installed when the drive has been written.");
 
 SettingsModel::SettingsModel(QObject* parent)
     : SettingsModel(UpdateIdentity::current(), Updater::justUpdatedTo(QCoreApplication::arguments()), parent) {}
@@ -90,6 +94,7 @@ void SettingsModel::skip() {
 
 void SettingsModel::fail(const QString& message) {
     busy_ = false;
+    installing_ = false;
     status_ = message;
     emit changed();
 }
@@ -117,7 +122,15 @@ void SettingsModel::updateNow() {
         });
 }
 
+// Restarting under a write would leave the writer running with nobody to report to.
 void SettingsModel::install(const UpdateInfo& info, std::shared_ptr<VerifiedArchive> archive) {
+    if (hold_ && hold_()) {
+        waiting_ = [this, info, archive] { install(info, archive); };
+        status_ = kWaitingForWrite;
+        emit changed();
+        return;
+    }
+    installing_ = true;
     status_ = tr("Replacing the app and restarting...");
     emit changed();
     updater_.install(info, std::move(archive), [this](InstallOutcome o) {
@@ -125,4 +138,8 @@ void SettingsModel::install(const UpdateInfo& info, std::shared_ptr<VerifiedArch
         if (o.failure) return fail(*o.failure);
         exit_();
     });
+}
+
+void SettingsModel::holdReleased() {
+    if (std::function<void()> next = std::exchange(waiting_, nullptr)) next();
 }

@@ -16,6 +16,9 @@ class SettingsModel : public QObject {
 public:
     // Ends the process once the new copy runs (the window's quit, by default).
     using Exit = std::function<void()>;
+    // True while the program must not restart: a drive is being written.
+    using RestartHold = std::function<bool()>;
+    static const QString kWaitingForWrite;
 
     explicit SettingsModel(QObject* parent = nullptr);
     SettingsModel(UpdateIdentity id, std::optional<QString> justUpdatedTo, QObject* parent = nullptr);
@@ -31,11 +34,16 @@ public:
     bool working() const { return busy_ || launchCheck_; }
     // The banner over the tabs is shown.
     bool bannerShown() const { return found_ && !bannerDismissed_; }
+    // The new copy is being put in place; the program restarts when that is done.
+    bool installing() const { return installing_; }
 
     void setAutomatic(bool on);
     void dismissBanner();
     void setShowingNotes(bool on);
     void setExit(Exit exit) { exit_ = std::move(exit); }
+    void setRestartHold(RestartHold hold) { hold_ = std::move(hold); }
+    // What held the restart has ended: an update waiting for it is installed now.
+    void holdReleased();
 
     void checkOnLaunch();
     void checkNow();
@@ -59,6 +67,9 @@ private:
     QString status_;
     bool busy_ = false;
     bool launchCheck_ = false;
+    bool installing_ = false;
     Exit exit_;
+    RestartHold hold_;
+    std::function<void()> waiting_;  // the install held back
     Updater updater_;  // last: stopped first
 };

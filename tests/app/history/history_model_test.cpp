@@ -109,8 +109,11 @@ TEST(HistoryChain, RestoreAddsASavedPointAndAFailedOneSaysSo) {
     Tab t;
     t.pin(root);
     t.m.selectVersion(1);
+    EXPECT_FALSE(t.m.restoring());
     t.m.revert();
+    EXPECT_TRUE(t.m.restoring());  // what quitting would leave running
     t.settle();
+    EXPECT_FALSE(t.m.restoring());
     const QList<DocVersion>& v = t.m.versions();
     EXPECT_EQ(t.m.status(), "4 versions.");
     ASSERT_EQ(v.size(), 4);

@@ -1,7 +1,7 @@
 // Updates end to end against the real account service, with releases packed and signed at test
 // time by qm-release: the check, the download, every refusal (each leaving the installed bundle
 // exactly as it was and the download deleted), the install and the relaunch, and the Settings
-// model's behaviour around them.
+// model's behaviour around them, waiting for a drive being written among it.
 #include <gtest/gtest.h>
 
 #include <QDir>
@@ -21,7 +21,11 @@
 
 #include <map>
 
+#include "backup_model.h"
+#include "flash_fakes.h"
+#include "history_model.h"
 #include "local_service.h"
+#include "running_work.h"
 #include "settings_model.h"
 #include "update_banner.h"
 #include "update_notes.h"
@@ -475,6 +479,38 @@ TEST_F(UpdaterTest, SettingsModelSkipsDismissesAndRecovers) {
         EXPECT_EQ(UpdateSettings::skippedVersion(), "0.2.0");
     }
     EXPECT_EQ(leftovers(), QStringList()) << leftovers().join(", ").toStdString();
+}
+
+// While a drive is written, quitting says so, and Install now downloads and checks but puts the
+// new copy in place and restarts only once the write has ended; no write starts meanwhile.
+TEST_F(UpdaterTest, AWriteHoldsTheQuitAndTheRestart) {
+    release("0.2.0", bundleEntries("0.2.0", key_));
+    SettingsModel m(identity(), std::nullopt);
+    HeldWrite write;
+    DriveSelection drives;
+    BackupModel backup(&drives);
+    HistoryModel history(&drives);
+    auto quitQuestion = [&] {
+        auto warning = RunningWork::quitWarning(write.model, backup, history);
+        return warning ? warning->question : QString();
+    };
+    RunningWork::keepUpdatesOffWrites(write.model, m);
+    bool exited = false;
+    m.setExit([&] { exited = true; });
+    m.checkNow();
+    ASSERT_TRUE(QTest::qWaitFor([&] { return m.found().has_value(); }, 30000));
+    EXPECT_EQ(quitQuestion(), "");
+    ASSERT_TRUE(write.start());
+    EXPECT_EQ(quitQuestion(), "Quit while the drive is being written?");
+    m.updateNow();
+    ASSERT_TRUE(QTest::qWaitFor([&] { return m.status() == SettingsModel::kWaitingForWrite; }, 30000));
+    EXPECT_EQ(Bundle::readManifest(bundle())->version, "0.1.0");
+    write.release();
+    ASSERT_TRUE(QTest::qWaitFor([&] { return exited; }, 30000));
+    EXPECT_EQ(quitQuestion(), "");
+    EXPECT_EQ(Bundle::readManifest(bundle())->version, "0.2.0");
+    write.model.flash();
+    EXPECT_EQ(write.model.status(), "An update is being installed; the app restarts in a moment.");
 }
 
 }  // namespace

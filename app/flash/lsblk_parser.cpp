@@ -1,5 +1,7 @@
 #include "lsblk_parser.h"
 
+#include "disk_policy.h"
+
 #include <QHash>
 #include <QJsonArray>
 #include <QJsonDocument>
@@ -38,24 +40,6 @@ QString decodeHexEscapes(const QString& s) {
             const int hi = hexDigit(in[i + 2]), lo = hexDigit(in[i + 3]);
             if (hi >= 0 && lo >= 0) {
                 out += char(hi * 16 + lo);
-                i += 3;
-                continue;
-            }
-        }
-        out += in[i];
-    }
-    return QString::fromUtf8(out);
-}
-
-// The kernel writes blanks, tabs, newlines and backslashes in paths as "\ooo".
-QString decodeOctalEscapes(const QByteArray& in) {
-    QByteArray out;
-    out.reserve(in.size());
-    for (qsizetype i = 0; i < in.size(); ++i) {
-        if (in[i] == '\\' && i + 3 < in.size()) {
-            const char a = in[i + 1], b = in[i + 2], c = in[i + 3];
-            if (a >= '0' && a <= '3' && b >= '0' && b <= '7' && c >= '0' && c <= '7') {
-                out += char((a - '0') * 64 + (b - '0') * 8 + (c - '0'));
                 i += 3;
                 continue;
             }
@@ -129,17 +113,21 @@ QStringList namesOf(const QJsonObject& o) {
     return out;
 }
 
+std::string local(const QString& s) { return s.toStdString(); }
+
 struct Walk {
     const QSet<QString>& systemDevices;
     QSet<QString> tainted;          // holds, or sits above, something the system uses
     QHash<QString, QString> parent; // name -> PKNAME, for the flat (--list) layout
+    QHash<QString, QStringList> mounts;  // name -> mount points on it or on what sits on it
 
-    // True when this device or anything below it carries the system.
-    bool visit(const QJsonObject& o, int depth) {
+    // True when this device or anything below it carries the system; adds the mount points
+    // of this device and all below it to mountsBelow.
+    bool visit(const QJsonObject& o, int depth, QStringList& mountsBelow) {
         const QStringList names = namesOf(o);
         bool system = depth > kMaxDepth;
         for (const QString& n : names) system = system || systemDevices.contains(n);
-        for (const QString& m : mountPoints(o)) system = system || isSystemMountPoint(m);
+        QStringList here = mountPoints(o);
         const QString pk = text(o, "pkname");
         if (!pk.isEmpty())
             for (const QString& n : names) parent.insert(n, pk);
@@ -147,10 +135,13 @@ struct Walk {
             const QJsonValue children = o.value(QLatin1String("children"));
             if (children.isArray())
                 for (const QJsonValue& c : children.toArray())
-                    if (c.isObject() && visit(c.toObject(), depth + 1)) system = true;
+                    if (c.isObject() && visit(c.toObject(), depth + 1, here)) system = true;
         }
-        if (system)
-            for (const QString& n : names) tainted.insert(n);
+        for (const QString& n : names) {
+            if (system) tainted.insert(n);
+            mounts[n] += here;
+        }
+        mountsBelow += here;
         return system;
     }
 
@@ -164,21 +155,25 @@ struct Walk {
                 work << p;
             }
         }
+        const QHash<QString, QStringList> own = mounts;
+        for (auto it = own.cbegin(); it != own.cend(); ++it) {
+            QString p = parent.value(it.key());
+            for (int depth = 0; !p.isEmpty() && depth <= kMaxDepth; ++depth, p = parent.value(p)) mounts[p] += it.value();
+        }
     }
 };
 
-bool virtualName(const QString& id) {
-    for (const char* prefix : {"loop", "zram", "ram", "dm-", "md", "sr", "fd", "nbd"})
-        if (id.startsWith(QLatin1String(prefix))) return true;
-    return false;
-}
-
-bool isCardName(const QString& id) {
-    // mmcblk0, not its mmcblk0boot0 / mmcblk0rpmb hardware partitions
-    if (!id.startsWith(u"mmcblk") || id.size() == 6) return false;
-    for (qsizetype i = 6; i < id.size(); ++i)
-        if (id[i] < u'0' || id[i] > u'9') return false;
-    return true;
+disk_policy::DiskFacts factsOf(const QJsonObject& o, const QString& id, const Walk& walk) {
+    disk_policy::DiskFacts d;
+    d.name = local(id);
+    d.transport = local(text(o, "tran").toLower());
+    d.transport_known = o.contains(QLatin1String("tran"));
+    d.removable = flag(o.value(QLatin1String("rm"))) || flag(o.value(QLatin1String("hotplug")));
+    for (const QString& n : namesOf(o)) {
+        d.carries_system = d.carries_system || walk.tainted.contains(n);
+        for (const QString& m : walk.mounts.value(n)) d.mount_points.push_back(local(m));
+    }
+    return d;
 }
 
 }  // namespace
@@ -191,26 +186,10 @@ QStringList arguments(bool withMountpoints) {
 }
 
 bool isSystemMountPoint(const QString& m) {
-    static const QSet<QString> system = {
-        QStringLiteral("/"), QStringLiteral("/boot"), QStringLiteral("/boot/efi"),
-        QStringLiteral("/boot/firmware"), QStringLiteral("/usr"), QStringLiteral("/var"),
-        QStringLiteral("/home"), QStringLiteral("[SWAP]"),
-        // the medium a live system runs from
-        QStringLiteral("/cdrom"), QStringLiteral("/run/live/medium"),
-        QStringLiteral("/run/initramfs/live"), QStringLiteral("/run/archiso/bootmnt")};
-    return system.contains(m);
+    return disk_policy::classify_mount(local(m)) == disk_policy::MountUse::System;
 }
 
-bool isSafeDeviceName(const QString& name) {
-    if (name.isEmpty() || name.size() > 64 || name == u"." || name == u".." || name.startsWith(u'-'))
-        return false;
-    for (QChar c : name) {
-        const bool ok = (c >= u'a' && c <= u'z') || (c >= u'A' && c <= u'Z') || (c >= u'0' && c <= u'9') ||
-                        c == u'_' || c == u'-' || c == u'.' || c == u'+';
-        if (!ok) return false;
-    }
-    return true;
-}
+bool isSafeDeviceName(const QString& name) { return disk_policy::is_safe_device_name(local(name)); }
 
 QList<USBDrive> parseDrives(const QByteArray& json, const QSet<QString>& systemDevices) {
     const QJsonDocument doc = QJsonDocument::fromJson(json);  // skips a UTF-8 BOM itself
@@ -219,9 +198,11 @@ QList<USBDrive> parseDrives(const QByteArray& json, const QSet<QString>& systemD
     if (!list.isArray()) return {};
     const QJsonArray devices = list.toArray();
 
-    Walk walk{systemDevices, {}, {}};
-    for (const QJsonValue& d : devices)
-        if (d.isObject()) walk.visit(d.toObject(), 0);
+    Walk walk{systemDevices, {}, {}, {}};
+    for (const QJsonValue& d : devices) {
+        QStringList unused;
+        if (d.isObject()) walk.visit(d.toObject(), 0, unused);
+    }
     walk.climbParents();
 
     QList<USBDrive> out;
@@ -232,47 +213,29 @@ QList<USBDrive> parseDrives(const QByteArray& json, const QSet<QString>& systemD
         if (text(o, "type") != u"disk") continue;
         QString id = text(o, "kname");
         if (id.isEmpty()) id = text(o, "name");
-        if (!isSafeDeviceName(id) || virtualName(id) || seen.contains(id)) continue;
-        bool system = false;
-        for (const QString& n : namesOf(o)) system = system || walk.tainted.contains(n);
-        if (system) continue;
-
-        const QString tran = text(o, "tran").toLower();
-        const bool removable = flag(o.value(QLatin1String("rm"))) || flag(o.value(QLatin1String("hotplug")));
-        const bool usb = tran == u"usb";
-        const bool card = isCardName(id) && (removable || tran == u"mmc");
-        // An lsblk too old for the TRAN column: removable or hot-plug is all there is to go by.
-        const bool noTransport = !o.contains(QLatin1String("tran")) && removable;
-        if (!usb && !card && !noTransport) continue;
+        if (!isSafeDeviceName(id) || seen.contains(id)) continue;
+        if (disk_policy::judge(factsOf(o, id, walk)) != disk_policy::Verdict::Writable) continue;
 
         QString model = trimBlanks(decodeHexEscapes(text(o, "model")));
         if (model.isEmpty()) model = trimBlanks(decodeHexEscapes(text(o, "vendor")));
         if (model.isEmpty()) model = QStringLiteral("USB drive");
         seen.insert(id);
-        out.append(USBDrive{id, model, bytes(o.value(QLatin1String("size")))});
+        out.append(USBDrive{id, model, bytes(o.value(QLatin1String("size"))), QString()});
     }
     return out;
 }
 
 QList<Mount> parseMountinfo(const QByteArray& mountinfo) {
     QList<Mount> out;
-    for (const QByteArray& line : mountinfo.split('\n')) {
-        const QList<QByteArray> f = line.split(' ');
-        // id parent major:minor root mountpoint options [optional...] - fstype source superopts
-        const qsizetype sep = f.indexOf(QByteArray("-"), 6);
-        if (f.size() < 10 || sep < 0 || sep + 2 >= f.size()) continue;
-        out.append(Mount{QString::fromLatin1(f[2]), decodeOctalEscapes(f[4]), decodeOctalEscapes(f[sep + 2])});
-    }
+    for (const disk_policy::Mount& m : disk_policy::parse_mountinfo(mountinfo.toStdString()))
+        out.append(Mount{QString::fromStdString(m.major_minor), QString::fromStdString(m.mount_point),
+                         QString::fromStdString(m.source)});
     return out;
 }
 
 QStringList parseSwaps(const QByteArray& procSwaps) {
     QStringList out;
-    const QList<QByteArray> lines = procSwaps.split('\n');
-    for (qsizetype i = 1; i < lines.size(); ++i) {  // the first line is the column header
-        const QByteArray first = lines[i].simplified().split(' ').value(0);
-        if (!first.isEmpty()) out << decodeOctalEscapes(first);
-    }
+    for (const std::string& name : disk_policy::parse_swaps(procSwaps.toStdString())) out << QString::fromStdString(name);
     return out;
 }
 

@@ -59,8 +59,9 @@ TEST(LsblkParser, RecordedOutputs) {
     }
 }
 
-// Each case holds a USB sda that carries the system, next to an ordinary stick sdb.
-TEST(LsblkParser, SystemDiskNeverListed) {
+// Each case holds a USB sda that the writer would refuse (it carries the system, or someone's
+// files mounted outside the removable-media places), next to an ordinary stick sdb.
+TEST(LsblkParser, DisksTheWriterRefusesNeverListed) {
     const char* stick = R"({"name":"sdb","type":"disk","tran":"usb","size":8,"mountpoints":["/media/x"]})";
     const struct { const char* sda; QSet<QString> system; } cases[] = {
         {R"({"name":"sda","type":"disk","tran":"usb","children":[{"name":"sda2","type":"part","mountpoints":[null,"/"]}]})", {}},
@@ -72,6 +73,10 @@ TEST(LsblkParser, SystemDiskNeverListed) {
         {R"({"name":"sda","type":"disk","tran":"usb"},{"name":"sda1","type":"part","pkname":"sda"},
             {"name":"luks","kname":"dm-1","type":"crypt","pkname":"sda1","mountpoints":["/home"]})", {}},
         {R"({"name":"sda","kname":"sda","type":"disk","tran":"usb"})", {"sda"}},
+        {R"({"name":"sda","type":"disk","tran":"usb","rm":true,"children":[{"name":"sda1","mountpoints":["/data"]}]})", {}},
+        {R"({"name":"sda","type":"disk","tran":"usb"},{"name":"sda1","type":"part","pkname":"sda",
+            "mountpoint":"/media"})", {}},
+        {R"({"name":"mmcblk0","type":"disk","tran":"mmc","children":[{"name":"mmcblk0p2","mountpoint":"/boot/firmware"}]})", {}},
     };
     for (const auto& c : cases)
         EXPECT_EQ(lsblk::parseDrives(devices((QByteArray(c.sda) + "," + stick).constData()), c.system),
@@ -102,6 +107,8 @@ TEST(LsblkParser, ColumnFormsAcrossVersions) {
         {R"({"name":"sdb","type":"disk","tran":"USB","model":"\\x20\tCruzer\\x20Fit\t \n"})",
          {{"sdb", "Cruzer Fit\t \n", 0}}},
         {R"({"name":"sdb","type":"disk","tran":"usb","model":" \t","vendor":"Argon   "})", {{"sdb", "Argon", 0}}},
+        {R"({"name":"sdb","type":"disk","tran":"usb","children":[{"name":"sdb1","mountpoints":["/run/media/me/DECK"]},
+            {"name":"sdb2","mountpoint":"/media/me/x"}]})", {{"sdb", "USB drive", 0}}},
     };
     for (const auto& c : cases) EXPECT_EQ(lsblk::parseDrives(devices(c.dev), {}), c.want) << c.dev;
     EXPECT_EQ(lsblk::parseDrives("\xEF\xBB\xBF" + devices(R"({"name":"sdb","type":"disk","tran":"usb"})"), {}).size(), 1);

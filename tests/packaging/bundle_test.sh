@@ -45,7 +45,9 @@ pngs=$(find "$work/shots" -name '*.png' | wc -l)
 printf 'keep' >"$work/victim"
 for args in "--allow-regular-file $work/victim" "--inflater=zlib $work/victim" "$work/victim"; do
   # shellcheck disable=SC2086  # the arguments are split on purpose
-  "$app/share/quillmate-flasher/qm-writer" "$app/share/quillmate-flasher/images/uefi_fat32.img.gz" $args >/dev/null
+  if "$app/share/quillmate-flasher/qm-writer" "$app/share/quillmate-flasher/images/uefi_fat32.img.gz" $args >/dev/null; then
+    fail "the installed writer accepted: $args"
+  fi
 done
 [[ $(cat "$work/victim") == keep ]] || fail "the installed writer wrote to a regular file"
 [[ -z $(find "$app" -name 'qm-writer-test*') ]] || fail "the test writer was installed"

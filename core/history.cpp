@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -88,29 +89,10 @@ uint8_t* read_whole(const char* path, long* len) {
     return buf;
 }
 
-// Opens for writing without following a link or blocking on a FIFO.
-FILE* open_for_writing(const char* path, int flags) {
-    int fd = drive_files::open_regular_for_writing(path, flags | O_CREAT, 0644);
-    if (fd < 0) return nullptr;
-    FILE* f = fdopen(fd, (flags & O_RDWR) ? "r+b" : "wb");
-    if (!f) close(fd);
-    return f;
-}
-
-bool write_whole(const char* path, const void* data, size_t len) {
-    FILE* f = open_for_writing(path, O_WRONLY | O_TRUNC);
-    if (!f) return false;
-    bool ok = std::fwrite(data, 1, len, f) == len;
-    ok = std::fflush(f) == 0 && ok;
-    ok = std::fclose(f) == 0 && ok;
-    return ok;
-}
-
 // True when the file is empty or ends with a line feed, so an appended line starts a line of its own.
-bool ends_with_newline(FILE* f) {
-    struct stat st;
+bool ends_with_newline(int fd, off_t size) {
     char last = '\n';
-    return fstat(fileno(f), &st) == 0 && (st.st_size == 0 || (pread(fileno(f), &last, 1, st.st_size - 1) == 1 && last == '\n'));
+    return size == 0 || (pread(fd, &last, 1, size - 1) == 1 && last == '\n');
 }
 
 void copy_field(char* dst, size_t width, const char* src, size_t len) {
@@ -223,22 +205,6 @@ void version_file_name(char out[64], int32_t number, const char* stamp, const ch
 
 bool stamp_is_clean(const char* stamp) { return !std::strpbrk(stamp, "\t\n\r/\\"); }
 
-bool append_log_line(const qm_history* h, int32_t number, const qm_version_entry* latest, uint64_t hash,
-                     size_t len, const char* file, const char* stamp, int32_t restored) {
-    char path[kPathMax];
-    if (!history_path(path, h->root, h->doc, "history.log")) return false;
-    FILE* f = open_for_writing(path, O_RDWR | O_APPEND);
-    if (!f) return false;
-    bool newline_first = !ends_with_newline(f);
-    const char* branch = latest && latest->branch[0] ? latest->branch : "main";
-    char tag[64];
-    std::snprintf(tag, sizeof tag, "reverted to version %d", restored);
-    int w = std::fprintf(f, "%s%d\t%d\t%s\t%c\t%016llx\t%lu\t%s\t%.23s\t%s\n", newline_first ? "\n" : "", number, latest ? latest->id : 0, branch,
-                         't', static_cast<unsigned long long>(hash), static_cast<unsigned long>(len), file, stamp, tag);
-    bool ok = std::fclose(f) == 0 && w > 0;
-    return ok;
-}
-
 // Keeps the deck's own lines (not "base"), up to about 1.9 KiB, whole lines only.
 size_t kept_refs_lines(const char* old, long len, char out[kRefsKeep]) {
     size_t kept = 0;
@@ -259,23 +225,149 @@ size_t kept_refs_lines(const char* old, long len, char out[kRefsKeep]) {
     return kept;
 }
 
-bool rewrite_refs(const qm_history* h, uint64_t hash, size_t len) {
-    char path[kPathMax];
-    if (!history_path(path, h->root, h->doc, "refs")) return false;
-    char kept[kRefsKeep];
+// The refs file as it will be after the restore: the deck's lines kept, then the new base line.
+size_t new_refs(const char* path, uint64_t hash, size_t len, char out[kRefsKeep + 64]) {
     size_t n = 0;
     long old_len = 0;
     if (uint8_t* old = read_whole(path, &old_len)) {
-        n = kept_refs_lines(reinterpret_cast<const char*>(old), old_len, kept);
+        n = kept_refs_lines(reinterpret_cast<const char*>(old), old_len, out);
         std::free(old);
     }
-    FILE* f = open_for_writing(path, O_WRONLY | O_TRUNC);
-    if (!f) return false;
-    bool ok = std::fwrite(kept, 1, n, f) == n;
-    ok = std::fprintf(f, "base\t%016llx\t%lu\n", static_cast<unsigned long long>(hash),
-                      static_cast<unsigned long>(len)) > 0 && ok;
-    ok = std::fclose(f) == 0 && ok;
-    return ok;
+    int w = std::snprintf(out + n, 64, "base\t%016llx\t%lu\n", static_cast<unsigned long long>(hash),
+                          static_cast<unsigned long>(len));
+    return n + size_t(w);
+}
+
+// Whether path is free for a regular file or holds one; a link, folder or FIFO standing there
+// is never replaced. mode receives the file's permissions, or the default for a new file.
+bool regular_or_absent(const char* path, mode_t* mode) {
+    struct stat st;
+    *mode = 0644;
+    if (lstat(path, &st) != 0) return errno == ENOENT;
+    *mode = st.st_mode & 07777;
+    return S_ISREG(st.st_mode);
+}
+
+bool folder_of(char dst[kPathMax], const char* path) {
+    const char* slash = std::strrchr(path, '/');
+    if (!slash) return false;
+    std::snprintf(dst, kPathMax, "%.*s", int(slash == path ? 1 : slash - path), path);
+    return true;
+}
+
+// Makes a rename or a new name in the folder reach the drive. Best effort: some file systems
+// refuse to flush a folder, and the files themselves are flushed already.
+void flush_folder(const char* path) {
+    char folder[kPathMax];
+    if (!folder_of(folder, path)) return;
+    int fd = open(folder, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (fd < 0) return;
+    fsync(fd);
+    close(fd);
+}
+
+bool write_flushed(int fd, const void* data, size_t len, mode_t mode) {
+    fchmod(fd, mode);  // may be refused where the file system has no permissions; harmless
+    bool ok = drive_files::write_all(fd, data, len) && fsync(fd) == 0;
+    return close(fd) == 0 && ok;
+}
+
+// A file written in full under a dot name beside its final place, waiting to be renamed over it.
+struct Pending {
+    char temp[kPathMax] = "";
+    bool write(const char* target, const void* data, size_t len, mode_t mode) {
+        char folder[kPathMax];
+        int w = folder_of(folder, target) ? std::snprintf(temp, sizeof temp, "%s/.qm-restore-XXXXXX", folder) : -1;
+        int fd = w >= 0 && size_t(w) < sizeof temp ? mkostemp(temp, O_CLOEXEC) : -1;
+        if (fd < 0) {
+            temp[0] = 0;
+            return false;
+        }
+        return write_flushed(fd, data, len, mode);
+    }
+    bool rename_to(const char* target) {
+        if (rename(temp, target) != 0) return false;
+        temp[0] = 0;
+        flush_folder(target);
+        return true;
+    }
+    ~Pending() {
+        if (temp[0]) unlink(temp);
+    }
+};
+
+// Appends one whole line to the log and flushes it; on any failure the log is cut back to
+// old_size, so no half line stays.
+bool append_flushed(int fd, off_t old_size, const char* line, size_t len) {
+    if (drive_files::write_all(fd, line, len) && fsync(fd) == 0) return true;
+    if (ftruncate(fd, old_size) == 0) fsync(fd);
+    return false;
+}
+
+bool names_a_version(const qm_history* h, const char* file) {
+    for (int32_t i = 0; i < h->count; ++i)
+        if (std::strcmp(h->entries[i].file, file) == 0) return true;
+    return false;
+}
+
+// Adds the saved point so that a failure (a full or read-only drive, a document that cannot be
+// replaced) leaves the document and every file of its history as they were: everything that
+// takes room on the drive is written and flushed first, then the log line is appended (and cut
+// back on failure), then the document is replaced by a rename. A drive pulled out part way
+// leaves at worst a file that no log line names. Only refs follows the point of no return; if
+// its rename fails the restore still stands, and the stale base line only makes the deck take
+// one more snapshot.
+int32_t add_saved_point(const qm_history* h, int32_t restored, const char* stamp, const uint8_t* text, size_t len) {
+    const qm_version_entry* latest = latest_version(h);
+    if (latest->id == INT32_MAX) return QM_EIO;
+    int32_t number = (latest->id < 0 ? 0 : latest->id) + 1;
+    char file[64], version_path[kPathMax], doc_path[kPathMax], log_path[kPathMax], refs_path[kPathMax];
+    version_file_name(file, number, stamp, h->doc);
+    if (!history_path(version_path, h->root, h->doc, file) || !join2(doc_path, h->root, h->doc) ||
+        !history_path(log_path, h->root, h->doc, "history.log") || !history_path(refs_path, h->root, h->doc, "refs"))
+        return QM_EIO;
+    mode_t doc_mode, refs_mode, version_mode;
+    if (names_a_version(h, file) || !regular_or_absent(doc_path, &doc_mode) || !regular_or_absent(refs_path, &refs_mode) ||
+        !regular_or_absent(version_path, &version_mode))
+        return QM_EIO;
+
+    uint64_t hash = fnv1a64(text, len);
+    char refs[kRefsKeep + 64];
+    size_t refs_len = new_refs(refs_path, hash, len, refs);
+    int log = drive_files::open_regular_for_writing(log_path, O_RDWR | O_APPEND, 0);
+    struct stat log_st;
+    if (log < 0 || fstat(log, &log_st) != 0) {
+        if (log >= 0) close(log);
+        return QM_EIO;
+    }
+    char line[320];
+    char tag[64];
+    std::snprintf(tag, sizeof tag, "reverted to version %d", restored);
+    int line_len = std::snprintf(line, sizeof line, "%s%d\t%d\t%s\t%c\t%016llx\t%lu\t%s\t%.23s\t%s\n",
+                                 ends_with_newline(log, log_st.st_size) ? "" : "\n", number, latest->id,
+                                 latest->branch[0] ? latest->branch : "main", 't', static_cast<unsigned long long>(hash),
+                                 static_cast<unsigned long>(len), file, stamp, tag);
+
+    // A file already bearing the new name is one that no log line names (checked above), left by
+    // an interrupted restore, and is replaced.
+    int version = drive_files::open_regular_for_writing(version_path, O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    bool version_made = version >= 0;
+    Pending doc_temp, refs_temp;
+    bool ok = version_made && write_flushed(version, text, len, 0644) && doc_temp.write(doc_path, text, len, doc_mode) &&
+              refs_temp.write(refs_path, refs, refs_len, refs_mode);
+    if (ok) flush_folder(version_path);  // the version file's name reaches the drive before a log line names it
+    ok = ok && append_flushed(log, log_st.st_size, line, size_t(line_len));
+    if (ok && !doc_temp.rename_to(doc_path)) {
+        if (ftruncate(log, log_st.st_size) == 0) fsync(log);
+        ok = false;
+    }
+    close(log);
+    if (!ok) {
+        if (version_made) unlink(version_path);
+        return QM_EIO;
+    }
+    refs_temp.rename_to(refs_path);
+    return QM_OK;
 }
 
 }  // namespace
@@ -354,23 +446,7 @@ extern "C" int32_t qm_qmv_revert(qm_history* h, int32_t id, const char* stamp) {
     if (!text) return QM_EIO;
     int32_t len = qm_version_read(h, id, text, QM_TEXT_LIMIT + 1);
     if (len >= 0 && !history_folder_is_real(h->root, h->doc)) len = QM_EIO;  // swapped for a link since opening
-    const qm_version_entry* latest = latest_version(h);
-    int32_t rc = len < 0 ? len : latest->id == INT32_MAX ? QM_EIO : QM_OK;
-
-    char file[64], version_path[kPathMax], doc_path[kPathMax];
-    int32_t number = rc == QM_OK ? (latest->id < 0 ? 0 : latest->id) + 1 : 0;
-    if (rc == QM_OK) {
-        version_file_name(file, number, stamp, h->doc);
-        bool paths = history_path(version_path, h->root, h->doc, file) && join2(doc_path, h->root, h->doc);
-        if (!paths || !write_whole(version_path, text, size_t(len)) || !write_whole(doc_path, text, size_t(len)))
-            rc = QM_EIO;
-    }
-    if (rc == QM_OK) {
-        uint64_t hash = fnv1a64(text, size_t(len));
-        if (!append_log_line(h, number, latest, hash, size_t(len), file, stamp, id) ||
-            !rewrite_refs(h, hash, size_t(len)))
-            rc = QM_EIO;
-    }
+    int32_t rc = len < 0 ? len : add_saved_point(h, id, stamp, text, size_t(len));
     std::free(text);
     return rc;
 }

@@ -222,7 +222,8 @@ int32_t qm_history_get(const qm_history* h, int32_t index, qm_version_entry* out
 int32_t qm_version_read(const qm_history* h, int32_t id, uint8_t* buf, int32_t cap);
 int32_t qm_doc_read(const char* root, const char* doc, uint8_t* buf, int32_t cap);
 /* Restores version id as a new saved point; stamp is "yyyy-MM-dd HH:mm:ss". A stamp holding a
- * tab, a line break or a path separator is refused (-1), since it goes into the log and a file name. */
+ * tab, a line break or a path separator is refused (-1), since it goes into the log and a file name.
+ * On failure the document and its history are left as they were. */
 int32_t qm_qmv_revert(qm_history* h, int32_t id, const char* stamp);
 /* Names of the documents with a history, each followed by a line feed; returns the count. */
 int32_t qm_qmv_docs(const char* root, char* out, int32_t cap);

@@ -1,14 +1,20 @@
 // Document histories on drives written by the deck simulator and by hand: reading, restoring,
 // the log's odd lines, and names, links and FIFOs on a drive that try to lead elsewhere.
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sched.h>
+#include <sys/mount.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstring>
 #include <filesystem>
 #include <map>
+#include <optional>
 #include <set>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "documents.h"
@@ -64,6 +70,15 @@ std::map<std::string, std::string> tree(const std::string& root) {
         out[e.path().string()] = e.is_regular_file() ? slurp(e.path().string()) : "<other>";
     return out;
 }
+// The paths whose content differs between two trees, or that only one of them has.
+std::string changed_paths(const std::map<std::string, std::string>& a, const std::map<std::string, std::string>& b) {
+    std::string out;
+    for (const auto& [path, data] : a)
+        if (!b.count(path) || b.at(path) != data) out += path + " ";
+    for (const auto& [path, data] : b)
+        if (!a.count(path)) out += path + " ";
+    return out;
+}
 
 TEST(LogLines, OddFieldCountsCutFieldsCrlfAndSizeLimits) {
     TempDir dir;
@@ -87,23 +102,30 @@ TEST(LogLines, OddFieldCountsCutFieldsCrlfAndSizeLimits) {
     }
 }
 
-// A document with seven versions; its refs hold deck lines around a stale base line by default.
+// A document with seven versions under root; its refs hold deck lines around a stale base line by
+// default. Returns the log.
+std::string version_text(int v) { return "Version " + std::to_string(v) + "\nof the notes\n"; }
+std::string write_seven_versions(const std::string& root, const std::string& doc = "Notes.txt",
+                                 bool final_newline = true, const std::string& refs = kRefs) {
+    std::string log = "QMV\t1\n";
+    for (int v = 1; v <= 7; ++v) {
+        spit(root + "/.qmv/" + doc + "/v" + std::to_string(v) + ".txt", version_text(v));
+        log += std::to_string(v) + "\t" + std::to_string(v - 1) + "\tmain\ta\t0\t23\tv" + std::to_string(v) +
+               ".txt\t2025-03-01 09:00:00\n";
+    }
+    if (!final_newline) log.pop_back();
+    spit(root + "/.qmv/" + doc + "/history.log", log);
+    if (!refs.empty()) spit(root + "/.qmv/" + doc + "/refs", refs);
+    spit(root + "/" + doc, version_text(7));
+    return log;
+}
+
 struct SevenVersions {
     TempDir dir;
-    std::string log = "QMV\t1\n";
+    std::string log;
     explicit SevenVersions(const std::string& doc = "Notes.txt", bool final_newline = true,
-                           const std::string& refs = kRefs) {
-        for (int v = 1; v <= 7; ++v) {
-            spit(dir / (".qmv/" + doc + "/v" + std::to_string(v) + ".txt"), text(v));
-            log += std::to_string(v) + "\t" + std::to_string(v - 1) + "\tmain\ta\t0\t23\tv" + std::to_string(v) +
-                   ".txt\t2025-03-01 09:00:00\n";
-        }
-        if (!final_newline) log.pop_back();
-        spit(dir / (".qmv/" + doc + "/history.log"), log);
-        if (!refs.empty()) spit(dir / (".qmv/" + doc + "/refs"), refs);
-        spit(dir / doc, text(7));
-    }
-    static std::string text(int v) { return "Version " + std::to_string(v) + "\nof the notes\n"; }
+                           const std::string& refs = kRefs)
+        : log(write_seven_versions(dir.path(), doc, final_newline, refs)) {}
 };
 
 // A restore adds saved point 8: version file, document, log line and refs (deck lines up to 1919 bytes).
@@ -120,7 +142,7 @@ TEST(Restore, AddsASavedPointAndRewritesDocumentLogAndRefs) {
     for (const auto& c : cases) {
         SCOPED_TRACE(c.doc + (c.final_newline ? "" : ", no final line feed"));
         SevenVersions d(c.doc, c.final_newline, c.refs);
-        const std::string folder = d.dir / (".qmv/" + c.doc + "/"), v3 = SevenVersions::text(3);
+        const std::string folder = d.dir / (".qmv/" + c.doc + "/"), v3 = version_text(3);
         History hist(d.dir.path(), c.doc);
         for (const char* stamp : {"2025/03/03 14:05:09", "2025-03-03\t14:05:09", "2025-03-03\n14:05:09"})
             EXPECT_EQ(qm_qmv_revert(hist.h, 3, stamp), QM_EARG) << "a stamp may not name a folder nor break the log";
@@ -129,6 +151,96 @@ TEST(Restore, AddsASavedPointAndRewritesDocumentLogAndRefs) {
         EXPECT_EQ(slurp(folder + "history.log"), d.log + (c.final_newline ? "" : "\n") + "8\t7\tmain\tt\t" +
                   hash_of(v3) + "\t23\t" + c.file + "\t2025-03-03 14:05:09\treverted to version 3\n");
         EXPECT_EQ(slurp(folder + "refs"), c.refs_kept + "base\t" + hash_of(v3) + "\t23\n");
+    }
+}
+
+// A file system mounted for a test and unmounted on every way out. The process first takes a
+// mount namespace of its own, so even a crash leaves nothing mounted for anyone else.
+class TestMount {
+public:
+    static TestMount tmpfs(const std::string& at, const char* options) {
+        fs::create_directories(at);
+        return TestMount(at, [&] { return mount("qm-test", at.c_str(), "tmpfs", 0, options) == 0; });
+    }
+    static TestMount read_only_bind(const std::string& path) {
+        TestMount m(path, [&] { return mount(path.c_str(), path.c_str(), nullptr, MS_BIND, nullptr) == 0; });
+        m.ok_ = m.ok_ && m.remount(MS_BIND | MS_RDONLY);
+        return m;
+    }
+    TestMount(TestMount&& o) noexcept : at_(o.at_), mounted_(std::exchange(o.mounted_, false)), ok_(o.ok_) {}
+    ~TestMount() {
+        if (mounted_) umount2(at_.c_str(), MNT_DETACH);
+    }
+    bool ok() const { return ok_; }
+    bool remount(unsigned long flags) { return mount(nullptr, at_.c_str(), nullptr, MS_REMOUNT | flags, nullptr) == 0; }
+
+private:
+    template <class Mount>
+    TestMount(std::string at, Mount mount_it) : at_(std::move(at)) {
+        static const bool own_namespace =
+            unshare(CLONE_NEWNS) == 0 && mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0;
+        (void)own_namespace;  // without one, the destructor alone cleans up
+        mounted_ = ok_ = mount_it();
+    }
+    std::string at_;
+    bool mounted_ = false, ok_ = false;
+};
+
+const long kPage = sysconf(_SC_PAGESIZE);
+
+// Fills the file system holding root, then frees `pages` pages again.
+void fill_leaving(const std::string& root, int pages) {
+    int fd = open((root + "/filler").c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+    ASSERT_GE(fd, 0);
+    const std::string block(size_t(kPage), 'f');
+    off_t size = 0;
+    for (ssize_t w; (w = write(fd, block.data(), block.size())) > 0;) size += w;
+    ASSERT_EQ(ftruncate(fd, std::max<off_t>(0, (size + kPage - 1) / kPage - pages) * kPage), 0);
+    close(fd);
+}
+
+// A restore on a drive that fills up at each of its steps, that is read-only, or whose document
+// cannot be replaced: it either completes or leaves every byte of the drive as it was.
+TEST(Restore, AFullOrReadOnlyDriveLeavesDocumentAndHistoryAsTheyWere) {
+    if (geteuid() != 0) GTEST_SKIP() << "SKIPPED: needs root to mount a tmpfs";
+    TempDir dir;
+    const std::string root = dir / "drive", folder = root + "/.qmv/Notes.txt/", v3 = version_text(3);
+    // Each file written takes a page; the log is padded so that the new line takes a fresh one.
+    const struct { const char* what; int free_pages; bool read_only, doc_read_only; int32_t rc; } cases[] = {
+        {"no room for the version file", 0, false, false, QM_EIO},
+        {"no room for the document's new text", 1, false, false, QM_EIO},
+        {"no room for the new refs", 2, false, false, QM_EIO},
+        {"no room for the log line", 3, false, false, QM_EIO},
+        {"just enough room", 4, false, false, QM_OK},
+        {"a read-only drive", 8, true, false, QM_EIO},
+        {"a document that cannot be replaced", 8, false, true, QM_EIO},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.what);
+        TestMount drive = TestMount::tmpfs(root, "size=256k");
+        if (!drive.ok()) GTEST_SKIP() << "SKIPPED: cannot mount a tmpfs here";
+        std::string log = write_seven_versions(root);
+        log += std::string(size_t(kPage) - 16 - log.size(), '\n');  // blank lines, which readers skip
+        spit(folder + "history.log", log);
+        fill_leaving(root, c.free_pages);
+        if (c.read_only) {
+            ASSERT_TRUE(drive.remount(MS_RDONLY));
+        }
+        std::optional<TestMount> doc;
+        if (c.doc_read_only) {
+            ASSERT_TRUE(doc.emplace(TestMount::read_only_bind(root + "/Notes.txt")).ok());
+        }
+        const auto before = tree(root);
+        History hist(root, "Notes.txt");
+        EXPECT_EQ(qm_qmv_revert(hist.h, 3, kStamp), c.rc);
+        if (c.rc != QM_OK) {
+            EXPECT_EQ(changed_paths(before, tree(root)), "") << "a failed restore leaves the drive as it was";
+            continue;
+        }
+        EXPECT_EQ(slurp(root + "/Notes.txt") + "|" + slurp(folder + "0008-2025-03-03 14.txt"), v3 + "|" + v3);
+        EXPECT_EQ(slurp(folder + "history.log"), log + "8\t7\tmain\tt\t" + hash_of(v3) +
+                  "\t23\t0008-2025-03-03 14.txt\t2025-03-03 14:05:09\treverted to version 3\n");
+        EXPECT_EQ(slurp(folder + "refs"), "head\t7\nsync\tdeck\nbase\t" + hash_of(v3) + "\t23\n");
     }
 }
 

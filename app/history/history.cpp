@@ -2,6 +2,11 @@
 
 #include <QByteArray>
 #include <QDateTime>
+#include <QFile>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <cerrno>
 #include <vector>
 
 namespace {
@@ -18,6 +23,23 @@ DocVersion version_of(const qm_version_entry& e) {
 
 QString text_up_to_nul(const QByteArray& buf) { return QString::fromUtf8(buf.constData()); }
 
+// The core only says that a read failed; the file itself tells why. A name that would lead out
+// of its folder is not looked at.
+TextRead failed_read(const QString& folder, const QString& name) {
+    struct stat st {};
+    const bool plain = !name.isEmpty() && name != QLatin1String(".") && name != QLatin1String("..") &&
+                       !name.contains(QLatin1Char('/')) && !name.contains(QLatin1Char('\\'));
+    if (!plain) return {};
+    if (::lstat(QFile::encodeName(folder + QLatin1Char('/') + name).constData(), &st) != 0)
+        return {std::nullopt, errno == ENOENT ? ReadProblem::missing : ReadProblem::unreadable};
+    if (S_ISREG(st.st_mode) && st.st_size > QM_TEXT_LIMIT) return {std::nullopt, ReadProblem::tooLarge};
+    return {};
+}
+
+TextRead read_result(int32_t n, const QByteArray& buf, const QString& folder, const QString& name) {
+    return n >= 0 ? TextRead{text_up_to_nul(buf)} : failed_read(folder, name);
+}
+
 }  // namespace
 
 std::unique_ptr<History> History::open(const QString& root, const QString& doc, QmError* error) {
@@ -28,10 +50,11 @@ std::unique_ptr<History> History::open(const QString& root, const QString& doc, 
         return nullptr;
     }
     if (error) *error = QmError::ok;
-    return std::unique_ptr<History>(new History(h));
+    return std::unique_ptr<History>(new History(h, root, doc));
 }
 
-History::History(qm_history* handle) : handle_(handle) {
+History::History(qm_history* handle, const QString& root, const QString& doc)
+    : handle_(handle), root_(root), doc_(doc) {
     int32_t n = qm_history_count(handle_);
     for (int32_t i = 0; i < n; ++i) {
         qm_version_entry e;
@@ -41,10 +64,11 @@ History::History(qm_history* handle) : handle_(handle) {
 
 History::~History() { qm_history_close(handle_); }
 
-QString History::read(int32_t version) const {
+TextRead History::read(int32_t version) const {
     QByteArray buf(kTextCapacity, '\0');
     int32_t n = qm_version_read(handle_, version, reinterpret_cast<uint8_t*>(buf.data()), kTextCapacity);
-    return n >= 1 ? text_up_to_nul(buf) : QString();
+    auto v = std::find_if(versions_.begin(), versions_.end(), [&](const DocVersion& e) { return e.id == version; });
+    return read_result(n, buf, root_ + QStringLiteral("/.qmv/") + doc_, v == versions_.end() ? QString() : v->file);
 }
 
 QmError History::revert(int32_t version) const {
@@ -58,11 +82,11 @@ QStringList History::documents(const QString& root) {
     return text_up_to_nul(buf).split(QLatin1Char('\n'), Qt::SkipEmptyParts);
 }
 
-QString History::liveDocument(const QString& root, const QString& doc) {
+TextRead History::liveDocument(const QString& root, const QString& doc) {
     QByteArray buf(kTextCapacity, '\0');
     int32_t n = qm_doc_read(root.toUtf8().constData(), doc.toUtf8().constData(),
                             reinterpret_cast<uint8_t*>(buf.data()), kTextCapacity);
-    return n > 0 ? text_up_to_nul(buf) : QString();
+    return read_result(n, buf, root, doc);
 }
 
 std::optional<QList<DiffRow>> History::diff(const QString& a, const QString& b) {

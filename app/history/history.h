@@ -19,6 +19,16 @@ struct DocVersion {
     QString tag;
 };
 
+// Why a version's text or the document could not be read.
+enum class ReadProblem { missing, tooLarge, unreadable };
+
+// A text read from the drive, or why it could not be read (an empty text is a text).
+struct TextRead {
+    std::optional<QString> text;
+    ReadProblem problem = ReadProblem::unreadable;  // when there is no text
+    explicit operator bool() const { return text.has_value(); }
+};
+
 enum class DiffOp : int32_t { equal = 0, change = 1, del = 2, add = 3 };
 
 struct DiffRow {
@@ -39,19 +49,21 @@ public:
     History& operator=(const History&) = delete;
 
     const QList<DocVersion>& versions() const { return versions_; }
-    // The version's text; empty when it cannot be read (an empty version looks the same).
-    QString read(int32_t version) const;
+    // The version's text, or why its file cannot be read.
+    TextRead read(int32_t version) const;
     // Adds a saved point holding that version's text, stamped with the local time now.
     QmError revert(int32_t version) const;
 
     static QStringList documents(const QString& root);
-    static QString liveDocument(const QString& root, const QString& doc);
+    // The document's text on the drive now.
+    static TextRead liveDocument(const QString& root, const QString& doc);
     // The rows pairing the lines of a and b, or none when the texts are too large to compare
     // (more scratch than the core's 4 MiB, or more than kDiffRows rows). Reentrant.
     static std::optional<QList<DiffRow>> diff(const QString& a, const QString& b);
 
 private:
-    explicit History(qm_history* handle);
+    History(qm_history* handle, const QString& root, const QString& doc);
     qm_history* handle_;
+    QString root_, doc_;
     QList<DocVersion> versions_;
 };

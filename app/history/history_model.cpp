@@ -51,16 +51,41 @@ void fill_comparison(State& s, const QString& old, const QString& now) {
                                 : count_text(differences, "line") + QStringLiteral(" differ from the document on the drive now.");
 }
 
+// Why a text cannot be read, as the end of a sentence about a version's file or the document.
+QString why(ReadProblem problem, bool versionFile) {
+    switch (problem) {
+    case ReadProblem::missing: return versionFile ? QStringLiteral("its file is missing") : QStringLiteral("it is missing");
+    case ReadProblem::tooLarge: return QStringLiteral("it is larger than 4 MB");
+    case ReadProblem::unreadable: break;
+    }
+    return versionFile ? QStringLiteral("its file could not be opened") : QStringLiteral("it could not be opened");
+}
+
 State with_shown(const QString& root, State s) {
     s.diffLines.clear();
     s.text.clear();
     std::unique_ptr<History> h = s.document && s.selected ? History::open(root, *s.document, nullptr) : nullptr;
     if (!h) return s;  // the status is left as it is
-    QString old = h->read(*s.selected);
-    if (s.showingDiff)
-        fill_comparison(s, old, History::liveDocument(root, *s.document));
-    else
-        s.text = old;
+    const bool failedBefore = s.readFailed;
+    s.readFailed = true;  // until both reads below succeed
+    TextRead old = h->read(*s.selected);
+    if (!old) {
+        s.status = QStringLiteral("Version %1 cannot be read: %2.").arg(*s.selected).arg(why(old.problem, true));
+        return s;
+    }
+    if (s.showingDiff) {
+        TextRead now = History::liveDocument(root, *s.document);
+        if (!now) {
+            s.status = QStringLiteral("The document on the drive cannot be read: %1.").arg(why(now.problem, false));
+            return s;
+        }
+        fill_comparison(s, *old.text, *now.text);
+    } else {
+        s.text = *old.text;
+        // Reading leaves the status alone, except a read failure's, which no longer holds.
+        if (failedBefore) s.status = count_text(s.versions.size(), "version") + QLatin1Char('.');
+    }
+    s.readFailed = false;
     return s;
 }
 
@@ -95,11 +120,17 @@ State with_documents(const QString& root, State s) {
 State after_revert(const QString& root, State s) {
     std::unique_ptr<History> h = s.document && s.selected ? History::open(root, *s.document, nullptr) : nullptr;
     if (!h) return s;
-    QmError result = h->revert(*s.selected);
+    const int32_t restored = *s.selected;
+    QmError result = h->revert(restored);
+    // The version's own file, rather than the drive, is the usual reason a restore fails.
+    TextRead version = result == QmError::ok ? TextRead{QString()} : h->read(restored);
     h.reset();
     s = with_versions(root, std::move(s));
     // A success reads as the new count; a failure keeps saying what went wrong.
-    if (result != QmError::ok) s.status = QStringLiteral("Could not restore: ") + qmErrorMessage(result);
+    if (!version)
+        s.status = QStringLiteral("Could not restore version %1: %2.").arg(restored).arg(why(version.problem, true));
+    else if (result != QmError::ok)
+        s.status = QStringLiteral("Could not restore: ") + qmErrorMessage(result);
     return s;
 }
 

@@ -65,6 +65,7 @@ public:
         QList<DiffLine> diffLines;
         bool showingDiff = false;
         QString status = kNoDriveStatus;
+        bool readFailed = false;  // the status says why the shown text could not be read
     };
 
 signals:

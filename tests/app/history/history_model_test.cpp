@@ -5,6 +5,7 @@
 
 #include <QDir>
 #include <QTest>
+#include <filesystem>
 
 #include "deck_drive.h"
 #include "history_model.h"
@@ -51,7 +52,7 @@ TEST(HistoryChain, DeckDriveListsDocumentsAndVersionsNewestFirst) {
     for (int i = 1; i < m.versions().size(); ++i) EXPECT_GT(m.versions()[i - 1].id, m.versions()[i].id);
     EXPECT_EQ(m.selected(), m.versions().first().id);
     EXPECT_EQ(m.status(), QString("%1 versions.").arg(m.versions().size()));
-    EXPECT_EQ(m.text(), History::liveDocument(root, *m.document()));  // the newest version is the document now
+    EXPECT_EQ(m.text(), History::liveDocument(root, *m.document()).text);  // the newest version is the document now
 
     // Choosing a document and then another at once: only the last choice is shown.
     t.settled = 0;
@@ -60,7 +61,7 @@ TEST(HistoryChain, DeckDriveListsDocumentsAndVersionsNewestFirst) {
     t.settle();
     EXPECT_EQ(t.settled, 1);
     EXPECT_EQ(m.document(), m.documents()[2]);
-    EXPECT_EQ(m.text(), History::liveDocument(root, m.documents()[2]));
+    EXPECT_EQ(m.text(), History::liveDocument(root, m.documents()[2]).text);
 }
 
 TEST(HistoryChain, ReadingComparingAndTheirTexts) {
@@ -103,7 +104,7 @@ TEST(HistoryChain, TextsTooLargeToCompareAreNotCalledIdentical) {
     EXPECT_TRUE(t.m.diffLines().isEmpty());
 }
 
-TEST(HistoryChain, RestoreAddsASavedPointAndAFailedOneSaysSo) {
+TEST(HistoryChain, RestoreAddsASavedPoint) {
     TempDir dir;
     QString root = handMadeHistory(dir, "Notes.txt", {"first", "second", "third"}, "third");
     Tab t;
@@ -119,18 +120,61 @@ TEST(HistoryChain, RestoreAddsASavedPointAndAFailedOneSaysSo) {
     ASSERT_EQ(v.size(), 4);
     EXPECT_EQ(v.first().id, 4);
     EXPECT_EQ(HistoryModel::versionLabel(v.first()), v.first().when + "   saved point   reverted to version 1");
-    EXPECT_EQ(History::liveDocument(root, "Notes.txt"), "first");
+    EXPECT_EQ(History::liveDocument(root, "Notes.txt").text, "first");
     EXPECT_EQ(t.m.text(), "first");
+}
 
-    QDir(root + "/.qmv/Notes.txt").remove("v2.txt");
-    t.m.selectVersion(2);
-    t.settle();
-    EXPECT_TRUE(t.m.text().isEmpty());  // a version that cannot be read shows as empty text
-    t.m.revert();
-    t.settle();
-    EXPECT_EQ(t.m.status(), "Could not restore: could not read or write the drive");
-    EXPECT_EQ(t.m.versions().size(), 4);  // the lists were reloaded all the same
-    EXPECT_EQ(History::liveDocument(root, "Notes.txt"), "first");
+// A version's file or the document that cannot be read is said to be so, never shown as an empty
+// text, compared as one, or blamed on the drive when restoring.
+TEST(HistoryChain, UnreadableVersionsAndDocumentsSayWhy) {
+    enum Damage { gone, tooLarge, folder, link };
+    const QString ok = "2 versions.", v1 = ".qmv/Notes.txt/v1.txt", doc = "Notes.txt";
+    const struct {
+        QString file;
+        Damage damage;
+        QString shown, compared, restored;
+    } cases[] = {
+        {v1, gone, "Version 1 cannot be read: its file is missing.", "Version 1 cannot be read: its file is missing.",
+         "Could not restore version 1: its file is missing."},
+        {v1, tooLarge, "Version 1 cannot be read: it is larger than 4 MB.",
+         "Version 1 cannot be read: it is larger than 4 MB.", "Could not restore version 1: it is larger than 4 MB."},
+        {v1, folder, "Version 1 cannot be read: its file could not be opened.",
+         "Version 1 cannot be read: its file could not be opened.",
+         "Could not restore version 1: its file could not be opened."},
+        {doc, gone, ok, "The document on the drive cannot be read: it is missing.", "3 versions."},
+        {doc, tooLarge, ok, "The document on the drive cannot be read: it is larger than 4 MB.", "3 versions."},
+        {doc, link, ok, "The document on the drive cannot be read: it could not be opened.",
+         "Could not restore: could not read or write the drive"},  // a link is never written through
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE((c.file + " " + QString::number(c.damage)).toStdString());
+        TempDir dir;
+        QString root = handMadeHistory(dir, "Notes.txt", {"first", "second"}, "second");
+        const std::string path = dir / c.file.toStdString();
+        std::filesystem::remove(path);
+        if (c.damage == tooLarge) spit(path, std::string(QM_TEXT_LIMIT + 1, 'x'));
+        if (c.damage == folder) std::filesystem::create_directory(path);
+        if (c.damage == link) std::filesystem::create_symlink("elsewhere", path);
+        Tab t;
+        t.pin(root);
+        t.m.selectVersion(1);
+        t.settle();
+        EXPECT_EQ(t.m.status(), c.shown);
+        EXPECT_EQ(t.m.text(), c.shown == ok ? "first" : "");
+        t.m.show(true);
+        t.settle();
+        EXPECT_EQ(t.m.status(), c.compared);
+        EXPECT_TRUE(t.m.diffLines().isEmpty());
+        t.m.show(false);
+        t.m.selectVersion(2);  // a readable version: its text, and the failure no longer claimed
+        t.settle();
+        EXPECT_EQ(t.m.status(), ok);
+        EXPECT_EQ(t.m.text(), "second");
+        t.m.selectVersion(1);
+        t.m.revert();
+        t.settle();
+        EXPECT_EQ(t.m.status(), c.restored);
+    }
 }
 
 TEST(HistoryChain, NoDriveNoHistoryAndNoLogSayWhy) {

@@ -4,14 +4,16 @@
 #include <QFileInfo>
 #include <QSet>
 #include <QSettings>
+#include <algorithm>
 
 namespace {
 
 const QString kDestinationKey = QStringLiteral("backupDestination");
 const QString kAutomaticKey = QStringLiteral("backupAutomatic");
 
-// inotify watches are a per-user resource shared with every other program; a drive of writing
-// has a few dozen folders, so this bound only matters for a wrong folder chosen as a drive.
+// inotify watches are a per-user resource shared with every other program. A drive of writing
+// has a few dozen folders and a few hundred files, so this bound mostly matters for a wrong
+// folder chosen as a drive; where it bites, version files go unwatched first.
 constexpr int kMaxWatched = 2000;
 
 QSettings store() { return QSettings(QStringLiteral("Quillmate"), QStringLiteral("Quillmate Flasher")); }
@@ -34,7 +36,13 @@ BackupSchedule::BackupSchedule(Timings timings, QObject* parent) : QObject(paren
     connect(&period_, &QTimer::timeout, this, &BackupSchedule::runNow);
     connect(&debounce_, &QTimer::timeout, this, &BackupSchedule::runNow);
     connect(&watcher_, &QFileSystemWatcher::directoryChanged, this, [this](const QString& folder) {
-        watchBelow(folder);  // a folder made since the last rewatch is watched too
+        watchBelow(folder);  // a folder or file made since the last rewatch is watched too
+        trigger();
+    });
+    connect(&watcher_, &QFileSystemWatcher::fileChanged, this, [this](const QString& file) {
+        // A file replaced by a rename loses its watch along with the old file; watch the new one.
+        QFileInfo now(file);
+        if (now.isFile() && !now.isSymLink() && !watcher_.files().contains(file)) watcher_.addPath(file);
         trigger();
     });
 }
@@ -47,29 +55,48 @@ void BackupSchedule::start(CurrentVolume currentVolume, Run run) {
 }
 
 void BackupSchedule::rewatch() {
-    QStringList old = watcher_.directories();
+    QStringList old = watched();
     if (!old.isEmpty()) watcher_.removePaths(old);
     if (!BackupSettings::automatic() || BackupSettings::destination().isEmpty() || !currentVolume_) return;
     std::optional<QmVolume> volume = currentVolume_();
     if (!volume) return;
     skipped_ = QDir::cleanPath(volume->path + QStringLiteral("/.qm"));
+    history_ = QDir::cleanPath(volume->path + QStringLiteral("/.qmv"));
     watchBelow(volume->path);
 }
 
+// Folders tell of files made, removed and renamed; a file's own watch tells of it being written
+// in place, as a document saved over itself or a log appended to.
 void BackupSchedule::watchBelow(const QString& folder) {
-    const QStringList watched = watcher_.directories();
-    const QSet<QString> known(watched.begin(), watched.end());
-    QStringList found;
-    QStringList pending{folder};
-    while (!pending.isEmpty() && known.size() + found.size() < kMaxWatched) {
+    const QStringList watchedNow = watched();
+    const QSet<QString> known(watchedNow.begin(), watchedNow.end());
+    // In the order they are watched while the bound allows: version files come last, since each
+    // is written once under a new name, which its folder's watch already reports.
+    QStringList folders, files, versions;
+    QStringList pending{QDir::cleanPath(folder)};
+    while (!pending.isEmpty() && known.size() + folders.size() + files.size() < kMaxWatched) {
         QString f = pending.takeLast();
-        if (!known.contains(f)) found << f;
-        // The root's .qm holds the drive's key and statistics, which are never copied.
-        for (const QFileInfo& sub : QDir(f).entryInfoList(QDir::Dirs | QDir::NoDotAndDotDot | QDir::Hidden))
-            if (!sub.isSymLink() && QDir::cleanPath(sub.filePath()) != skipped_) pending << sub.filePath();
+        if (!known.contains(f)) folders << f;
+        const bool historyFolder = QFileInfo(f).path() == history_;
+        const auto entries = QDir(f).entryInfoList(QDir::Dirs | QDir::Files | QDir::NoDotAndDotDot | QDir::Hidden);
+        for (const QFileInfo& e : entries) {
+            const QString path = QDir::cleanPath(e.filePath());
+            // The root's .qm holds the drive's key and statistics, which are never copied.
+            if (e.isSymLink() || path == skipped_ || (!e.isDir() && known.contains(path))) continue;
+            if (e.isDir())
+                pending << path;
+            else if (historyFolder && e.fileName() != QLatin1String("history.log") && e.fileName() != QLatin1String("refs"))
+                versions << path;
+            else
+                files << path;
+        }
     }
+    QStringList found = folders + files + versions;
+    found = found.mid(0, std::max<qsizetype>(0, kMaxWatched - known.size()));
     if (!found.isEmpty()) watcher_.addPaths(found);
 }
+
+QStringList BackupSchedule::watched() const { return watcher_.directories() + watcher_.files(); }
 
 void BackupSchedule::trigger() { debounce_.start(); }
 

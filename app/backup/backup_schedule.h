@@ -36,15 +36,15 @@ public:
 
     // Keeps both callbacks, starts the repeating timer and sets up the watch.
     void start(CurrentVolume currentVolume, Run run);
-    // Watches the current volume's folders, or nothing when automatic runs could not happen.
+    // Watches the current volume's folders and files, or nothing when automatic runs could not happen.
     void rewatch();
     // A change: one run after the quiet time, however many changes come before it.
     void trigger();
     // Runs when automatic runs are on, a destination is set and a volume is known.
     void runNow();
 
-    // The folders watched now, for tests.
-    QStringList watched() const { return watcher_.directories(); }
+    // The folders and files watched now, for tests.
+    QStringList watched() const;
 
 signals:
     // runNow() found everything in place and handed a run to the run callback.
@@ -59,4 +59,5 @@ private:
     QTimer debounce_;
     QFileSystemWatcher watcher_;
     QString skipped_;  // the drive's .qm folder
+    QString history_;  // the drive's .qmv folder, whose subfolders hold version files
 };

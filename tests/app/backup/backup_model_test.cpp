@@ -7,6 +7,8 @@
 #include <QLocale>
 #include <QSignalSpy>
 #include <QTest>
+#include <filesystem>
+#include <fstream>
 
 #include "backup_lock.h"
 #include "backup_model.h"
@@ -98,11 +100,11 @@ TEST_F(BackupModelStatus, WarningAfterARun) {
     }
 }
 
-TEST_F(BackupSchedules, WatchesTheDrivesFoldersOnlyWhenAnAutomaticRunCouldHappen) {
+TEST_F(BackupSchedules, WatchesTheDrivesFoldersAndFilesOnlyWhenAnAutomaticRunCouldHappen) {
     TempDir drive, dest;
     QString root = deckDrive(drive, deck::StatsState::Normal, 2);
     ASSERT_TRUE(QDir().mkpath(root + "/notes/2024"));
-    spit(drive / "notes/2024/a.md", "a file, never watched itself");
+    spit(drive / "notes/2024/a.md", "a file in a folder");
     DriveSelection drives;
     BackupModel m(&drives);
     m.start();
@@ -113,8 +115,9 @@ TEST_F(BackupSchedules, WatchesTheDrivesFoldersOnlyWhenAnAutomaticRunCouldHappen
     QStringList watched = m.schedule().watched();
     EXPECT_TRUE(watched.contains(root));
     EXPECT_TRUE(watched.contains(root + "/notes/2024"));
-    EXPECT_FALSE(watched.contains(root + "/.qm"));  // the key and statistics are never copied
-    for (const QString& path : watched) EXPECT_TRUE(QFileInfo(path).isDir()) << path.toStdString();
+    EXPECT_TRUE(watched.contains(root + "/notes/2024/a.md"));
+    for (const QString& path : watched)  // the key and statistics are never copied
+        EXPECT_FALSE(path.startsWith(root + "/.qm/") || path == root + "/.qm") << path.toStdString();
 
     m.setAutomatic(false);
     EXPECT_TRUE(m.schedule().watched().isEmpty());
@@ -127,6 +130,8 @@ TEST_F(BackupSchedules, WatchesTheDrivesFoldersOnlyWhenAnAutomaticRunCouldHappen
 TEST_F(BackupSchedules, ABurstOfChangesGivesOneRunAfterTheQuietTime) {
     TempDir drive;
     ASSERT_TRUE(QDir().mkpath(q(drive) + "/docs"));
+    spit(drive / "docs/Novel.md", "Chapter one\n");
+    spit(drive / ".qmv/Novel.md/history.log", "QMV\t1\n");
     BackupSettings::setDestination("/somewhere");
     BackupSchedule s({60'000, 1500});  // a quiet time well beyond the burst, even on a loaded machine
     int runs = 0;
@@ -152,10 +157,29 @@ TEST_F(BackupSchedules, ABurstOfChangesGivesOneRunAfterTheQuietTime) {
     spit(drive / "new/later.md", "a change in the folder made during the burst");
     ASSERT_TRUE(due.wait(5000));
 
+    // Files written in place, as the deck saves a document or adds to its log: one run each, for
+    // files there from the start, one made since, and one that a save replaced by a rename.
+    const struct { const char* file; bool replace; } edits[] = {
+        {"docs/Novel.md", false}, {".qmv/Novel.md/history.log", false}, {"new/later.md", false},
+        {"docs/Novel.md", true},  {"docs/Novel.md", false},
+    };
+    for (const auto& e : edits) {
+        SCOPED_TRACE(std::string(e.file) + (e.replace ? ", replaced" : ", appended to"));
+        if (e.replace) {
+            spit(drive / "docs/.Novel.md.new", "Chapter one, again\n");
+            std::filesystem::rename(drive / "docs/.Novel.md.new", drive / e.file);
+        } else {
+            std::ofstream(drive / e.file, std::ios::app) << "more\n";
+        }
+        ASSERT_TRUE(due.wait(5000));
+    }
+    QTest::qWait(2000);
+    EXPECT_EQ(due.count(), 2 + int(std::size(edits)));
+
     BackupSettings::setAutomatic(false);  // read at every run, not only at rewatch
     s.trigger();
     EXPECT_FALSE(due.wait(2000));
-    EXPECT_EQ(runs, 2);
+    EXPECT_EQ(runs, 2 + int(std::size(edits)));
 }
 
 TEST_F(BackupSchedules, TheRepeatingTimerRunsWithoutAnyChange) {

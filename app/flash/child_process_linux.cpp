@@ -1,9 +1,18 @@
 #include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
 #include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <QDeadlineTimer>
+#include <QFile>
+#include <QFileInfo>
+#include <QList>
+#include <QStandardPaths>
+#include <algorithm>
 #include <cerrno>
+#include <vector>
 
 #include "child_process.h"
 
@@ -33,4 +42,48 @@ int ChildProcess::exitStatus(pid_t pid) {
     while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
     }
     return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+// posix_spawn rather than QProcess: no fork of this multi-threaded process, and no event loop
+// needed on the worker thread.
+ChildProcess::Output ChildProcess::run(const QString& program, const QStringList& args, int timeoutMs) {
+    Output r;
+    if (program.isEmpty()) return r;
+    QList<QByteArray> encoded{QFile::encodeName(program)};
+    for (const QString& a : args) encoded << a.toLocal8Bit();
+    std::vector<const char*> argv;
+    for (const QByteArray& a : encoded) argv.push_back(a.constData());
+    argv.push_back(nullptr);
+    int out = -1;
+    pid_t pid = spawnReadingOutput(argv.data(), &out, true);
+    if (pid < 0) return r;
+    QDeadlineTimer deadline(timeoutMs);
+    bool timedOut = false;
+    char buf[65536];
+    for (;;) {
+        pollfd p{out, POLLIN, 0};
+        int ready = poll(&p, 1, int(std::max<qint64>(0, deadline.remainingTime())));
+        if (ready < 0 && errno == EINTR) continue;
+        if (ready <= 0) {
+            timedOut = true;
+            break;
+        }
+        ssize_t n = read(out, buf, sizeof buf);
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) break;
+        r.out.append(buf, qsizetype(n));
+    }
+    close(out);
+    if (timedOut) kill(pid, SIGKILL);
+    int status = exitStatus(pid);
+    r.ok = !timedOut && status == 0;
+    return r;
+}
+
+QString ChildProcess::findTool(const QString& name) {
+    for (const char* dir : {"/usr/bin/", "/bin/", "/usr/sbin/", "/sbin/"}) {
+        const QString p = QLatin1String(dir) + name;
+        if (QFileInfo(p).isExecutable()) return p;
+    }
+    return QStandardPaths::findExecutable(name);
 }

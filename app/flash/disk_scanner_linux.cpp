@@ -1,80 +1,24 @@
 // Linux: lsblk lists the disks; /proc tells which of them carry the running system.
-#include <fcntl.h>
-#include <poll.h>
-#include <signal.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
-#include <unistd.h>
 
-#include <QDeadlineTimer>
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
 #include <QRegularExpression>
-#include <QStandardPaths>
 
 #include "child_process.h"
 #include "disk_links.h"
 #include "disk_scanner.h"
 #include "lsblk_parser.h"
 
-#include <cerrno>
-#include <vector>
-
 namespace {
+
+using ChildProcess::findTool;
+using ChildProcess::run;
 
 constexpr int kListTimeoutMs = 5000;
 constexpr int kUnmountTimeoutMs = 15000;
-
-QString findTool(const QString& name) {
-    for (const char* dir : {"/usr/bin/", "/bin/", "/usr/sbin/", "/sbin/"}) {
-        const QString p = QLatin1String(dir) + name;
-        if (QFileInfo(p).isExecutable()) return p;
-    }
-    return QStandardPaths::findExecutable(name);
-}
-
-struct Run {
-    bool ok = false;  // started, finished in time, exit status 0
-    QByteArray out;
-};
-
-// Blocking, for a worker thread. posix_spawn rather than QProcess: no fork of this multi-
-// threaded process, and no event loop needed. Stdout is read while waiting, so a full pipe
-// never stalls the child; stderr and stdin are /dev/null. Killed at the deadline.
-Run run(const QString& program, const QStringList& args, int timeoutMs) {
-    Run r;
-    if (program.isEmpty()) return r;
-    QList<QByteArray> encoded{QFile::encodeName(program)};
-    for (const QString& a : args) encoded << a.toLocal8Bit();
-    std::vector<const char*> argv;
-    for (const QByteArray& a : encoded) argv.push_back(a.constData());
-    argv.push_back(nullptr);
-    int out = -1;
-    pid_t pid = ChildProcess::spawnReadingOutput(argv.data(), &out, true);
-    if (pid < 0) return r;
-    QDeadlineTimer deadline(timeoutMs);
-    bool timedOut = false;
-    char buf[65536];
-    for (;;) {
-        pollfd p{out, POLLIN, 0};
-        int ready = poll(&p, 1, int(std::max<qint64>(0, deadline.remainingTime())));
-        if (ready < 0 && errno == EINTR) continue;
-        if (ready <= 0) {
-            timedOut = true;
-            break;
-        }
-        ssize_t n = read(out, buf, sizeof buf);
-        if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) break;
-        r.out.append(buf, qsizetype(n));
-    }
-    close(out);
-    if (timedOut) kill(pid, SIGKILL);
-    int status = ChildProcess::exitStatus(pid);
-    r.ok = !timedOut && status == 0;
-    return r;
-}
 
 QByteArray readProc(const QString& path) {
     QFile f(path);
@@ -133,7 +77,7 @@ public:
     QList<USBDrive> externalDrives() override {
         const QString tool = findTool(QStringLiteral("lsblk"));
         const QSet<QString> system = systemDevices();
-        Run r = run(tool, lsblk::arguments(true), kListTimeoutMs);
+        ChildProcess::Output r = run(tool, lsblk::arguments(true), kListTimeoutMs);
         // lsblk before 2.37 refuses the MOUNTPOINTS column outright
         if (!r.ok || r.out.trimmed().isEmpty()) r = run(tool, lsblk::arguments(false), kListTimeoutMs);
         QList<USBDrive> drives = lsblk::parseDrives(r.out, system);

@@ -8,12 +8,13 @@
 #include <QElapsedTimer>
 #include <QFile>
 #include <QFileInfo>
+#include <QRegularExpression>
 #include <QSet>
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
-#include <chrono>
-#include <filesystem>
+#include <cstring>
+#include <memory>
 #include <mutex>
 #include <thread>
 #include <vector>
@@ -25,26 +26,45 @@
 #include "file_hash.h"
 #include "file_writes.h"
 #include "qm_core.h"
+#include "verified_copy.h"
 
 namespace {
 
-constexpr size_t kHashRead = 65536;
-constexpr size_t kCopyChunk = 1 << 20;
-const char kPartialName[] = ".quillmate-partial";
 constexpr qint64 kCheckpointMs = 5000;
 
 // The drive's own data and what the deck rewrites all the time; never copied.
-bool neverTravels(const QString& rel, bool folder) {
-    static const QSet<QString> kNames = {"stats.db", "stats.bak", "settings.cfg", "autosave.md", ".DS_Store",
-                                         QLatin1String(kPartialName)};
-    if (rel == QLatin1String(".qm") || rel.startsWith(QLatin1String(".qm/"))) return true;
-    QString name = rel.section(QLatin1Char('/'), -1);
+bool neverTravels(const QByteArray& rel, bool folder) {
+    static const QSet<QByteArray> kNames = {"stats.db", "stats.bak", "settings.cfg", "autosave.md", ".DS_Store",
+                                            VerifiedCopy::kPartialName};
+    if (rel == ".qm" || rel.startsWith(".qm/")) return true;
+    QByteArray name = DriveTree::leafOf(rel);
     // The manifest and what travels with it (its lock, its lost log) are the backup's own files.
-    return !folder && (kNames.contains(name) || name.startsWith(QLatin1String(BackupManifest::kFileName)));
+    return !folder && (kNames.contains(name) || name.startsWith(BackupManifest::kFileName));
 }
 
-QString couldNotRead(const QString& path) {
-    return path.section(QLatin1Char('/'), -1) + QStringLiteral(" (could not read it on the drive)");
+// A path as a failure line shows it; bytes that are not UTF-8 show as replacement characters.
+QString shown(const QByteArray& rel) { return QString::fromUtf8(rel); }
+QString nameOf(const QByteArray& rel) { return shown(DriveTree::leafOf(rel)); }
+
+QString couldNotRead(const QByteArray& rel) { return nameOf(rel) + QStringLiteral(" (could not read it on the drive)"); }
+
+QString problemLine(const DriveTree::Problem& p) {
+    switch (p.kind) {
+        case DriveTree::Problem::TooDeep:
+            return shown(p.rel) + QStringLiteral(" (folders nested more than %1 deep are not copied)").arg(DriveTree::kMaxDepth);
+        case DriveTree::Problem::Loop:
+            return shown(p.rel) + QStringLiteral(" (this folder leads back into itself; the drive's file system may be damaged)");
+        case DriveTree::Problem::Unreadable: break;
+    }
+    return couldNotRead(p.rel);
+}
+
+QString copyFailure(const QByteArray& rel, VerifiedCopy::Outcome outcome) {
+    switch (outcome) {
+        case VerifiedCopy::Outcome::SourceUnreadable: return couldNotRead(rel);
+        case VerifiedCopy::Outcome::DiskFull: return nameOf(rel) + QStringLiteral(" (the disk holding the backup folder is full)");
+        default: return nameOf(rel) + QStringLiteral(" (what arrived did not match what was sent)");
+    }
 }
 
 int64_t wholeSeconds(const timespec& t) {
@@ -62,65 +82,6 @@ int openRegular(const QString& path) {
         return -1;
     }
     return fd;
-}
-
-enum class Attempt { Verified, SourceUnreadable, Failed };
-
-struct Copied {
-    QString sha256;
-    int64_t bytes = 0;
-};
-
-// One attempt: the source read once from its start into a partial file beside dst, hashed on
-// the way; the partial file read back and hashed; renamed over dst only when both agree, so a
-// copy in place is always one that was verified.
-Attempt copyOnce(int srcFd, const QString& dst, const timespec& mtime, std::vector<char>& buf, Copied& out) {
-    QString parent = QFileInfo(dst).path();
-    if (!QDir().mkpath(parent)) return Attempt::Failed;
-    QByteArray partial = QFile::encodeName(parent + QLatin1Char('/') + QLatin1String(kPartialName));
-    int fd = ::open(partial.constData(), O_RDWR | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0644);
-    if (fd < 0) return Attempt::Failed;
-    Sha256 sent;
-    off_t at = 0;
-    Attempt outcome = Attempt::Verified;
-    for (;;) {
-        ssize_t n = FileHash::preadFully(srcFd, buf.data(), buf.size(), at);
-        if (n < 0) outcome = Attempt::SourceUnreadable;
-        if (n <= 0) break;
-        sent.add(buf.data(), static_cast<size_t>(n));
-        if (!FileWrites::writeAll(fd, buf.data(), static_cast<size_t>(n))) {
-            outcome = Attempt::Failed;
-            break;
-        }
-        at += n;
-    }
-    if (outcome == Attempt::Verified) {
-        timespec times[2] = {{0, UTIME_OMIT}, mtime};
-        ::futimens(fd, times);
-        std::optional<QString> arrived = FileHash::ofDescriptor(fd, kHashRead);
-        out = {sent.hex(), static_cast<int64_t>(at)};
-        if (!arrived || *arrived != out.sha256) outcome = Attempt::Failed;
-    }
-    bool closed = ::close(fd) == 0;  // a network file system may report a lost write only here
-    if (outcome == Attempt::Verified && closed && ::rename(partial.constData(), QFile::encodeName(dst).constData()) == 0)
-        return Attempt::Verified;
-    ::unlink(partial.constData());
-    return outcome == Attempt::SourceUnreadable ? Attempt::SourceUnreadable : Attempt::Failed;
-}
-
-std::optional<Copied> copyFromDescriptor(int srcFd, const QString& name, const QString& dst, const timespec& mtime,
-                                         BackupResult& result) {
-    std::vector<char> buf(kCopyChunk);
-    Copied copied;
-    Attempt attempt = Attempt::Failed;
-    for (int i = 0; i < 2 && attempt == Attempt::Failed; ++i) {
-        if (i > 0) std::this_thread::sleep_for(std::chrono::milliseconds(250));
-        attempt = copyOnce(srcFd, dst, mtime, buf, copied);
-    }
-    if (attempt == Attempt::Verified) return copied;
-    result.failures << name + (attempt == Attempt::SourceUnreadable ? QStringLiteral(" (could not read it on the drive)")
-                                                                  : QStringLiteral(" (what arrived did not match what was sent)"));
-    return std::nullopt;
 }
 
 // The folder as it would be after creation: symbolic links in the part that exists resolved.
@@ -149,38 +110,38 @@ std::optional<QString> overlapError(const QString& mount, const QString& destina
     return std::nullopt;
 }
 
-std::optional<QString> createFolder(const QString& folder) {
-    std::error_code ec;
-    std::filesystem::create_directories(QFile::encodeName(folder).toStdString(), ec);
-    if (ec) return QString::fromLocal8Bit(ec.message());
+// Makes "Quillmate" and the drive's folder below the chosen folder, and nothing above it: a
+// chosen folder that has gone (an unplugged disk) must not be made again on this computer.
+std::optional<QString> createFolder(const QString& destination, const QString& folder) {
+    if (std::optional<QString> problem = Backup::destinationProblem(destination)) return problem;
+    for (const QString& f : {QFileInfo(folder).path(), folder}) {
+        if (::mkdir(QFile::encodeName(f).constData(), 0755) != 0 && errno != EEXIST)
+            return QString::fromLocal8Bit(std::strerror(errno)) + QStringLiteral(": ") + f;
+    }
     return std::nullopt;
 }
 
-void flushFileSystem(const QString& folder) {
-    int fd = ::open(QFile::encodeName(folder).constData(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (fd < 0) return;
+void flushFileSystem(int fd) {
 #ifdef __linux__
     ::syncfs(fd);
 #else
+    (void)fd;
     ::sync();
 #endif
-    ::close(fd);
 }
 
-// Re-reads each chosen copy and tells whether it still matches its row. Copies are independent,
-// so they are hashed on all cores.
-std::vector<char> intactCopies(const QString& folder, const QList<BackupEntry>& rows,
-                               const std::function<void(int64_t)>& checked) {
+// Re-reads each chosen copy from the disk and tells whether it still matches its row. Copies are
+// independent, so they are hashed on all cores.
+std::vector<char> intactCopies(int folderFd, const QList<BackupEntry>& rows, const std::function<void(int64_t)>& checked) {
     std::vector<char> intact(static_cast<size_t>(rows.size()), 0);
     std::atomic<qsizetype> next{0};
     auto work = [&] {
         for (qsizetype i; (i = next++) < rows.size();) {
             const BackupEntry& row = rows[i];
-            QString copy = folder + QLatin1Char('/') + row.path;
-            int fd = openRegular(copy);
+            int fd = DriveTree::openFile(folderFd, row.path);
             struct stat st {};
             if (fd >= 0 && ::fstat(fd, &st) == 0 && st.st_size == row.size) {
-                std::optional<QString> sha = FileHash::ofDescriptor(fd, kHashRead);
+                std::optional<QString> sha = VerifiedCopy::hashFromDisk(fd);
                 intact[static_cast<size_t>(i)] = sha && *sha == row.sha256;
             }
             if (fd >= 0) ::close(fd);
@@ -198,20 +159,22 @@ std::vector<char> intactCopies(const QString& folder, const QList<BackupEntry>& 
 
 class Run {
 public:
-    Run(const QString& folder, int rootFd, const Backup::RunOptions& options, BackupResult& result)
-        : folder_(folder), rootFd_(rootFd), options_(options), result_(result), manifest_(folder) {
+    Run(int folderFd, int rootFd, BackupManifest& manifest, const Backup::RunOptions& options, BackupResult& result)
+        : folderFd_(folderFd), rootFd_(rootFd), options_(options), result_(result), manifest_(manifest) {
         sinceSave_.start();
+    }
+    ~Run() {
+        if (parentFd_ >= 0) ::close(parentFd_);
     }
 
     bool copyChanged() {
         DriveTree::Listing listing = DriveTree::list(rootFd_, neverTravels);
         if (!listing.opened) return false;
-        for (const QString& rel : listing.unreadable)
-            result_.failures << couldNotRead(rel);
+        for (const DriveTree::Problem& p : listing.problems) result_.failures << problemLine(p);
         std::vector<DriveTree::File> changed;
         for (DriveTree::File& f : listing.files) {
-            if (f.rel.contains(QLatin1Char('\n'))) {  // a manifest row cannot hold it
-                result_.failures << couldNotRead(f.rel);
+            if (!BackupManifest::canRecord(f.rel)) {
+                result_.failures << nameOf(f.rel) + QStringLiteral(" (a line break in its name cannot go into the backup's list; rename it)");
                 continue;
             }
             auto row = manifest_.rows().find(f.rel);
@@ -223,15 +186,15 @@ public:
             else
                 changed.push_back(std::move(f));
         }
-        QStringList replaced;
+        std::vector<QByteArray> replaced;
         for (const DriveTree::File& f : changed)
-            if (manifest_.rows().count(f.rel)) replaced << f.rel;
+            if (manifest_.rows().count(f.rel)) replaced.push_back(f.rel);
         forget(replaced);
         int64_t total = 0;
         for (const DriveTree::File& f : changed) total += f.size;
         startPhase(changed.size(), total);
         for (const DriveTree::File& f : changed) {
-            if (std::optional<Copied> c = copyFromDrive(f.rel)) {
+            if (std::optional<VerifiedCopy::Copied> c = copyFromDrive(f.rel)) {
                 ++result_.copied;
                 result_.bytes += c->bytes;
                 touched_.insert(f.rel);
@@ -250,33 +213,33 @@ public:
         for (const BackupEntry& row : chosen) total += row.size;
         startPhase(static_cast<size_t>(chosen.size()), total);
         std::mutex progressLock;
-        std::vector<char> intact = intactCopies(folder_, chosen, [&](int64_t bytes) {
+        std::vector<char> intact = intactCopies(folderFd_, chosen, [&](int64_t bytes) {
             std::lock_guard lock(progressLock);
             advance(bytes);
         });
-        QStringList damaged;
+        std::vector<QByteArray> damaged;
         for (qsizetype i = 0; i < chosen.size(); ++i) {
-            const QString& path = chosen[i].path;
+            const QByteArray& path = chosen[i].path;
             if (intact[static_cast<size_t>(i)]) {
                 BackupEntry& row = manifest_.rows()[path];
                 row.verified = unsettled_.contains(path) ? std::min(now(), row.modified) : now();
                 ++result_.rechecked;
             } else if (DriveTree::File onDrive; DriveTree::stat(rootFd_, path, onDrive)) {
-                damaged << path;
+                damaged.push_back(path);
             } else {
-                result_.failures << path + QStringLiteral(" (no longer in the folder, and not on the drive)");
+                result_.failures << shown(path) + QStringLiteral(" (no longer in the folder, and not on the drive)");
                 manifest_.recordLost(path);
                 manifest_.rows().erase(path);
             }
         }
         forget(damaged);
-        for (const QString& path : damaged)
+        for (const QByteArray& path : damaged)
             if (copyFromDrive(path)) ++result_.repaired;
     }
 
     // Copies first, then the rows naming them.
     void save() {
-        if (unflushed_) flushFileSystem(folder_);
+        if (unflushed_) flushFileSystem(folderFd_);
         unflushed_ = false;
         manifest_.save();
         sinceSave_.restart();
@@ -293,11 +256,11 @@ private:
     // Whether the file still holds what the row says. Read whole in a later second than its
     // last change, the row is settled and size and time suffice again; read within that second,
     // this run's re-check of its copy must not mark it settled either.
-    bool settledByContent(BackupEntry& row, const QString& rel) {
+    bool settledByContent(BackupEntry& row, const QByteArray& rel) {
         int64_t readFrom = now();
         int fd = DriveTree::openFile(rootFd_, rel);
         if (fd < 0) return false;  // copied, or reported, by the usual path
-        std::optional<QString> sha = FileHash::ofDescriptor(fd, kHashRead);
+        std::optional<QString> sha = FileHash::ofDescriptor(fd);
         ::close(fd);
         if (!sha || *sha != row.sha256) return false;
         if (readFrom > row.modified) row.verified = readFrom;
@@ -305,9 +268,22 @@ private:
         return true;
     }
 
+    // The backup folder's sub-folder that holds rel, made when missing; files come in folder
+    // order, so the last one is kept open.
+    int parentOf(const QByteArray& rel, QByteArray& leaf) {
+        QByteArray dir = rel.left(std::max<qsizetype>(rel.lastIndexOf('/'), 0));
+        if (parentFd_ >= 0 && dir == parentDir_) {
+            leaf = DriveTree::leafOf(rel);
+            return parentFd_;
+        }
+        if (parentFd_ >= 0) ::close(parentFd_);
+        parentFd_ = DriveTree::openParentMaking(folderFd_, rel, leaf);
+        parentDir_ = dir;
+        return parentFd_;
+    }
+
     // Copies rel and records its row; none (with a failure line) when it could not be done.
-    std::optional<Copied> copyFromDrive(const QString& rel) {
-        QString name = rel.section(QLatin1Char('/'), -1);
+    std::optional<VerifiedCopy::Copied> copyFromDrive(const QByteArray& rel) {
         int fd = DriveTree::openFile(rootFd_, rel);
         if (fd < 0) {
             if (errno != ENOENT) result_.failures << couldNotRead(rel);
@@ -315,23 +291,30 @@ private:
         }
         struct stat st {};
         ::fstat(fd, &st);
-        std::optional<Copied> c = copyFromDescriptor(fd, name, folder_ + QLatin1Char('/') + rel, st.st_mtim, result_);
+        VerifiedCopy::Request request{fd, -1, {}, st.st_mtim, std::nullopt, false};
+        request.dirFd = parentOf(rel, request.leaf);
+        VerifiedCopy::Copied c;
+        VerifiedCopy::Outcome outcome =
+            request.dirFd < 0 ? VerifiedCopy::Outcome::Failed : VerifiedCopy::copy(request, c);
         ::close(fd);
-        if (c) {
-            manifest_.rows()[rel] = {rel, c->sha256, c->bytes, wholeSeconds(st.st_mtim), now()};
+        if (outcome == VerifiedCopy::Outcome::Verified) {
+            manifest_.rows()[rel] = {rel, c.sha256, c.bytes, wholeSeconds(st.st_mtim), now()};
             unflushed_ = true;
-        } else if (auto old = forgotten_.find(rel); old != forgotten_.end()) {
-            manifest_.rows()[rel] = old->second;  // the old copy is still in place, untouched
+        } else {
+            result_.failures << copyFailure(rel, outcome);
+            if (auto old = forgotten_.find(rel); old != forgotten_.end())
+                manifest_.rows()[rel] = old->second;  // the old copy is still in place, untouched
         }
         forgotten_.erase(rel);
+        if (outcome != VerifiedCopy::Outcome::Verified) return std::nullopt;
         return c;
     }
 
     // Rows whose copies are about to be replaced leave the saved manifest first, so that a run
     // killed midway never leaves a row beside a copy it does not describe.
-    void forget(const QStringList& paths) {
-        if (paths.isEmpty()) return;
-        for (const QString& p : paths) {
+    void forget(const std::vector<QByteArray>& paths) {
+        if (paths.empty()) return;
+        for (const QByteArray& p : paths) {
             auto row = manifest_.rows().find(p);
             forgotten_.insert(*row);
             manifest_.rows().erase(row);
@@ -349,17 +332,19 @@ private:
         if (options_.progress) options_.progress(progress_);
     }
 
-    QString folder_;
+    int folderFd_;
     int rootFd_;
     const Backup::RunOptions& options_;
     BackupResult& result_;
-    BackupManifest manifest_;
-    QSet<QString> touched_;
-    QSet<QString> unsettled_;  // judged by content within the second of their last change
-    std::map<QString, BackupEntry> forgotten_;
+    BackupManifest& manifest_;
+    QSet<QByteArray> touched_;
+    QSet<QByteArray> unsettled_;  // judged by content within the second of their last change
+    std::map<QByteArray, BackupEntry> forgotten_;
     bool unflushed_ = false;
     QElapsedTimer sinceSave_;  // a long run saves what it has every few seconds
     BackupProgress progress_;
+    QByteArray parentDir_;
+    int parentFd_ = -1;
 };
 
 BackupResult failed(const QString& why) {
@@ -378,61 +363,147 @@ QString folderName(const QString& volumeName) {
     return name.replace(QLatin1Char('/'), QLatin1Char('-'));
 }
 
-QString folderFor(const QString& destination, const QString& volumeName) {
-    return destination + QStringLiteral("/Quillmate/") + folderName(volumeName);
+QString driveIdentity(const QmVolume& volume) {
+    QFile keyFile(volume.path + QStringLiteral("/.qm/drive.key"));
+    qm_drive_key key{};
+    if (keyFile.open(QIODevice::ReadOnly)) {
+        QByteArray bytes = keyFile.read(QM_KEY_FILE_SIZE + 1);
+        if (drivekey_unpack(reinterpret_cast<const uint8_t*>(bytes.constData()), static_cast<unsigned>(bytes.size()),
+                            &key) == 0)
+            return QStringLiteral("key ") +
+                   QString::fromLatin1(QByteArray(reinterpret_cast<const char*>(key.drive_id), sizeof key.drive_id).toHex());
+    }
+    QString uuid = Volumes::fileSystemId(volume.path);
+    return uuid.isEmpty() ? QString() : QStringLiteral("fs ") + uuid;
+}
+
+QString folderFor(const QString& destination, const QmVolume& volume) {
+    QDir parent(destination + QStringLiteral("/Quillmate"));
+    QString base = folderName(volume.name);
+    // The drive's name, then the same name with " 2", " 3"... as they exist, in that order.
+    std::map<int, QString> named;
+    QRegularExpression numbered(QStringLiteral("^") + QRegularExpression::escape(base) + QStringLiteral(" ([0-9]{1,6})$"));
+    for (const QString& entry : parent.entryList(QDir::Dirs | QDir::NoDotAndDotDot | QDir::Hidden)) {
+        if (entry == base) named[1] = entry;
+        else if (QRegularExpressionMatch m = numbered.match(entry); m.hasMatch() && m.captured(1).toInt() >= 2)
+            named[m.captured(1).toInt()] = entry;
+    }
+    QString identity = driveIdentity(volume);
+    std::optional<QString> unclaimed;
+    for (const auto& [n, entry] : named) {
+        QString owner = BackupManifest::identityIn(parent.filePath(entry));
+        if (!identity.isEmpty() && owner == identity) return parent.filePath(entry);
+        if (owner.isEmpty() && !unclaimed) unclaimed = parent.filePath(entry);
+    }
+    if (unclaimed) return *unclaimed;
+    int n = 1;
+    while (named.count(n)) ++n;
+    return parent.filePath(n == 1 ? base : base + QStringLiteral(" %1").arg(n));
+}
+
+std::optional<QString> destinationProblem(const QString& destination) {
+    if (destination.isEmpty()) return QStringLiteral("no folder chosen");
+    if (QFileInfo(destination).isDir()) return std::nullopt;
+    if (QFileInfo::exists(destination)) return QStringLiteral("%1 is not a folder").arg(destination);
+    return QStringLiteral("the folder %1 is not there. Is its disk plugged in?").arg(destination);
 }
 
 std::optional<QString> hashFile(const QString& path) {
     int fd = openRegular(path);
     if (fd < 0) return std::nullopt;
-    std::optional<QString> sha = FileHash::ofDescriptor(fd, kHashRead);
+    std::optional<QString> sha = FileHash::ofDescriptor(fd);
     ::close(fd);
     return sha;
 }
 
 std::optional<QString> copyVerified(const QString& src, const QString& dst, const QDateTime& mtime,
                                     BackupResult& result) {
-    QString name = QFileInfo(src).fileName();
+    QByteArray srcBytes = QFile::encodeName(src);
     int fd = openRegular(src);
     if (fd < 0) {
-        result.failures << couldNotRead(src);
+        result.failures << couldNotRead(srcBytes);
         return std::nullopt;
     }
     qint64 ms = mtime.toMSecsSinceEpoch();
-    timespec when{static_cast<time_t>(ms / 1000), static_cast<long>(ms % 1000) * 1'000'000};
-    if (when.tv_nsec < 0) {
-        when.tv_sec -= 1;
-        when.tv_nsec += 1'000'000'000;
+    VerifiedCopy::Request request{fd, -1, QFile::encodeName(QFileInfo(dst).fileName()),
+                                  {static_cast<time_t>(ms / 1000), static_cast<long>(ms % 1000) * 1'000'000}, std::nullopt, false};
+    if (request.mtime.tv_nsec < 0) {
+        request.mtime.tv_sec -= 1;
+        request.mtime.tv_nsec += 1'000'000'000;
     }
-    std::optional<Copied> c = copyFromDescriptor(fd, name, dst, when, result);
+    VerifiedCopy::Copied c;
+    VerifiedCopy::Outcome outcome = VerifiedCopy::Outcome::Failed;
+    if (QDir().mkpath(QFileInfo(dst).path())) request.dirFd = DriveTree::openRoot(QFileInfo(dst).path());
+    if (request.dirFd >= 0) {
+        outcome = VerifiedCopy::copy(request, c);
+        ::close(request.dirFd);
+    }
     ::close(fd);
-    return c ? std::optional<QString>(c->sha256) : std::nullopt;
+    if (outcome == VerifiedCopy::Outcome::Verified) return c.sha256;
+    result.failures << copyFailure(srcBytes, outcome);
+    return std::nullopt;
 }
+
+namespace {
+
+// Takes the drive's folder and its lock, and records the drive in a folder that names none yet.
+// Another drive of the same name may have claimed the folder between choosing and locking it;
+// then the choice is made again.
+std::optional<BackupManifest> claimFolder(const QString& destination, const QmVolume& volume, const RunOptions& options,
+                                          std::unique_ptr<BackupLock>& lock, BackupResult& result) {
+    QString identity = driveIdentity(volume);
+    for (int tries = 0; tries < 3; ++tries) {
+        QString folder = folderFor(destination, volume);
+        if (std::optional<QString> why = createFolder(destination, folder)) {
+            result.error = *why;
+            return std::nullopt;
+        }
+        lock = std::make_unique<BackupLock>(folder, options.waitForOtherRuns);
+        if (!lock->held()) {
+            result.skipped = true;
+            return std::nullopt;
+        }
+        BackupManifest manifest(folder);
+        if (!manifest.identity().isEmpty() && manifest.identity() != identity) continue;
+        result.folder = folder;
+        if (manifest.identity().isEmpty() && !identity.isEmpty()) {
+            manifest.setIdentity(identity);
+            manifest.save();
+        }
+        return manifest;
+    }
+    result.error = QStringLiteral("another drive of the same name is using the backup folder; try again");
+    return std::nullopt;
+}
+
+}  // namespace
 
 BackupResult run(const QmVolume& volume, const QString& destination, bool deepVerify, const RunOptions& options) {
     if (destination.isEmpty()) return failed(QStringLiteral("no folder chosen"));
     if (std::optional<QString> overlap = overlapError(volume.path, destination)) return failed(*overlap);
-    QString folder = folderFor(destination, volume.name);
-    if (std::optional<QString> why = createFolder(folder)) return failed(*why);
-
-    BackupLock lock(folder, options.waitForOtherRuns);
-    if (!lock.held()) {
-        BackupResult skipped;
-        skipped.skipped = true;
-        return skipped;
-    }
-    int rootFd = DriveTree::openRoot(volume.path);
-    if (rootFd < 0) return failed(QStringLiteral("cannot read the drive"));
     BackupResult result;
-    Run run(folder, rootFd, options, result);
-    bool listed = run.copyChanged();
-    if (listed) {
-        run.recheck(deepVerify);
-        run.save();
+    std::unique_ptr<BackupLock> lock;
+    std::optional<BackupManifest> manifest = claimFolder(destination, volume, options, lock, result);
+    if (!manifest) return result;
+    int rootFd = DriveTree::openRoot(volume.path);
+    int folderFd = DriveTree::openRoot(result.folder);
+    bool listed = false;
+    if (rootFd >= 0 && folderFd >= 0) {
+        Run run(folderFd, rootFd, *manifest, options, result);
+        listed = run.copyChanged();
+        if (listed) {
+            run.recheck(deepVerify);
+            run.save();
+        }
     }
-    ::close(rootFd);
-    if (!listed) return failed(QStringLiteral("cannot read the drive"));
-    result.cloudWarning = CloudSync::check(folder);
+    if (rootFd >= 0) ::close(rootFd);
+    if (folderFd >= 0) ::close(folderFd);
+    if (!listed) {
+        BackupResult failure = failed(QStringLiteral("cannot read the drive"));
+        failure.folder = result.folder;
+        return failure;
+    }
+    result.cloudWarning = CloudSync::check(result.folder);
     return result;
 }
 

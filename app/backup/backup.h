@@ -20,6 +20,7 @@ struct BackupResult {
     QStringList failures;
     std::optional<QString> cloudWarning;
     std::optional<QString> error;  // the run could not start; all counts are 0
+    QString folder;                // the drive's folder the run used; empty when it could not start
     QDateTime finished = QDateTime::currentDateTime();
     // An automatic run found another run on the same folder under way and did nothing.
     bool skipped = false;
@@ -52,8 +53,16 @@ BackupResult run(const QmVolume& volume, const QString& destination, bool deepVe
 // The drive's folder name inside "Quillmate": the volume name trimmed, "Writing stick" when
 // blank, every "/" turned into "-".
 QString folderName(const QString& volumeName);
-// destination + "/Quillmate/" + folderName(volumeName).
-QString folderFor(const QString& destination, const QString& volumeName);
+// Who the drive is, so that two drives with one name never share a folder: "key " and the drive
+// id of its key, else "fs " and its file system's UUID; empty when neither can be read.
+QString driveIdentity(const QmVolume& volume);
+// The folder under destination + "/Quillmate" that holds this drive's copies, or the one a first
+// run would make: the folder whose manifest names the drive; else the first one of the drive's
+// name that names no drive (a folder from before drives were told apart); else a new one,
+// "NAME", then "NAME 2" and on. Nothing is made.
+QString folderFor(const QString& destination, const QmVolume& volume);
+// Why copies cannot go into destination now (it is not there, or not a folder); none when they can.
+std::optional<QString> destinationProblem(const QString& destination);
 
 // SHA-256 of the file as 64 lower-case hex digits, read 64 KiB at a time; none if unreadable.
 std::optional<QString> hashFile(const QString& path);

@@ -21,30 +21,51 @@ int64_t number(QByteArrayView field) {
     return ec == std::errc() && end == field.data() + field.size() ? value : 0;
 }
 
-// A row may only name a file inside the folder: a manifest is a file anybody could have edited,
-// and its paths are later read and written.
-bool isSafeRelative(const QString& path) {
-    if (path.isEmpty() || path.contains(QChar(0))) return false;
-    const QStringList parts = path.split(QLatin1Char('/'));
-    return std::none_of(parts.begin(), parts.end(), [](const QString& p) {
-        return p.isEmpty() || p == QLatin1String(".") || p == QLatin1String("..");
-    });
+const char kIdentityLead[] = "# drive: ";
+
+// The identity line sits right below the header; only the first lines are looked at.
+QString identityFrom(const QByteArray& text) {
+    for (const QByteArray& line : text.left(4096).split('\n'))
+        if (line.startsWith(kIdentityLead)) return QString::fromUtf8(line.mid(sizeof kIdentityLead - 1).trimmed());
+    return {};
 }
 
 }  // namespace
 
+// A row may only name a file inside the folder: a manifest is a file anybody could have edited,
+// and its paths are later read and written.
+bool BackupManifest::canRecord(const QByteArray& path) {
+    if (path.isEmpty() || path.contains('\0') || path.contains('\n')) return false;
+    const QList<QByteArray> parts = path.split('/');
+    return std::none_of(parts.begin(), parts.end(),
+                        [](const QByteArray& p) { return p.isEmpty() || p == "." || p == ".."; });
+}
+
 BackupManifest::BackupManifest(const QString& folder) : folder_(folder) {
     QFile file(path());
-    if (file.open(QIODevice::ReadOnly)) rows_ = parse(file.readAll());
+    if (!file.open(QIODevice::ReadOnly)) return;
+    QByteArray text = file.readAll();
+    rows_ = parse(text);
+    identity_ = identityFrom(text);
+}
+
+QString BackupManifest::identityIn(const QString& folder) {
+    QFile file(folder + QLatin1Char('/') + QLatin1String(kFileName));
+    if (!file.open(QIODevice::ReadOnly)) return {};
+    return identityFrom(file.read(4096));
 }
 
 QString BackupManifest::path() const { return folder_ + QLatin1Char('/') + QLatin1String(kFileName); }
 QString BackupManifest::lostLogPath() const { return path() + QLatin1String("-lost.txt"); }
 
-std::map<QString, BackupEntry> BackupManifest::parse(const QByteArray& text) {
-    std::map<QString, BackupEntry> rows;
-    for (QByteArray line : text.split('\n')) {
-        while (line.endsWith('\r')) line.chop(1);  // a manifest saved on a CRLF system
+std::map<QByteArray, BackupEntry> BackupManifest::parse(const QByteArray& text) {
+    std::map<QByteArray, BackupEntry> rows;
+    const QList<QByteArray> lines = text.split('\n');
+    // A manifest saved on a CRLF system ends every line, the header too, in a carriage return;
+    // otherwise a carriage return at the end of a row belongs to the file's name.
+    bool crlf = !lines.isEmpty() && lines.first().endsWith('\r');
+    for (QByteArray line : lines) {
+        if (crlf && line.endsWith('\r')) line.chop(1);
         if (line.isEmpty() || line.startsWith('#')) continue;
         const QList<QByteArray> fields = line.split('\t');
         if (fields.size() < 5) continue;
@@ -53,23 +74,24 @@ std::map<QString, BackupEntry> BackupManifest::parse(const QByteArray& text) {
         e.size = number(fields[1]);
         e.modified = number(fields[2]);
         e.verified = number(fields[3]);
-        e.path = QString::fromUtf8(fields.mid(4).join('\t'));
-        if (!isSafeRelative(e.path)) continue;
+        e.path = fields.mid(4).join('\t');
+        if (!canRecord(e.path)) continue;
         rows[e.path] = std::move(e);
     }
     return rows;
 }
 
-QByteArray BackupManifest::serialize(const std::map<QString, BackupEntry>& rows) {
+QByteArray BackupManifest::serialize(const std::map<QByteArray, BackupEntry>& rows, const QString& identity) {
     QByteArray out(kHeader);
+    if (!identity.isEmpty()) out += kIdentityLead + identity.toUtf8() + '\n';
     for (const auto& [path, e] : rows) {
         out += e.sha256.toUtf8() + '\t' + QByteArray::number(e.size) + '\t' + QByteArray::number(e.modified) + '\t' +
-               QByteArray::number(e.verified) + '\t' + path.toUtf8() + '\n';
+               QByteArray::number(e.verified) + '\t' + path + '\n';
     }
     return out;
 }
 
-bool BackupManifest::save() const { return FileWrites::replaceDurably(path(), serialize(rows_)); }
+bool BackupManifest::save() const { return FileWrites::replaceDurably(path(), serialize(rows_, identity_)); }
 
 QList<BackupEntry> BackupManifest::stalest(int n) const {
     QList<BackupEntry> all;
@@ -80,8 +102,8 @@ QList<BackupEntry> BackupManifest::stalest(int n) const {
     return all.mid(0, std::clamp<qsizetype>(n, 0, all.size()));
 }
 
-void BackupManifest::recordLost(const QString& path) const {
-    QByteArray line = QDateTime::currentDateTime().toString(QStringLiteral("yyyy-MM-dd HH:mm")).toUtf8() + '\t' +
-                      path.toUtf8() + '\n';
+void BackupManifest::recordLost(const QByteArray& path) const {
+    QByteArray line =
+        QDateTime::currentDateTime().toString(QStringLiteral("yyyy-MM-dd HH:mm")).toUtf8() + '\t' + path + '\n';
     FileWrites::appendDurably(lostLogPath(), line);
 }

@@ -46,7 +46,7 @@ BackupModel::BackupModel(DriveSelection* drives, BackupSchedule::Timings timings
 std::optional<QString> BackupModel::folder() const {
     std::optional<QmVolume> v = volume();
     if (!v || destination_.isEmpty()) return std::nullopt;
-    return Backup::folderFor(destination_, v->name);
+    return Backup::folderFor(destination_, *v);
 }
 
 void BackupModel::start() {

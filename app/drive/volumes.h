@@ -26,4 +26,8 @@ QList<QmVolume> classify(const QList<Mount>& mounts);
 
 QList<QmVolume> scan();
 
+// The UUID of the file system mounted at root (root must be its mount point), or "" when it has
+// none or the system does not say.
+QString fileSystemId(const QString& root);
+
 }  // namespace Volumes

@@ -11,6 +11,7 @@ Mode decideMode(const QStringList& args) {
     if (args.contains(QStringLiteral("--shot"))) return Mode::Screenshot;
     if (followed_by(args, QStringLiteral("--backup-run"), 2)) return Mode::BackupRun;
     if (followed_by(args, QStringLiteral("--backup-check"), 1)) return Mode::BackupCheck;
+    if (followed_by(args, QStringLiteral("--restore-run"), 2)) return Mode::RestoreRun;
     if (args.contains(QStringLiteral("--check-update")) || args.contains(QStringLiteral("--fetch-update")))
         return Mode::UpdateCheck;
     return Mode::Window;

@@ -3,10 +3,11 @@
 #include <QStringList>
 #include <optional>
 
-enum class Mode { Screenshot, BackupRun, BackupCheck, UpdateCheck, Window };
+enum class Mode { Screenshot, BackupRun, BackupCheck, RestoreRun, UpdateCheck, Window };
 
 // args includes the program path at index 0. The first row that applies wins: "--shot"
 // anywhere; "--backup-run" followed by two more elements; "--backup-check" followed by one;
+// "--restore-run" followed by two;
 // "--check-update" or "--fetch-update" anywhere; otherwise the window.
 Mode decideMode(const QStringList& args);
 

@@ -82,6 +82,7 @@ int Entry::main(int argc, char** argv) {
     switch (mode) {
         case Mode::BackupRun: return Headless::backupRun(args);
         case Mode::BackupCheck: return Headless::backupCheck(args);
+        case Mode::RestoreRun: return Headless::restoreRun(args);
         case Mode::UpdateCheck: {
             QCoreApplication qt(argc, argv);  // the network needs one, and the settings its names
             nameApplication();

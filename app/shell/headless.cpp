@@ -9,6 +9,7 @@
 #include <cstdio>
 
 #include "backup.h"
+#include "backup_restore.h"
 #include "cloud_sync.h"
 #include "dispatch.h"
 #include "qm_core.h"
@@ -74,15 +75,22 @@ int backupRun(const QStringList& args) {
     printLine(result.summary());
     for (const QString& failure : result.failures) printLine(QStringLiteral("  UNVERIFIED: ") + failure);
     if (result.cloudWarning) printLine(QStringLiteral("  WARNING: ") + *result.cloudWarning);
-    QString folder = Backup::folderFor(destination, volume.name);
-    if (std::optional<QString> note = CloudSync::uploadNote(folder)) printLine(QStringLiteral("  NOTE: ") + *note);
-    printLine(QStringLiteral("into: ") + folder);
+    if (!result.folder.isEmpty()) {
+        if (std::optional<QString> note = CloudSync::uploadNote(result.folder)) printLine(QStringLiteral("  NOTE: ") + *note);
+        printLine(QStringLiteral("into: ") + result.folder);
+    }
     std::fflush(stdout);
     return result.error || !result.failures.isEmpty() ? 1 : 0;
 }
 
 int backupCheck(const QStringList& args) {
     QString folder = *valueAfter(args, QStringLiteral("--backup-check"));
+    if (std::optional<QString> problem = Backup::destinationProblem(folder)) {
+        printLine(QStringLiteral("folder:  ") + folder);
+        printLine(QStringLiteral("error:   ") + *problem);
+        std::fflush(stdout);
+        return 1;
+    }
     std::optional<QString> service = CloudSync::service(folder);
     bool named = service && *service != QLatin1String("iCloud Drive") && CloudSync::clientRunning(*service);
     std::optional<QString> warning = CloudSync::check(folder);
@@ -91,6 +99,19 @@ int backupCheck(const QStringList& args) {
     printLine(QStringLiteral("warning: ") + warning.value_or(QStringLiteral("(none)")));
     std::fflush(stdout);
     return 0;
+}
+
+int restoreRun(const QStringList& args) {
+    qsizetype at = args.indexOf(QStringLiteral("--restore-run"));
+    RestoreResult result;
+    {
+        TerminalProgress progress;
+        result = Backup::restore(args[at + 1], args[at + 2], progress.options());
+    }
+    printLine(result.summary());
+    for (const QString& failure : result.failures) printLine(QStringLiteral("  NOT PUT BACK: ") + failure);
+    std::fflush(stdout);
+    return result.error || !result.failures.isEmpty() ? 1 : 0;
 }
 
 }  // namespace Headless

@@ -126,6 +126,7 @@ case_full_destination() {
   run_backup "$drive" "$dest"
   [[ $rc == 1 ]] || fail "exit status $rc on a full destination"
   failure_lines >/dev/null || fail "no UNVERIFIED line on a full destination"
+  failure_lines | grep -q "(the disk holding the backup folder is full)" || fail "no line says the disk is full"
   echo "  full: $(failure_lines | wc -l) failure lines, e.g.: $(failure_lines | head -1)"
   check_manifest "$folder"
   mount -o remount,size=64m "$dest" || fail "remount"
@@ -295,6 +296,22 @@ case_special_files() {
     [[ ! -e $folder/$f && ! -L $folder/$f ]] || fail "$f was copied"
     cut -f5- "$folder/.quillmate-backup" 2>/dev/null | grep -qxF "$f" && fail "$f has a manifest row"
   done
+  [[ $(cat "$folder/Sub/Kept.md" 2>/dev/null) == kept ]] || fail "Sub/Kept.md was not copied"
+  check_manifest "$folder"
+}
+
+# A folder bound into itself, as a corrupt file system's folder cycle looks: the run ends, says
+# so, and copies everything else.
+case_folder_loop() {
+  local drive=$work/Drive dest=$work/dest folder
+  make_drive "$drive" 3
+  mkdir -p "$dest" "$drive/Sub/Again"
+  echo kept >"$drive/Sub/Kept.md"
+  mount_here --bind "$drive/Sub" "$drive/Sub/Again" || return
+  limit=20 run_backup "$drive" "$dest"
+  [[ $rc == 1 ]] || fail "exit status $rc on a folder that leads back into itself"
+  failure_lines | grep -qF "Sub/Again (this folder leads back into itself" || { fail "no line names the loop"; cat "$work/out"; }
+  folder=$(folder_of "$drive" "$dest")
   [[ $(cat "$folder/Sub/Kept.md" 2>/dev/null) == kept ]] || fail "Sub/Kept.md was not copied"
   check_manifest "$folder"
 }

@@ -13,7 +13,10 @@
 #include "backup.h"
 #include "backup_lock.h"
 #include "backup_manifest.h"
+#include "backup_restore.h"
 #include "deck_drive.h"
+#include "drive_tree.h"
+#include "qm_core.h"
 
 namespace {
 
@@ -24,7 +27,7 @@ QString q(const std::string& s) { return QString::fromStdString(s); }
 struct Fixture {
     TempDir driveDir, dest;
     QmVolume volume{deckDrive(driveDir, deck::StatsState::Normal, 3), "Deck", true};
-    QString folder = Backup::folderFor(q(dest.path()), "Deck");
+    QString folder = Backup::folderFor(q(dest.path()), volume);
 
     BackupResult run(bool deep = false) { return Backup::run(volume, q(dest.path()), deep); }
     std::string drive(const std::string& rel) const { return driveDir / rel; }
@@ -67,7 +70,7 @@ TEST(BackupText, HumanSizesAndSummaries) {
 
 TEST(BackupManifestText, ReadsWhatPeopleAndOtherSystemsLeaveBehind) {
     QByteArray text = "# header\r\n"
-                      "aa\t1\t2\t3\tplain.md\n"
+                      "aa\t1\t2\t3\tplain.md\r\n"
                       "bb\t+5\t-6\t7\twith\ttab.md\r\n"
                       "cc\t12x\tabc\t\tletters.md\n"
                       "dd\t1\t2\tfour-fields\n"
@@ -81,9 +84,14 @@ TEST(BackupManifestText, ReadsWhatPeopleAndOtherSystemsLeaveBehind) {
     EXPECT_EQ(rows["plain.md"], (BackupEntry{"plain.md", "ee", 1, 1, 1}));  // the later row wins
     EXPECT_EQ(rows["with\ttab.md"], (BackupEntry{"with\ttab.md", "bb", 5, -6, 7}));
     EXPECT_EQ(rows["letters.md"], (BackupEntry{"letters.md", "cc", 0, 0, 0}));
-    EXPECT_EQ(BackupManifest::parse(BackupManifest::serialize(rows)), rows);
-    EXPECT_TRUE(BackupManifest::serialize(rows).startsWith(
-        "# Quillmate backup manifest v1 - sha256, size, modified, verified, path\n"));
+    // Written with line feeds, a carriage return ending a name is the name's own; so are bytes
+    // that are not UTF-8.
+    rows["ends in return\r"] = {"ends in return\r", "gg", 2, 2, 2};
+    rows["caf\xe9.md"] = {"caf\xe9.md", "hh", 3, 3, 3};
+    QByteArray saved = BackupManifest::serialize(rows, "key 00ff");
+    EXPECT_EQ(BackupManifest::parse(saved), rows);
+    EXPECT_TRUE(saved.startsWith("# Quillmate backup manifest v1 - sha256, size, modified, verified, path\n"
+                                 "# drive: key 00ff\n"));
 }
 
 TEST(BackupManifestText, StalestIsOldestFirstAndKeepsMapOrderOnTies) {
@@ -91,9 +99,9 @@ TEST(BackupManifestText, StalestIsOldestFirstAndKeepsMapOrderOnTies) {
     BackupManifest m(q(dir.path()));
     for (auto [path, verified] : {std::pair{"a", 5}, {"b", 1}, {"c", 5}, {"d", 3}})
         m.rows()[path] = {path, "x", 1, 1, verified};
-    QStringList order;
+    QList<QByteArray> order;
     for (const BackupEntry& e : m.stalest(3)) order << e.path;
-    EXPECT_EQ(order, QStringList({"b", "d", "a"}));
+    EXPECT_EQ(order, QList<QByteArray>({"b", "d", "a"}));
     EXPECT_EQ(m.stalest(10).size(), 4);
     EXPECT_TRUE(m.stalest(0).isEmpty());
 }
@@ -126,7 +134,7 @@ TEST(BackupRun, FirstRunCopiesTheWritingAndNotTheDrivesOwnFiles) {
     auto rows = f.manifest().rows();
     ASSERT_EQ(rows.size(), size_t(wanted.size()));
     for (const auto& [path, e] : rows) {
-        EXPECT_EQ(Backup::hashFile(f.folder + "/" + path), e.sha256) << path.toStdString();
+        EXPECT_EQ(Backup::hashFile(f.folder + "/" + QString::fromUtf8(path)), e.sha256) << path.toStdString();
         EXPECT_EQ(e.size, QFileInfo(q(f.drive(path.toStdString()))).size());
     }
 }
@@ -158,13 +166,13 @@ TEST(BackupRun, LaterRunsRecheckRepairAndNeverDelete) {
     BackupResult kept = f.run(true);
     EXPECT_TRUE(kept.failures.isEmpty());
     EXPECT_TRUE(fs::exists(f.copy(victim)));
-    EXPECT_EQ(f.manifest().rows().count(q(victim)), 1u);
+    EXPECT_EQ(f.manifest().rows().count(QByteArray::fromStdString(victim)), 1u);
 
     // Gone from both: reported once, logged, its row dropped.
     fs::remove(f.copy(victim));
     BackupResult lost = f.run(true);
     EXPECT_EQ(lost.failures, QStringList{q(victim) + " (no longer in the folder, and not on the drive)"});
-    EXPECT_EQ(f.manifest().rows().count(q(victim)), 0u);
+    EXPECT_EQ(f.manifest().rows().count(QByteArray::fromStdString(victim)), 0u);
     QString log = q(slurp(f.copy(".quillmate-backup-lost.txt")));
     EXPECT_TRUE(QRegularExpression("^\\d{4}-\\d\\d-\\d\\d \\d\\d:\\d\\d\t" + QRegularExpression::escape(q(victim)) + "\n$")
                     .match(log)
@@ -212,8 +220,8 @@ TEST(BackupRun, ChangedFilesAndDamagedManifestsAreCopiedAgain) {
 }
 
 TEST(BackupRun, FolderNamesAndRefusals) {
-    EXPECT_EQ(Backup::folderFor("/d", " \n "), "/d/Quillmate/Writing stick");
-    EXPECT_EQ(Backup::folderFor("/d", " A/B\n"), "/d/Quillmate/A-B");
+    EXPECT_EQ(Backup::folderFor("/d", {"/nowhere", " \n ", false}), "/d/Quillmate/Writing stick");
+    EXPECT_EQ(Backup::folderFor("/d", {"/nowhere", " A/B\n", false}), "/d/Quillmate/A-B");
 
     Fixture f;
     EXPECT_EQ(Backup::run(f.volume, "", false).summary(), "Backup failed: no folder chosen");
@@ -224,8 +232,12 @@ TEST(BackupRun, FolderNamesAndRefusals) {
     QDir().mkpath(nested.path);
     EXPECT_EQ(Backup::run(nested, q(f.dest.path()), false).summary(),
               "Backup failed: the drive is inside the chosen folder; choose a folder outside it");
-    QmVolume gone{q(f.dest / "nowhere"), "Gone", true};
-    EXPECT_EQ(Backup::run(gone, q(f.dest / "out"), false).summary(), "Backup failed: cannot read the drive");
+    QmVolume gone{q(f.driveDir / "nowhere"), "Gone", true};
+    EXPECT_EQ(Backup::run(gone, q(f.dest.path()), false).summary(), "Backup failed: cannot read the drive");
+    // A chosen folder that has gone (its disk unplugged) is not made again on this computer.
+    EXPECT_EQ(Backup::run(f.volume, q(f.dest / "unplugged/Backups"), false).summary(),
+              "Backup failed: the folder " + q(f.dest / "unplugged/Backups") + " is not there. Is its disk plugged in?");
+    EXPECT_FALSE(QFileInfo::exists(q(f.dest / "unplugged")));
     spit(f.dest / "file", "x");
     EXPECT_TRUE(Backup::run(f.volume, q(f.dest / "file"), false).summary().startsWith("Backup failed: "));
 }
@@ -254,6 +266,110 @@ TEST(BackupRun, CopyVerifiedReportsTheFileByName) {
     QDateTime when = QDateTime::fromSecsSinceEpoch(1'600'000'000);
     EXPECT_EQ(Backup::copyVerified(q(dir / "ok.md"), q(dir / "out/ok.md"), when, r), Backup::hashFile(q(dir / "ok.md")));
     EXPECT_EQ(QFileInfo(q(dir / "out/ok.md")).lastModified(), when);
+}
+
+// Two sticks named alike each keep a folder of their own, whoever backs up first; a folder from
+// before drives were told apart is claimed by the first drive that backs up into it.
+TEST(BackupRun, DrivesWithOneNameNeverShareAFolder) {
+    TempDir dest, one, two, plain;
+    auto stick = [](const TempDir& dir, const char* text) {
+        EXPECT_EQ(qm_provision(dir.path().c_str(), 1), 0);
+        spit(dir / "Chapter.md", text);
+        return QmVolume{q(dir.path()), "DATA", true};
+    };
+    QmVolume first = stick(one, "stick one"), second = stick(two, "stick two");
+    QString legacy = q(dest / "Quillmate/DATA");
+    QDir().mkpath(legacy);
+    spit(dest / "Quillmate/DATA/.quillmate-backup", "# Quillmate backup manifest v1 - sha256, size, modified, verified, path\n");
+
+    for (int round = 0; round < 2; ++round) {
+        for (const QmVolume& v : {first, second}) {
+            BackupResult r = Backup::run(v, q(dest.path()), false);
+            EXPECT_TRUE(r.failures.isEmpty() && !r.error) << r.summary().toStdString();
+            EXPECT_EQ(r.folder, Backup::folderFor(q(dest.path()), v));
+        }
+    }
+    EXPECT_EQ(Backup::folderFor(q(dest.path()), first), legacy);
+    EXPECT_EQ(Backup::folderFor(q(dest.path()), second), legacy + " 2");
+    EXPECT_EQ(slurp(dest / "Quillmate/DATA/Chapter.md"), "stick one");
+    EXPECT_EQ(slurp(dest / "Quillmate/DATA 2/Chapter.md"), "stick two");
+    EXPECT_EQ(BackupManifest::identityIn(legacy), Backup::driveIdentity(first));
+    EXPECT_TRUE(Backup::driveIdentity(first).startsWith("key "));
+    EXPECT_NE(Backup::driveIdentity(first), Backup::driveIdentity(second));
+}
+
+// Names are bytes: not UTF-8, ending in a carriage return, or holding a line feed (which no row
+// can record, so it is reported). Trees too deep, or leading back into themselves, are reported
+// and the rest is copied.
+TEST(BackupRun, OddNamesAndTreesAreCopiedOrReported) {
+    Fixture f;
+    spit(f.drive("caf\xe9.md"), "latin-1 name");
+    spit(f.drive("Notes\r"), "carriage return");
+    spit(f.drive("two\nlines.md"), "line feed");
+    std::string deep;
+    for (int i = 0; i <= DriveTree::kMaxDepth; ++i) deep += "d/";
+    spit(f.drive(deep + "bottom.md"), "too deep");
+    spit(f.drive("d/top.md"), "shallow enough");
+
+    BackupResult r = f.run();
+    r.failures.sort();
+    EXPECT_EQ(r.failures, QStringList({q(deep).chopped(1) + " (folders nested more than 64 deep are not copied)",
+                                       "two\nlines.md (a line break in its name cannot go into the backup's list; rename it)"}));
+    for (const char* rel : {"caf\xe9.md", "Notes\r", "d/top.md"}) EXPECT_EQ(slurp(f.copy(rel)), slurp(f.drive(rel))) << rel;
+    BackupResult again = f.run(true);
+    EXPECT_EQ(again.copied, 0);
+    EXPECT_EQ(again.repaired, 0);
+    EXPECT_EQ(again.failures.size(), 2);
+}
+
+// A copy replaced by a link inside the backup folder is not read through the link: it counts as
+// missing and is put back as a file of its own.
+TEST(BackupRun, RechecksNeverFollowLinksInTheFolder) {
+    Fixture f;
+    f.run();
+    std::string victim = ".qmv/Novel.md/history.log";
+    spit(f.dest / "elsewhere", slurp(f.copy(victim)));
+    fs::remove(f.copy(victim));
+    fs::create_symlink(f.dest / "elsewhere", f.copy(victim));
+    EXPECT_EQ(f.run(true).repaired, 1);
+    EXPECT_TRUE(fs::is_regular_file(fs::symlink_status(f.copy(victim))));
+}
+
+// The writing put back onto a new stick from a backup: missing files arrive verified, files the
+// stick already holds are left alone, a differing file keeps its place with the backup's copy
+// beside it, and a damaged copy in the backup is reported, not written.
+TEST(BackupRestore, PutsTheWritingBackWithoutOverwritingAnything) {
+    Fixture f;
+    ASSERT_TRUE(f.run().failures.isEmpty());
+    TempDir fresh;
+    spit(fresh / "Novel.md", "written on the new stick");
+    std::string damaged = ".qmv/Novel.md/refs";
+    std::string bad = slurp(f.copy(damaged));
+    bad[0] ^= 1;
+    spit(f.copy(damaged), bad);
+
+    RestoreResult r = Backup::restore(f.folder, q(fresh.path()));
+    EXPECT_EQ(r.failures, QStringList{q(damaged) + " (the copy in the backup folder is damaged; it no longer matches its fingerprint)"});
+    EXPECT_EQ(r.keptBeside, 1);
+    EXPECT_EQ(slurp(fresh / "Novel.md"), "written on the new stick");
+    EXPECT_EQ(slurp(fresh / "Novel (from backup).md"), slurp(f.drive("Novel.md")));
+    int compared = 0;
+    BackupManifest manifest = f.manifest();
+    for (const auto& [path, row] : manifest.rows()) {
+        if (path.toStdString() == damaged || path == "Novel.md") continue;
+        EXPECT_EQ(slurp(fresh / path.toStdString()), slurp(f.drive(path.toStdString()))) << path.toStdString();
+        ++compared;
+    }
+    EXPECT_EQ(r.restored, compared);
+    EXPECT_FALSE(fs::exists(fresh / damaged));
+
+    RestoreResult again = Backup::restore(f.folder, q(fresh.path()));
+    EXPECT_EQ(again.restored, 0);
+    EXPECT_EQ(again.alreadyThere, compared);
+    EXPECT_TRUE(again.summary().startsWith("Nothing to put back.  "));
+    EXPECT_TRUE(Backup::restore(q(fresh.path()), q(fresh.path())).error);
+    EXPECT_EQ(Backup::besideName("a/b.c/notes", 2), "a/b.c/notes (from backup 2)");
+    EXPECT_EQ(Backup::besideName(".hidden", 1), ".hidden (from backup)");
 }
 
 }  // namespace

@@ -1,0 +1,108 @@
+#include "verified_copy.h"
+
+#include <fcntl.h>
+#include <stdio.h>
+#include <sys/stat.h>
+#include <sys/statvfs.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <thread>
+#include <vector>
+
+#include "file_hash.h"
+#include "file_writes.h"
+
+namespace VerifiedCopy {
+namespace {
+
+constexpr size_t kChunk = 1 << 20;
+constexpr size_t kHashRead = 65536;
+
+bool noRoom(int error) { return error == ENOSPC || error == EDQUOT; }
+
+bool roomFor(int dirFd, int64_t bytes) {
+    struct statvfs vfs {};
+    if (::fstatvfs(dirFd, &vfs) != 0) return true;  // unknown: the writes will tell
+    return static_cast<int64_t>(vfs.f_bavail) * static_cast<int64_t>(vfs.f_frsize) >= bytes;
+}
+
+bool renameInto(int dirFd, const char* from, const QByteArray& to, bool noReplace) {
+#ifdef __linux__
+    if (noReplace) {
+        if (::renameat2(dirFd, from, dirFd, to.constData(), RENAME_NOREPLACE) == 0) return true;
+        if (errno != EINVAL && errno != ENOSYS) return false;
+        // A file system without the flag: look, then rename; the window is this process's own.
+    }
+#endif
+    struct stat st {};
+    if (noReplace && ::fstatat(dirFd, to.constData(), &st, AT_SYMLINK_NOFOLLOW) == 0) {
+        errno = EEXIST;
+        return false;
+    }
+    return ::renameat(dirFd, from, dirFd, to.constData()) == 0;
+}
+
+Outcome attempt(const Request& r, std::vector<char>& buf, Copied& out) {
+    struct stat src {};
+    if (::fstat(r.srcFd, &src) != 0) return Outcome::SourceUnreadable;
+    if (!roomFor(r.dirFd, src.st_size)) return Outcome::DiskFull;
+    int fd = ::openat(r.dirFd, kPartialName, O_RDWR | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0644);
+    if (fd < 0) return noRoom(errno) ? Outcome::DiskFull : Outcome::Failed;
+    Sha256 sent;
+    off_t at = 0;
+    Outcome outcome = Outcome::Verified;
+    for (;;) {
+        ssize_t n = FileHash::preadFully(r.srcFd, buf.data(), buf.size(), at);
+        if (n < 0) outcome = Outcome::SourceUnreadable;
+        if (n <= 0) break;
+        sent.add(buf.data(), static_cast<size_t>(n));
+        if (!FileWrites::writeAll(fd, buf.data(), static_cast<size_t>(n))) {
+            outcome = noRoom(errno) ? Outcome::DiskFull : Outcome::Failed;
+            break;
+        }
+        at += n;
+    }
+    if (outcome == Outcome::Verified) {
+        out = {sent.hex(), static_cast<int64_t>(at)};
+        if (r.expected && *r.expected != out.sha256) outcome = Outcome::SourceDamaged;
+    }
+    if (outcome == Outcome::Verified) {
+        timespec times[2] = {{0, UTIME_OMIT}, r.mtime};
+        ::futimens(fd, times);
+        // On the disk, not in the cache: a full or failing disk reports it here at the latest.
+        if (::fdatasync(fd) != 0) outcome = noRoom(errno) ? Outcome::DiskFull : Outcome::Failed;
+    }
+    if (outcome == Outcome::Verified) {
+        std::optional<QString> arrived = hashFromDisk(fd);
+        if (!arrived || *arrived != out.sha256) outcome = Outcome::Failed;
+    }
+    bool closed = ::close(fd) == 0;  // a network file system may report a lost write only here
+    if (outcome == Outcome::Verified && closed) {
+        if (renameInto(r.dirFd, kPartialName, r.leaf, r.noReplace)) return Outcome::Verified;
+        outcome = errno == EEXIST ? Outcome::Taken : Outcome::Failed;
+    }
+    ::unlinkat(r.dirFd, kPartialName, 0);
+    return outcome == Outcome::Verified ? Outcome::Failed : outcome;
+}
+
+}  // namespace
+
+Outcome copy(const Request& request, Copied& out) {
+    std::vector<char> buf(kChunk);
+    Outcome outcome = attempt(request, buf, out);
+    if (outcome != Outcome::Failed) return outcome;
+    std::this_thread::sleep_for(std::chrono::milliseconds(250));
+    return attempt(request, buf, out);
+}
+
+std::optional<QString> hashFromDisk(int fd) {
+#ifdef POSIX_FADV_DONTNEED
+    // Drops clean pages only; a copy just made was flushed before this.
+    ::posix_fadvise(fd, 0, 0, POSIX_FADV_DONTNEED);
+#endif
+    return FileHash::ofDescriptor(fd, kHashRead);
+}
+
+}  // namespace VerifiedCopy

@@ -9,6 +9,7 @@ struct FlashDialog {
     QString title;
     QString text;
     QStringList buttons;  // in the order shown; the first is the default
+    int cancel = 0;       // the button Escape presses
     bool operator==(const FlashDialog&) const = default;
 };
 
@@ -17,4 +18,6 @@ public:
     virtual ~FlashDialogs() = default;
     // Shows the dialog until it is answered; the index of the button pressed, or -1.
     virtual int ask(const FlashDialog& dialog) = 0;
+    // Asks for a folder; empty when none was chosen.
+    virtual QString chooseFolder(const QString& caption) = 0;
 };

@@ -3,7 +3,9 @@
 #include <QDir>
 #include <QFileInfo>
 #include <algorithm>
+#include <chrono>
 #include <cmath>
+#include <memory>
 
 #include "launcher.h"
 #include "resources.h"
@@ -14,7 +16,13 @@ QString displayText(FSChoice fs) { return fs == FSChoice::exfat ? QStringLiteral
 namespace {
 
 const QString kFailedTitle = QStringLiteral("Install failed");
+const QString kBackUpFirst = QStringLiteral("Back up, then erase");
+const QString kBackingUp = QStringLiteral("Backing up your writing…");
+const QString kUnmounting = QStringLiteral("Unmounting volumes…");
 const QString kDidNotComplete = QStringLiteral("the write did not complete.");
+// Progress is drawn at most this often; a backup of thousands of small files would otherwise
+// queue a repaint per file.
+constexpr auto kProgressInterval = std::chrono::milliseconds(100);
 
 QString mebibytes(double bytes) { return QString::number(qint64(bytes) / 1048576); }
 
@@ -26,6 +34,14 @@ QString pace(double done, double total, qint64 elapsedMs) {
     QString rate = QStringLiteral("%1 MB/s").arg(qRound64(perSecond / 1048576.0));
     if (left < 60) return rate + QStringLiteral(", less than a minute left");
     return rate + QStringLiteral(", about %1 min left").arg(qint64(std::ceil(left / 60.0)));
+}
+
+// The confirmation's words on a stick that holds writing.
+QString holdsWriting(const StickWriting& writing) {
+    QString count = writing.documents == 1 ? QStringLiteral("1 document") : QStringLiteral("%1 documents").arg(writing.documents);
+    return QStringLiteral("\n\nThis stick holds writing: ") + count + QStringLiteral(". ") + kBackUpFirst +
+           QStringLiteral(" copies it into your backup folder, keeps the drive's key and statistics on this computer, "
+                          "and puts it all back on the new stick.");
 }
 
 bool mentions_permission(const QString& message) {
@@ -158,13 +174,24 @@ void FlashModel::flash() {
         emit changed();
         return;
     }
+    if (keeper_.working()) {  // the stick may be the one its writing is going back on
+        status_ = QStringLiteral("Wait until your writing is back on the stick.");
+        emit changed();
+        return;
+    }
+    std::optional<StickWriting> writing = keeper_.writingOn(*drive);
     QString confirm = QStringLiteral("This will ERASE everything on:\n\n    ") + driveLine(*drive) +
                       QStringLiteral("\n\nand write Quillmate (") +
                       QLatin1String(boot_ == BootMode::bios ? "BIOS" : "UEFI") + QStringLiteral(", ") +
-                      displayText(fs_) + QStringLiteral(".\n\nContinue?");
+                      displayText(fs_) + QStringLiteral(".") + (writing ? holdsWriting(*writing) : QString()) +
+                      QStringLiteral("\n\nContinue?");
     FlashDialog question{FlashDialog::Kind::Warning, QStringLiteral("Confirm erase"), confirm,
                          {QStringLiteral("Cancel"), QStringLiteral("Erase & Flash")}};
-    if (!dialogs_ || dialogs_->ask(question) != 1) return;
+    if (writing) question = {FlashDialog::Kind::Warning, question.title, confirm,
+                             {kBackUpFirst, QStringLiteral("Erase anyway"), QStringLiteral("Cancel")}, 2};
+    int answer = dialogs_ ? dialogs_->ask(question) : -1;
+    bool backUpFirst = writing && answer == 0;
+    if (answer != 1 && !backUpFirst) return;  // "Erase & Flash" and "Erase anyway" are both the second
 
     // Canonical: the writer opens the image by a path without links, so nothing can redirect it.
     QString image = resources_ ? QFileInfo(QDir(*resources_).filePath(QStringLiteral("images/") + resourceName() +
@@ -181,35 +208,60 @@ void FlashModel::flash() {
         tell(FlashDialog::Kind::Critical, kFailedTitle, QStringLiteral("The privileged writer is missing from this app."));
         return;
     }
+    std::optional<KeepWriting::Plan> plan;
+    if (backUpFirst) {
+        std::optional<QString> destination = keeper_.backupDestination();
+        if (!destination) {
+            status_ = QStringLiteral("Nothing was written: no folder was chosen for the backup.");
+            emit changed();
+            return;
+        }
+        plan = KeepWriting::Plan{writing->volume, *destination, drive->devicePath, drive->model, writing->documents};
+    }
     if (std::optional<QString> refusal = startGate_ ? startGate_() : std::nullopt) {
         status_ = *refusal;
         emit changed();
         return;
     }
-    start(*drive, writer, image);
+    start(*drive, writer, image, plan);
 }
 
-void FlashModel::start(const USBDrive& drive, const QString& writer, const QString& image) {
+void FlashModel::start(const USBDrive& drive, const QString& writer, const QString& image,
+                       const std::optional<KeepWriting::Plan>& plan) {
     busy_ = true;
     progress_ = 0;
     detail_.clear();
     phase_ = WriterLine::Other;
-    status_ = QStringLiteral("Unmounting volumes…");
+    status_ = plan ? kBackingUp : kUnmounting;
     emit changed();
-    QString whole = scanner_->wholeDiskPath(drive.id);
-    background_.post([this, writer, image, drive, whole] { return doFlash(writer, image, drive, whole); },
-                     [this](Outcome outcome) { finish(outcome); });
+    QString whole = scanner_->wholeDiskPath(drive.id), keptRoot = keeper_.keptRoot();
+    background_.post([=, this] { return doFlash(writer, image, drive, whole, plan, keptRoot); },
+                     [this, drive](Outcome outcome) { finish(outcome, drive); });
 }
 
 // On the background thread: touches no member but the scanner, the launcher and the queue.
 FlashModel::Outcome FlashModel::doFlash(const QString& writer, const QString& image, const USBDrive& drive,
-                                        const QString& whole) {
+                                        const QString& whole, const std::optional<KeepWriting::Plan>& plan,
+                                        const QString& keptRoot) {
     Outcome outcome;
     QList<USBDrive> now = scanner_->externalDrives();
     if (!listed(now, drive)) {
         outcome.error = kDriveChanged;
         outcome.drives = std::move(now);
         return outcome;
+    }
+    if (plan) {
+        KeepWriting::Kept kept = KeepWriting::keep(*plan, keptRoot, backupProgress());
+        if (!kept.set) {
+            outcome.notKept = kept.problem;
+            return outcome;
+        }
+        outcome.kept = kept.set;
+        background_.deliver([this] {
+            status_ = kUnmounting;
+            progress_ = 0;  // the bar is the write's from here
+            emit changed();
+        });
     }
     scanner_->unmountDisk(whole);  // ignored on purpose: the writer copes with a mounted disk
     ElevatedRun run = launch_(writer, image, drive.devicePath);
@@ -254,10 +306,25 @@ void FlashModel::showReport(const WriterLine& line) {
     emit changed();
 }
 
-void FlashModel::finish(const Outcome& outcome) {
+void FlashModel::finish(const Outcome& outcome, const USBDrive& drive) {
     busy_ = false;
     detail_.clear();
     if (outcome.drives) applyScan(*outcome.drives);  // first: its count would replace the outcome's status
+    if (outcome.notKept) {
+        status_ = QStringLiteral("Nothing was written: your writing could not be backed up.");
+        emit changed();
+        tell(FlashDialog::Kind::Critical, kFailedTitle,
+             QStringLiteral("Your writing could not be backed up, so nothing was written.\n\n") + *outcome.notKept);
+        emit finished();
+        return;
+    }
+    if (outcome.kept) {
+        // A writer that never started left the stick as it was; one that ran may have erased it.
+        if (outcome.launchStatus != 0)
+            keeper_.discard(*outcome.kept);
+        else
+            keeper_.adopt(*outcome.kept);
+    }
     if (outcome.launchStatus != 0) {
         bool cancelled = outcome.launchStatus == kAuthCanceled;
         status_ = cancelled ? QStringLiteral("Cancelled.") : QStringLiteral("Failed: could not get administrator privileges.");
@@ -271,15 +338,38 @@ void FlashModel::finish(const Outcome& outcome) {
     }
     if (outcome.done) {
         progress_ = 1.0;
-        status_ = QStringLiteral("Done — you can remove the drive.");
+        bool goesBack = keeper_.written(drive.devicePath);  // it offers the rest
+        status_ = goesBack ? QStringLiteral("Done — your writing goes back on next.")
+                           : QStringLiteral("Done — you can remove the drive.");
         emit changed();
-        tell(FlashDialog::Kind::Information, QStringLiteral("Finished"),
-             QStringLiteral("Quillmate was written successfully.\n\nBoot the target machine from this USB."));
+        if (!goesBack)
+            tell(FlashDialog::Kind::Information, QStringLiteral("Finished"),
+                 QStringLiteral("Quillmate was written successfully.\n\nBoot the target machine from this USB."));
         emit finished();
         return;
     }
     status_ = QStringLiteral("Failed: ") + outcome.error.value_or(kDidNotComplete);
     emit changed();
-    tell(FlashDialog::Kind::Critical, kFailedTitle, failure_text(outcome.error));
+    tell(FlashDialog::Kind::Critical, kFailedTitle,
+         failure_text(outcome.error) +
+             (outcome.kept ? QStringLiteral("\n\nYour writing is kept: once the stick is written, it goes back on.")
+                           : QString()));
     emit finished();
+}
+
+// The backup before an erase reports like a backup: files done of files to do.
+Backup::RunOptions FlashModel::backupProgress() {
+    Backup::RunOptions options;
+    auto last = std::make_shared<std::chrono::steady_clock::time_point>();
+    options.progress = [this, last](const BackupProgress& p) {
+        auto now = std::chrono::steady_clock::now();
+        if (p.filesDone < p.filesTotal && now - *last < kProgressInterval) return;
+        *last = now;
+        background_.deliver([this, p] {
+            status_ = kBackingUp + QStringLiteral(" %1 of %2 files").arg(p.filesDone).arg(p.filesTotal);
+            progress_ = p.filesTotal > 0 ? double(p.filesDone) / p.filesTotal : 0;
+            emit changed();
+        });
+    };
+    return options;
 }

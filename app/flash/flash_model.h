@@ -14,6 +14,7 @@
 #include "flash_dialogs.h"
 #include "launcher.h"
 #include "writer_protocol.h"
+#include "writing_keeper.h"
 
 enum class BootMode { uefi, bios };
 enum class FSChoice { fat32, exfat };
@@ -33,7 +34,10 @@ public:
     explicit FlashModel(std::unique_ptr<DiskScanner> scanner = DiskScanner::platform(), QObject* parent = nullptr);
 
     // What the model needs from outside, replaceable for tests.
-    void setDialogs(FlashDialogs* dialogs) { dialogs_ = dialogs; }
+    void setDialogs(FlashDialogs* dialogs) {
+        dialogs_ = dialogs;
+        keeper_.setDialogs(dialogs);
+    }
     void setResourceFolder(std::optional<QString> folder) { resources_ = std::move(folder); }
     void setLauncher(Launcher launcher) { launch_ = std::move(launcher); }
     void setStartGate(StartGate gate) { startGate_ = std::move(gate); }
@@ -50,6 +54,9 @@ public:
     const QString& detail() const { return detail_; }
     bool busy() const { return busy_; }
     bool scanning() const { return scanning_ > 0; }
+    // Writing kept across a reflash: backed up before the erase, put back after the write.
+    WritingKeeper& keeper() { return keeper_; }
+    const WritingKeeper& keeper() const { return keeper_; }
 
     std::optional<USBDrive> selectedDrive() const;
     int hiddenCount() const;
@@ -78,13 +85,18 @@ private:
         bool spoke = false;  // the writer printed a line of its protocol
         std::optional<QString> error;
         std::optional<QList<USBDrive>> drives;  // listed again: the confirmed drive was not there
+        std::optional<QString> notKept;         // the writing could not be backed up: nothing was written
+        std::optional<KeptSet> kept;            // kept before the write
     };
     void applyScan(QList<USBDrive> found);
-    void start(const USBDrive& drive, const QString& writer, const QString& image);
-    Outcome doFlash(const QString& writer, const QString& image, const USBDrive& drive, const QString& whole);
+    void start(const USBDrive& drive, const QString& writer, const QString& image,
+               const std::optional<KeepWriting::Plan>& plan);
+    Outcome doFlash(const QString& writer, const QString& image, const USBDrive& drive, const QString& whole,
+                    const std::optional<KeepWriting::Plan>& plan, const QString& keptRoot);
+    Backup::RunOptions backupProgress();
     void readReports(FILE* out, Outcome& outcome);
     void showReport(const WriterLine& line);
-    void finish(const Outcome& outcome);
+    void finish(const Outcome& outcome, const USBDrive& drive);
     void tell(FlashDialog::Kind kind, const QString& title, const QString& text);
 
     std::unique_ptr<DiskScanner> scanner_;
@@ -105,5 +117,6 @@ private:
     int scanning_ = 0;
     QElapsedTimer phaseClock_;  // since the first report of the phase (writing, checking)
     WriterLine::Kind phase_ = WriterLine::Other;
+    WritingKeeper keeper_;
     BackgroundQueue background_;  // last: stopped first
 };

@@ -2,6 +2,8 @@
 
 #include <QButtonGroup>
 #include <QComboBox>
+#include <QFileDialog>
+#include <QFrame>
 #include <QGroupBox>
 #include <QHBoxLayout>
 #include <QLabel>
@@ -59,6 +61,16 @@ FlashView::FlashView(FlashModel* model, QWidget* parent) : QWidget(parent), mode
     bottom->addWidget(status_, 1);
     bottom->addWidget(install_);
     layout->addLayout(bottom);
+
+    auto* kept = new QFrame;
+    kept->setFrameShape(QFrame::StyledPanel);
+    auto* keptRow = new QHBoxLayout(kept);
+    keptText_ = Labels::status();
+    putBack_ = new QPushButton(tr("Put your writing back"));
+    keptRow->addWidget(keptText_, 1);
+    keptRow->addWidget(putBack_);
+    kept_ = kept;
+    layout->addWidget(kept_);
     layout->addStretch();
 
     connect(picker_, &QComboBox::activated, this, [this](int index) {
@@ -70,7 +82,9 @@ FlashView::FlashView(FlashModel* model, QWidget* parent) : QWidget(parent), mode
     connect(boot_, &QButtonGroup::idClicked, this, [this](int id) { model_->setBoot(BootMode(id)); });
     connect(fs_, &QButtonGroup::idClicked, this, [this](int id) { model_->setFs(FSChoice(id)); });
     connect(install_, &QPushButton::clicked, model_, &FlashModel::flash);
+    connect(putBack_, &QPushButton::clicked, &model_->keeper(), [this] { model_->keeper().putBack(); });
     connect(model_, &FlashModel::changed, this, &FlashView::refreshFromModel);
+    connect(&model_->keeper(), &WritingKeeper::changed, this, &FlashView::refreshFromModel);
     poll_.setInterval(kPollMs);
     connect(&poll_, &QTimer::timeout, this, [this] {
         if (!model_->busy() && !model_->scanning() && !asking_) model_->refresh();
@@ -98,12 +112,20 @@ int FlashView::ask(const FlashDialog& dialog) {
     QMessageBox box(icons[int(dialog.kind)], dialog.title, dialog.text, QMessageBox::NoButton, this);
     QList<QPushButton*> buttons;
     for (const QString& text : dialog.buttons)
-        buttons << box.addButton(text, buttons.isEmpty() ? QMessageBox::RejectRole : QMessageBox::AcceptRole);
+        buttons << box.addButton(text, buttons.size() == dialog.cancel ? QMessageBox::RejectRole : QMessageBox::AcceptRole);
     if (!buttons.isEmpty()) box.setDefaultButton(buttons.first());  // Return takes the safe answer
+    if (dialog.cancel >= 0 && dialog.cancel < buttons.size()) box.setEscapeButton(buttons[dialog.cancel]);
     asking_ = true;
     box.exec();
     asking_ = false;
     return int(buttons.indexOf(static_cast<QPushButton*>(box.clickedButton())));
+}
+
+QString FlashView::chooseFolder(const QString& caption) {
+    asking_ = true;
+    QString folder = QFileDialog::getExistingDirectory(this, caption);
+    asking_ = false;
+    return folder;
 }
 
 void FlashView::showEvent(QShowEvent* e) {
@@ -140,5 +162,10 @@ void FlashView::refreshFromModel() {
     progress_->setValue(int(model_->progress() * kProgressSteps));
     detail_->setText(model_->detail());
     status_->setText(model_->status());
-    install_->setEnabled(!busy && model_->selectedDrive().has_value());
+    const WritingKeeper& keeper = model_->keeper();
+    install_->setEnabled(!busy && !keeper.working() && model_->selectedDrive().has_value());
+    QString kept = keeper.status();
+    kept_->setVisible(!kept.isEmpty());
+    keptText_->setText(kept);
+    putBack_->setEnabled(!busy && !keeper.working() && keeper.ready());
 }

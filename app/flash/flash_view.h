@@ -1,6 +1,7 @@
 // The Install tab: the drive picker, boot mode and file system, the help text, progress and
-// the Install button. It also answers the model's dialogs, and lists the drives again every
-// few seconds while it is on screen and nothing is being written or asked.
+// the Install button, and writing kept from a stick until it goes back on. It also answers the
+// model's dialogs, and lists the drives again every few seconds while it is on screen and
+// nothing is being written or asked.
 #pragma once
 #include <QTimer>
 #include <QWidget>
@@ -19,6 +20,7 @@ class FlashView : public QWidget, public FlashDialogs {
 public:
     explicit FlashView(FlashModel* model, QWidget* parent = nullptr);
     int ask(const FlashDialog& dialog) override;
+    QString chooseFolder(const QString& caption) override;
 
 protected:
     void showEvent(QShowEvent* e) override;
@@ -41,6 +43,9 @@ private:
     QLabel* detail_;
     QLabel* status_;
     QPushButton* install_;
+    QWidget* kept_;
+    QLabel* keptText_;
+    QPushButton* putBack_;
     QTimer poll_;
     bool listed_ = false;
     bool asking_ = false;

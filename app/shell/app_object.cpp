@@ -6,7 +6,13 @@
 #include "dispatch.h"
 #include "running_work.h"
 
-QuillmateFlasherApp::QuillmateFlasherApp() { RunningWork::keepUpdatesOffWrites(flash, settings); }
+QuillmateFlasherApp::QuillmateFlasherApp() {
+    RunningWork::keepUpdatesOffWrites(flash, settings);
+    // A stick's writing is backed up before an erase into the Backup tab's folder; one chosen then
+    // becomes that folder.
+    flash.keeper().setDestination([] { return BackupSettings::destination(); },
+                                  [this](const QString& folder) { backup.choose(folder); });
+}
 
 void QuillmateFlasherApp::start(const QStringList& args, const QString& pinnedName, bool automaticBackups) {
     if (automaticBackups)

@@ -18,6 +18,9 @@ std::optional<RunningWork::QuitWarning> RunningWork::quitWarning(const FlashMode
         {flash.busy(), "Quit while the drive is being written?",
          "Quillmate is being written to the drive. If you quit, the write goes on unseen and you will not be told "
          "when it ends or whether it worked. A drive removed before then is unusable until it is written again."},
+        {flash.keeper().working(), "Quit while your writing is being put back?",
+         "Your writing is being put back on the new stick. If you quit, it finishes unseen; if the stick is "
+         "removed first, the kept copies stay on this computer and can be put back later."},
         {history.restoring(), "Quit while a version is being restored?",
          "A version is being put back on the drive. If you quit, it finishes unseen; removing the drive before "
          "then can damage the document."},

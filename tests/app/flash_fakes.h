@@ -5,9 +5,12 @@
 
 #include <QTest>
 #include <atomic>
+#include <functional>
 #include <future>
+#include <mutex>
 
 #include "flash_model.h"
+#include "stick_mounts.h"
 #include "temp_dir.h"
 
 struct FakeScanner : DiskScanner {
@@ -22,13 +25,44 @@ struct FakeScanner : DiskScanner {
     QString wholeDiskPath(const QString& id) const override { return "/dev/" + id; }
 };
 
+// Folders in place of a stick's mounted partitions: what is mounted before the erase, and the
+// new data partition once it is mounted (by the app, or by plugging the stick in again).
+struct FakeMounts : StickMounts {
+    std::mutex lock;  // the keeper asks from its worker thread
+    QList<Volumes::Mount> before;
+    std::optional<QString> data;  // the data partition's root while mounted
+    bool canMount = true;         // mountData() mounts `data`; else it stays unmounted
+    bool mountedNow = false;
+    QList<Volumes::Mount> mounted(const QString&) override {
+        std::lock_guard hold(lock);
+        return before;
+    }
+    std::optional<QString> dataRoot(const QString&) override {
+        std::lock_guard hold(lock);
+        return mountedNow ? data : std::nullopt;
+    }
+    std::optional<QString> mountData(const QString&) override {
+        std::lock_guard hold(lock);
+        mountedNow = canMount;
+        return mountedNow ? data : std::nullopt;
+    }
+    void plugInAgain() {
+        std::lock_guard hold(lock);
+        mountedNow = true;
+    }
+};
+
 struct Answers : FlashDialogs {
     QList<FlashDialog> shown;
     int answer = 1;
+    std::function<int(const FlashDialog&)> decide;  // overrides answer when set
+    QString folder;                                 // what a folder dialog returns
     int ask(const FlashDialog& d) override {
         shown << d;
+        if (decide) return decide(d);
         return d.buttons.size() > 1 ? answer : 0;
     }
+    QString chooseFolder(const QString&) override { return folder; }
 };
 
 // Writes the bundled image and the writer a resource folder needs; the writer prints lines and

@@ -1,7 +1,8 @@
 // The Install tab's model: the drive list and its texts, the confirmation and missing-resource
 // dialogs, and whole writes against a stand-in writer that prints the protocol's lines, run
-// directly or through stand-in elevating programs; the protocol's line reader, the launcher's
-// statuses and the disks' lasting names.
+// directly or through stand-in elevating programs; a stick's writing kept across a write, with
+// folders standing in for its partitions; the protocol's line reader, the launcher's statuses
+// and the disks' lasting names.
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -10,8 +11,10 @@
 #include <QPushButton>
 #include <filesystem>
 
+#include "deck_drive.h"
 #include "disk_links.h"
 #include "flash_fakes.h"
+#include "keep_writing.h"
 #include "flash_view.h"
 #include "launcher.h"
 
@@ -188,6 +191,97 @@ TEST(FlashWrite, OnlyTheConfirmedDiskIsWritten) {
         QStringList given{QString::fromStdString(links / "res/qm-writer"), QString::fromStdString(image), kStick.devicePath};
         EXPECT_EQ(b.launched, launched ? given : QStringList());
     }
+}
+
+// A stick that holds writing is backed up and its own files kept before the erase, written only
+// when all of that worked, and its writing put back on the new stick once that is mounted (at
+// once, or after it is plugged in again). What could not go back stays kept, this session and
+// the next.
+TEST(FlashKeep, WritingGoesBackOnTheNewStickOrStaysKept) {
+    const struct { const char* name; bool backupWorks, mountsAtOnce, newStickHasStats, written, putBack; } cases[] = {
+        {"backup fails", false, true, false, false, false},
+        {"mounted at once", true, true, false, true, true},
+        {"plugged in again", true, false, false, true, true},
+        {"the new stick has statistics of its own", true, true, true, true, false},
+    };
+    const std::string own[] = {".qm/drive.key", "stats.db", "stats.bak"};
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        Bench b;
+        TempDir oldStick, newStick, dest, app;
+        auto mounts = std::make_shared<FakeMounts>();
+        mounts->before = {{deckDrive(oldStick, deck::StatsState::Normal, 3), "Deck"}};
+        mounts->data = QString::fromStdString(newStick.path());
+        mounts->canMount = c.mountsAtOnce;
+        WritingKeeper& keeper = b.m.keeper();
+        keeper.setMounts(mounts);
+        const QString keptRoot = QString::fromStdString(app / "kept");
+        keeper.setKeptRoot(keptRoot);
+        spit(dest / "a file", "");
+        b.answers.folder = QString::fromStdString(c.backupWorks ? dest.path() : dest / "a file");
+        b.answers.decide = [](const FlashDialog&) { return 0; };  // back up first; put it back
+        if (c.newStickHasStats) spit(newStick / "stats.db", "the new stick's own");
+        b.scan({kStick});
+        b.giveResources("DONE\n");
+        b.write();
+        EXPECT_EQ(b.answers.shown[0].buttons, (QStringList{"Back up, then erase", "Erase anyway", "Cancel"}));
+        EXPECT_EQ(!b.launched.isEmpty(), c.written);
+        if (c.written && !c.mountsAtOnce) {
+            ASSERT_TRUE(QTest::qWaitFor([&] { return !keeper.working(); }, 10000));
+            EXPECT_FALSE(keeper.ready());
+            mounts->plugInAgain();
+            keeper.look();
+        }
+        const QStringList ends{"Install failed", "Your writing is back", "Putting your writing back failed"};
+        ASSERT_TRUE(QTest::qWaitFor([&] { return !keeper.working() && ends.contains(b.answers.shown.last().title); }, 20000));
+        EXPECT_EQ(b.answers.shown.last().title, ends[c.putBack ? 1 : c.written ? 2 : 0]);
+
+        QList<KeptSet> kept = KeepWriting::load(keptRoot);
+        ASSERT_EQ(kept.size(), c.written && !c.putBack ? 1 : 0);
+        for (const std::string& rel : own) {
+            std::string want = slurp(oldStick / rel);
+            if (c.putBack) {
+                EXPECT_EQ(slurp(newStick / rel), want) << rel;
+            }
+            if (!kept.isEmpty()) {
+                EXPECT_EQ(slurp(kept[0].folder.toStdString() + "/files/" + rel), want) << rel;
+            }
+        }
+        if (c.putBack) {
+            EXPECT_EQ(KeepWriting::documentCount(QString::fromStdString(newStick.path())), 3);
+        }
+        if (c.newStickHasStats) {  // left alone, and offered again the next time the program starts
+            EXPECT_EQ(slurp(newStick / "stats.db"), "the new stick's own");
+            WritingKeeper next;
+            next.setMounts(mounts);
+            next.setKeptRoot(keptRoot);
+            ASSERT_EQ(next.pending().size(), 1);
+            next.look();
+            EXPECT_TRUE(QTest::qWaitFor([&] { return next.ready(); }, 10000));
+        }
+    }
+}
+
+// What is counted and kept is read off the stick without following a link: a stick must not
+// be able to point the keep at the user's own files.
+TEST(FlashKeep, OwnFilesAndDocumentsNeverThroughLinks) {
+    TempDir stick, elsewhere;
+    for (std::string rel : {".qm/drive.key", ".qm/sub/upload", "stats.db", "settings.cfg", "Novel.md", "notes.txt",
+                            ".hidden", "fonts/a.ttf"})
+        spit(stick / rel, rel);
+    spit(elsewhere / "secret", "not the stick's");
+    std::filesystem::create_symlink(elsewhere / "secret", stick / "stats.bak");
+    std::filesystem::create_symlink(elsewhere / "secret", stick / "Linked.md");
+    std::filesystem::create_symlink(elsewhere.path(), stick / ".qm/outside");
+    const QString root = QString::fromStdString(stick.path());
+    QStringList own = KeepWriting::ownFiles(root);
+    own.sort();
+    EXPECT_EQ(own, (QStringList{".qm/drive.key", ".qm/sub/upload", "settings.cfg", "stats.db"}));
+    EXPECT_EQ(KeepWriting::documentCount(root), 2);
+
+    std::filesystem::remove_all(stick / ".qm");
+    std::filesystem::create_directory_symlink(elsewhere.path(), stick / ".qm");
+    EXPECT_EQ(KeepWriting::ownFiles(root), (QStringList{"stats.db", "settings.cfg"}));
 }
 
 QPushButton* button(QWidget* w, const QString& prefix) {

@@ -39,7 +39,9 @@ bool neverTravels(const QByteArray& rel, bool folder) {
     if (rel == ".qm" || rel.startsWith(".qm/")) return true;
     QByteArray name = DriveTree::leafOf(rel);
     // The manifest and what travels with it (its lock, its lost log) are the backup's own files.
-    return !folder && (kNames.contains(name) || name.startsWith(BackupManifest::kFileName));
+    // A restore's temporary file, left behind only by a pulled plug, is not writing either.
+    return !folder && (kNames.contains(name) || name.startsWith(BackupManifest::kFileName) ||
+                       name.startsWith(".qm-restore-"));
 }
 
 // A path as a failure line shows it; bytes that are not UTF-8 show as replacement characters.

@@ -13,6 +13,7 @@ const QString BackupModel::kReadyStatus =
     QStringLiteral("Ready. Press Back up now, or leave it to happen on its own.");
 const QString BackupModel::kCopyingStatus = QStringLiteral("Copying...");
 const QString BackupModel::kCheckingStatus = QStringLiteral("Checking every copy against the drive...");
+const QString BackupModel::kRestoringStatus = QStringLiteral("Putting the writing back onto the drive...");
 
 namespace {
 
@@ -20,10 +21,9 @@ namespace {
 // queue a repaint per file.
 constexpr auto kProgressInterval = std::chrono::milliseconds(100);
 
-QString failuresWarning(const QStringList& failures) {
-    QString lead = failures.size() == 1 ? QStringLiteral("One copy could not be verified: ")
-                                        : QStringLiteral("%1 copies could not be verified: ").arg(failures.size());
-    return lead + failures.join(QStringLiteral("; "));
+// "One copy could not be verified: a; b", or "2 copies could not..." when many is given "%1 copies...".
+QString failuresWarning(const QStringList& failures, const QString& one, const QString& many) {
+    return (failures.size() == 1 ? one : many.arg(failures.size())) + failures.join(QStringLiteral("; "));
 }
 
 }  // namespace
@@ -41,12 +41,6 @@ BackupModel::BackupModel(DriveSelection* drives, BackupSchedule::Timings timings
         emit changed();  // the volume itself is shown
     });
     refreshStatus();
-}
-
-std::optional<QString> BackupModel::folder() const {
-    std::optional<QmVolume> v = volume();
-    if (!v || destination_.isEmpty()) return std::nullopt;
-    return Backup::folderFor(destination_, *v);
 }
 
 void BackupModel::start() {
@@ -89,7 +83,14 @@ void BackupModel::setAutomatic(bool on) {
 }
 
 void BackupModel::refreshStatus() {
-    if (!volume())
+    std::optional<QmVolume> v = volume();
+    std::optional<QString> folder;
+    if (v && !destination_.isEmpty()) folder = Backup::folderFor(destination_, *v);
+    if (folder != folder_) {
+        folder_ = folder;
+        emit changed();
+    }
+    if (!v)
         setStatus(kNoDriveStatus);
     else if (destination_.isEmpty())
         setStatus(kNoDestinationStatus);
@@ -120,14 +121,18 @@ Backup::RunOptions BackupModel::optionsFor(bool automatic) {
     return options;
 }
 
-void BackupModel::runNow(bool deepVerify) {
-    std::optional<QmVolume> v = volume();
-    if (!v || busy()) return;
+void BackupModel::startManual(const QString& status) {
     ++manualRuns_;
     warning_.reset();
     warningIsSerious_ = false;
-    status_ = deepVerify ? kCheckingStatus : kCopyingStatus;
+    status_ = status;
     emit changed();
+}
+
+void BackupModel::runNow(bool deepVerify) {
+    std::optional<QmVolume> v = volume();
+    if (!v || busy()) return;
+    startManual(deepVerify ? kCheckingStatus : kCopyingStatus);
     background_.post(
         [volume = *v, destination = destination_, deepVerify, options = optionsFor(false)] {
             return Backup::run(volume, destination, deepVerify, options);
@@ -136,6 +141,18 @@ void BackupModel::runNow(bool deepVerify) {
             --manualRuns_;
             show(result);
         });
+}
+
+void BackupModel::restoreFrom(const QString& backupFolder) {
+    std::optional<QmVolume> v = volume();
+    if (!v || busy()) return;
+    startManual(kRestoringStatus);
+    background_.post([backupFolder, root = v->path,
+                      options = optionsFor(false)] { return Backup::restore(backupFolder, root, options); },
+                     [this](RestoreResult result) {
+                         --manualRuns_;
+                         show(result);
+                     });
 }
 
 void BackupModel::runAutomatic(const QmVolume& v, const QString& destination) {
@@ -162,13 +179,30 @@ bool BackupModel::revealFolder() {
     return opener_(QUrl::fromLocalFile(*f));
 }
 
-void BackupModel::show(const BackupResult& result) {
+void BackupModel::showSummary(const QString& summary, const QDateTime& when) {
     progress_.reset();
-    status_ = result.summary() + QLatin1Char('\n') + QLocale().toString(result.finished, QLocale::ShortFormat);
+    status_ = summary + QLatin1Char('\n') + QLocale().toString(when, QLocale::ShortFormat);
     warning_.reset();
     warningIsSerious_ = false;
+}
+
+void BackupModel::show(const RestoreResult& result) {
+    showSummary(result.summary(), QDateTime::currentDateTime());
     if (!result.failures.isEmpty()) {
-        warning_ = failuresWarning(result.failures);
+        warning_ = failuresWarning(result.failures, QStringLiteral("One file could not be put back: "),
+                                   QStringLiteral("%1 files could not be put back: "));
+        warningIsSerious_ = true;
+    }
+    emit changed();
+    emit reported();
+}
+
+void BackupModel::show(const BackupResult& result) {
+    if (!result.folder.isEmpty()) folder_ = result.folder;
+    showSummary(result.summary(), result.finished);
+    if (!result.failures.isEmpty()) {
+        warning_ = failuresWarning(result.failures, QStringLiteral("One copy could not be verified: "),
+                                   QStringLiteral("%1 copies could not be verified: "));
         warningIsSerious_ = true;
     } else if (result.cloudWarning) {
         // Copies that sit in a folder nobody uploads, or a disk about to fill: worth the colour.

@@ -10,6 +10,7 @@
 #include <optional>
 
 #include "backup.h"
+#include "backup_restore.h"
 #include "backup_schedule.h"
 #include "background_queue.h"
 #include "cloud_sync.h"
@@ -23,6 +24,7 @@ public:
     static const QString kReadyStatus;
     static const QString kCopyingStatus;
     static const QString kCheckingStatus;
+    static const QString kRestoringStatus;
 
     // Opens a folder in the file manager; true when it could.
     using Opener = std::function<bool(const QUrl&)>;
@@ -47,8 +49,9 @@ public:
     bool warningIsSerious() const { return warningIsSerious_; }
     // How far the run under way has got; none between runs.
     const std::optional<BackupProgress>& progress() const { return progress_; }
-    // The selected drive's folder inside the destination; none without a drive or a destination.
-    std::optional<QString> folder() const;
+    // The selected drive's folder inside the destination (the one its copies go to, told apart
+    // from other drives of the same name); none without a drive or a destination.
+    const std::optional<QString>& folder() const { return folder_; }
     BackupSchedule& schedule() { return schedule_; }
 
     // Starts the automatic runs (timer and watch) and looks for cloud folders.
@@ -61,6 +64,9 @@ public:
     void setAutomatic(bool on);
     // A run from the tab: copies what changed, or with deepVerify re-reads every copy.
     void runNow(bool deepVerify);
+    // Puts the writing in backupFolder (a drive's folder, holding the manifest) back onto the
+    // selected drive; nothing on the drive is overwritten.
+    void restoreFrom(const QString& backupFolder);
     // Opens the drive's backup folder in the file manager; false when there is none to open.
     bool revealFolder();
     void setOpener(Opener opener) { opener_ = std::move(opener); }
@@ -68,6 +74,7 @@ public:
     void refreshStatus();
     // A finished run's outcome as status and warning (manual and automatic runs alike).
     void show(const BackupResult& result);
+    void show(const RestoreResult& result);
 
 signals:
     void changed();
@@ -77,10 +84,14 @@ signals:
 private:
     void runAutomatic(const QmVolume& volume, const QString& destination);
     void setStatus(const QString& status);
+    void startManual(const QString& status);
+    // The outcome's summary and the time as status, the warning cleared.
+    void showSummary(const QString& summary, const QDateTime& when);
     Backup::RunOptions optionsFor(bool automatic);
 
     DriveSelection* drives_;
     QString destination_;
+    std::optional<QString> folder_;
     bool automatic_ = true;
     QList<CloudFolder> services_;
     QList<CloudFolder> missing_;

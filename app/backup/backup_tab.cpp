@@ -1,6 +1,7 @@
 #include "backup_tab.h"
 
 #include <QDir>
+#include <QFileDialog>
 #include <QHBoxLayout>
 #include <QLabel>
 #include <QPushButton>
@@ -46,6 +47,10 @@ BackupTab::BackupTab(BackupModel* model, QWidget* parent) : QWidget(parent), mod
     destination_->setWordWrap(true);
     destination_->setTextInteractionFlags(Qt::TextSelectableByMouse);
     copyTo->addWidget(destination_);
+    driveFolder_ = Labels::caption(QString(), font().pointSize() - 1);
+    driveFolder_->setWordWrap(true);
+    driveFolder_->setTextInteractionFlags(Qt::TextSelectableByMouse);
+    copyTo->addWidget(driveFolder_);
     copyTo->addWidget(Labels::caption(tr("Copies go to a folder chosen in Settings."), font().pointSize() - 1));
     layout->addLayout(copyTo);
 
@@ -53,7 +58,10 @@ BackupTab::BackupTab(BackupModel* model, QWidget* parent) : QWidget(parent), mod
     backUp_ = new QPushButton(tr("Back up now"));
     check_ = new QPushButton(tr("Check the copies"));
     open_ = new QPushButton(tr("Open the folder"));
-    for (QPushButton* b : {backUp_, check_, open_}) buttons->addWidget(b);
+    putBack_ = new QPushButton(tr("Put writing back…"));
+    putBack_->setToolTip(tr("Copy the writing from a backup folder onto this stick. Nothing on the stick is "
+                            "overwritten: a file that differs keeps its place and the backup's copy goes beside it."));
+    for (QPushButton* b : {backUp_, check_, open_, putBack_}) buttons->addWidget(b);
     buttons->addStretch();
     layout->addLayout(buttons);
 
@@ -79,6 +87,7 @@ BackupTab::BackupTab(BackupModel* model, QWidget* parent) : QWidget(parent), mod
     connect(backUp_, &QPushButton::clicked, this, [this] { model_->runNow(false); });
     connect(check_, &QPushButton::clicked, this, [this] { model_->runNow(true); });
     connect(open_, &QPushButton::clicked, this, [this] { model_->revealFolder(); });
+    connect(putBack_, &QPushButton::clicked, this, &BackupTab::chooseAndPutBack);
     connect(model_, &BackupModel::changed, this, &BackupTab::refreshFromModel);
     refreshFromModel();
 }
@@ -90,6 +99,13 @@ void BackupTab::showEvent(QShowEvent* e) {
     model_->refreshStatus();
 }
 
+void BackupTab::chooseAndPutBack() {
+    QString start = model_->folder().value_or(model_->destination());
+    QString chosen = QFileDialog::getExistingDirectory(this, tr("Choose the backup folder to put back"), start);
+    if (chosen.isEmpty()) return;
+    model_->restoreFrom(chosen);
+}
+
 void BackupTab::refreshFromModel() {
     const QString& dest = model_->destination();
     destination_->setText(dest.isEmpty() ? tr("No folder chosen") : QDir::toNativeSeparators(dest));
@@ -98,6 +114,9 @@ void BackupTab::refreshFromModel() {
     check_->setEnabled(canRun);
     std::optional<QString> folder = model_->folder();
     open_->setEnabled(folder && QDir(*folder).exists());
+    putBack_->setEnabled(!model_->busy() && model_->volume());
+    driveFolder_->setVisible(folder.has_value());
+    if (folder) driveFolder_->setText(tr("This stick's copies: %1").arg(QDir::toNativeSeparators(*folder)));
     header_->setRefreshEnabled(!model_->busy());
 
     progress_->setVisible(model_->progress().has_value());

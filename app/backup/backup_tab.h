@@ -22,13 +22,16 @@ protected:
 
 private:
     void refreshFromModel();
+    void chooseAndPutBack();
 
     BackupModel* model_;
     DriveHeader* header_;
     QLabel* destination_;
+    QLabel* driveFolder_;  // which folder the selected stick's copies go to
     QPushButton* backUp_;
     QPushButton* check_;
     QPushButton* open_;
+    QPushButton* putBack_;
     QLabel* progress_;
     QLabel* status_;
     QLabel* warning_;

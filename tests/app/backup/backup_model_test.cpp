@@ -232,6 +232,15 @@ TEST_F(BackupModelRun, BackUpNowThenCheckTheCopiesOnADeckDrive) {
     ASSERT_TRUE(reported.wait(20000));
     EXPECT_EQ(reported.count(), 2);
     EXPECT_TRUE(m.status().startsWith("Already up to date (")) << m.status().toStdString();
+
+    // The writing put back onto the stick after a loss: busy while it runs, then its outcome.
+    std::filesystem::remove(drive / "Novel.md");
+    m.restoreFrom(folder);
+    EXPECT_TRUE(m.busy());
+    EXPECT_EQ(m.status(), BackupModel::kRestoringStatus);
+    ASSERT_TRUE(reported.wait(20000));
+    EXPECT_TRUE(m.status().startsWith("Put back 1 file (")) << m.status().toStdString();
+    EXPECT_TRUE(std::filesystem::exists(drive / "Novel.md"));
 }
 
 TEST_F(BackupModelRun, AnAutomaticRunReportsWithoutBusyAndAHeldFolderSkipsQuietly) {

@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # The backup run against the plain shell way, on a drive of 5,000 files and about 500 MB as the
-# deck writes them (many documents, long version histories). As root the drive is a FAT file
+# deck writes them (many documents, long version histories), and putting that writing back onto
+# an empty stick against cp -r + sync. As root the drive is a FAT file
 # system on a loop device (ext4 when the kernel has no vfat; it says so), mounted afresh and
 # with every cache dropped before each timed step, for the program and its baseline alike.
 # Without root: a plain folder and warm caches, said so. Prints ratios, lower is better.
@@ -15,17 +16,22 @@ done
 
 work=$(mktemp -d /var/tmp/qm-bench-backup-XXXXXX)
 drive="$work/Bench drive"
-loop=
+stick="$work/New stick"
+loop= loop2=
 cleanup() {
   if [[ -n $loop ]]; then
     mountpoint -q "$drive" && umount "$drive"
     losetup -d "$loop"
   fi
+  if [[ -n $loop2 ]]; then
+    mountpoint -q "$stick" && umount "$stick"
+    losetup -d "$loop2"
+  fi
   rm -rf "$work"
 }
 trap cleanup EXIT
 export HOME=$work/home QT_QPA_PLATFORM=offscreen
-mkdir -p "$HOME" "$drive"
+mkdir -p "$HOME" "$drive" "$stick" "$work/dest"
 
 root=0
 [[ $(id -u) == 0 ]] && root=1
@@ -41,6 +47,11 @@ if ((root)); then
     mount "$loop" "$drive"
     fs=ext4
   fi
+  # The empty stick the writing is put back onto, of the same kind.
+  truncate -s 1200M "$work/stick.img"
+  loop2=$(losetup --find --show "$work/stick.img")
+  if [[ $fs == vfat ]]; then mkfs.vfat -F 32 "$loop2" >/dev/null; mount -t vfat "$loop2" "$stick"
+  else mkfs.ext4 -q -F "$loop2"; mount "$loop2" "$stick"; fi
 else
   echo "NOTE: not root: the drive is a plain folder and caches stay warm (no remount, no drop_caches)"
 fi
@@ -135,7 +146,18 @@ echo "== --verify: ${verify}s, caches dropped before it and before its baseline"
 said
 echo "   / sha256sum of every copy:                    $(ratio "$verify" "$base_verify")  (baseline ${base_verify}s, goal <= 0.50)"
 
-# ---- (d) peak memory -------------------------------------------------------------------------
+# ---- (d) the writing put back onto an empty stick against cp -r + sync -------------------------
+empty_stick() { find "$stick" -mindepth 1 -delete; sync; }
+cold
+base_restore=$(timed sh -c "cp -r '$folder/.' '$stick/' && sync")
+empty_stick
+cold
+restore=$(timed "$app" --restore-run "$folder" "$stick")
+echo "== putting the writing back onto an empty stick: ${restore}s (every file verified from the disk)"
+said
+echo "   / cp -r + sync:                               $(ratio "$restore" "$base_restore")  (baseline ${base_restore}s)"
+
+# ---- (e) peak memory -------------------------------------------------------------------------
 /usr/bin/time -f %M -o "$work/idle.rss" "$app" --backup-check /tmp >/dev/null 2>&1
 first_kib=$(tail -1 "$work/first.rss")
 idle_kib=$(tail -1 "$work/idle.rss")

@@ -24,7 +24,6 @@
 #include "cloud_sync.h"
 #include "drive_tree.h"
 #include "file_hash.h"
-#include "file_writes.h"
 #include "qm_core.h"
 #include "verified_copy.h"
 

@@ -358,6 +358,17 @@ BackupResult failed(const QString& why) {
 
 namespace Backup {
 
+std::function<void(const BackupProgress&)> throttled(std::chrono::milliseconds interval,
+                                                     std::function<void(const BackupProgress&)> report) {
+    auto last = std::make_shared<std::chrono::steady_clock::time_point>();
+    return [interval, last, report = std::move(report)](const BackupProgress& p) {
+        auto now = std::chrono::steady_clock::now();
+        if (p.filesDone < p.filesTotal && now - *last < interval) return;
+        *last = now;
+        report(p);
+    };
+}
+
 QString folderName(const QString& volumeName) {
     QString name = volumeName.trimmed();
     if (name.isEmpty()) name = QStringLiteral("Writing stick");

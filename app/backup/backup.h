@@ -5,6 +5,7 @@
 #include <QDateTime>
 #include <QString>
 #include <QStringList>
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <optional>
@@ -46,6 +47,11 @@ struct RunOptions {
     // `skipped` set (false; the automatic runs).
     bool waitForOtherRuns = true;
 };
+
+// A progress callback that passes reports on to `report` at most once per interval, and always
+// the one that ends a phase: thousands of small files would otherwise queue a repaint each.
+std::function<void(const BackupProgress&)> throttled(std::chrono::milliseconds interval,
+                                                     std::function<void(const BackupProgress&)> report);
 
 BackupResult run(const QmVolume& volume, const QString& destination, bool deepVerify,
                  const RunOptions& options = {});

@@ -4,7 +4,6 @@
 #include <QDir>
 #include <QLocale>
 #include <chrono>
-#include <memory>
 
 const QString BackupModel::kNoDriveStatus = QStringLiteral("Plug in a Quillmate drive and press Refresh.");
 const QString BackupModel::kNoDestinationStatus =
@@ -108,16 +107,12 @@ void BackupModel::setStatus(const QString& status) {
 Backup::RunOptions BackupModel::optionsFor(bool automatic) {
     Backup::RunOptions options;
     options.waitForOtherRuns = !automatic;
-    auto last = std::make_shared<std::chrono::steady_clock::time_point>();
-    options.progress = [this, last](const BackupProgress& p) {
-        auto now = std::chrono::steady_clock::now();
-        if (p.filesDone < p.filesTotal && now - *last < kProgressInterval) return;
-        *last = now;
+    options.progress = Backup::throttled(kProgressInterval, [this](const BackupProgress& p) {
         background_.deliver([this, p] {
             progress_ = p;
             emit changed();
         });
-    };
+    });
     return options;
 }
 

@@ -61,7 +61,9 @@ Outcome attempt(const Request& r, std::vector<char>& buf, Copied& out) {
     struct stat src {};
     if (::fstat(r.srcFd, &src) != 0) return Outcome::SourceUnreadable;
     if (!roomFor(r.dirFd, src.st_size)) return Outcome::DiskFull;
-    int fd = ::openat(r.dirFd, kPartialName, O_RDWR | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0644);
+    // A partial file left by a killed copy is replaced, so the copy is always made with r.mode.
+    ::unlinkat(r.dirFd, kPartialName, 0);
+    int fd = ::openat(r.dirFd, kPartialName, O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, r.mode);
     if (fd < 0) return noRoom(errno) ? Outcome::DiskFull : Outcome::Failed;
     Sha256 sent;
     off_t at = 0;

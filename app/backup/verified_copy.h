@@ -3,6 +3,8 @@
 // into place. A copy in place is therefore always one that was verified, and a verification is
 // never answered from memory. Backups and restores both copy this way.
 #pragma once
+#include <sys/types.h>
+
 #include <QByteArray>
 #include <QString>
 #include <cstdint>
@@ -35,6 +37,7 @@ struct Request {
     timespec mtime{};           // given to the copy
     std::optional<QString> expected;  // the hash the source must have
     bool noReplace = false;     // never rename over an existing file
+    mode_t mode = 0644;         // the copy's permissions
 };
 
 // Two attempts a quarter of a second apart when the first did not arrive intact.

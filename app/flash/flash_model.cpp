@@ -360,16 +360,12 @@ void FlashModel::finish(const Outcome& outcome, const USBDrive& drive) {
 // The backup before an erase reports like a backup: files done of files to do.
 Backup::RunOptions FlashModel::backupProgress() {
     Backup::RunOptions options;
-    auto last = std::make_shared<std::chrono::steady_clock::time_point>();
-    options.progress = [this, last](const BackupProgress& p) {
-        auto now = std::chrono::steady_clock::now();
-        if (p.filesDone < p.filesTotal && now - *last < kProgressInterval) return;
-        *last = now;
+    options.progress = Backup::throttled(kProgressInterval, [this](const BackupProgress& p) {
         background_.deliver([this, p] {
             status_ = kBackingUp + QStringLiteral(" %1 of %2 files").arg(p.filesDone).arg(p.filesTotal);
             progress_ = p.filesTotal > 0 ? double(p.filesDone) / p.filesTotal : 0;
             emit changed();
         });
-    };
+    });
     return options;
 }

@@ -17,6 +17,7 @@
 #include "drive_tree.h"
 #include "file_hash.h"
 #include "file_writes.h"
+#include "verified_copy.h"
 
 namespace KeepWriting {
 
@@ -63,26 +64,12 @@ bool staysInside(const QString& rel) {
            !rel.startsWith(QLatin1String("../"));
 }
 
-// Copies everything behind `from` into `to`, hashing what was read, flushes `to` and reads it
-// back: the hash when both agree, else none.
-std::optional<QString> copyChecked(int from, int to, qint64* size) {
-    char buf[1 << 16];
-    Sha256 sha;
-    off_t at = 0;
-    for (;;) {
-        ssize_t n = FileHash::preadFully(from, buf, sizeof buf, at);
-        if (n < 0) return std::nullopt;
-        if (n == 0) break;
-        sha.add(buf, size_t(n));
-        if (!FileWrites::writeAll(to, buf, size_t(n))) return std::nullopt;
-        at += n;
-    }
-    if (::fsync(to) != 0) return std::nullopt;
-    QString want = sha.hex();
-    std::optional<QString> got = FileHash::ofDescriptor(to);
-    if (!got || *got != want) return std::nullopt;
-    if (size) *size = qint64(at);
-    return want;
+// Copies what `from` holds to leaf in the folder dirFd, privately, never over an existing file,
+// checked from the disk (against `expected` when given).
+VerifiedCopy::Outcome copyPrivately(int from, int dirFd, const QByteArray& leaf, std::optional<QString> expected,
+                                    VerifiedCopy::Copied& copied) {
+    VerifiedCopy::Request request{from, dirFd, leaf, {0, UTIME_OMIT}, std::move(expected), true, 0600};
+    return VerifiedCopy::copy(request, copied);
 }
 
 // Makes folder (and its parents) readable by this user only.
@@ -98,13 +85,12 @@ std::optional<KeptFile> keepOne(int driveFd, const QString& rel, const QString& 
     if (!from) return std::nullopt;
     QString target = filesFolder + u'/' + rel;
     if (!makePrivateFolder(QFileInfo(target).absolutePath())) return std::nullopt;
-    Fd to(::open(QFile::encodeName(target).constData(), O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
-    if (!to) return std::nullopt;
-    KeptFile kept{rel, {}, 0};
-    std::optional<QString> hash = copyChecked(from.fd, to.fd, &kept.size);
-    if (!hash) return std::nullopt;
-    kept.sha256 = *hash;
-    return kept;
+    Fd folder(DriveTree::openRoot(QFileInfo(target).absolutePath()));
+    VerifiedCopy::Copied copied;
+    if (!folder || copyPrivately(from.fd, folder.fd, QFile::encodeName(QFileInfo(target).fileName()), std::nullopt,
+                                 copied) != VerifiedCopy::Outcome::Verified)
+        return std::nullopt;
+    return KeptFile{rel, copied.sha256, copied.bytes};
 }
 
 QByteArray indexOf(const KeptSet& set) {
@@ -181,20 +167,18 @@ std::optional<QString> putOne(const KeptSet& set, const KeptFile& file, int driv
         if (there && FileHash::ofDescriptor(there.fd) == file.sha256) return std::nullopt;
         return file.rel + QStringLiteral(" (the stick already holds a different one; it was left as it is)");
     }
-    QByteArray temp = "." + leaf + ".kept-tmp";
-    ::unlinkat(parent.fd, temp.constData(), 0);  // left by an interrupted attempt
-    Fd to(::openat(parent.fd, temp.constData(), O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
-    if (!to) return file.rel + QStringLiteral(" (it could not be written to the stick)");
-    if (copyChecked(from.fd, to.fd, nullptr) != file.sha256) {
-        ::unlinkat(parent.fd, temp.constData(), 0);
-        return file.rel + QStringLiteral(" (what arrived on the stick did not match what was kept)");
+    VerifiedCopy::Copied copied;
+    switch (copyPrivately(from.fd, parent.fd, leaf, file.sha256, copied)) {
+        case VerifiedCopy::Outcome::Verified: ::fsync(parent.fd); return std::nullopt;
+        case VerifiedCopy::Outcome::SourceUnreadable:
+        case VerifiedCopy::Outcome::SourceDamaged:
+            return file.rel + QStringLiteral(" (the copy kept on this computer is missing or damaged)");
+        case VerifiedCopy::Outcome::Taken:
+            return file.rel + QStringLiteral(" (the stick already holds a different one; it was left as it is)");
+        case VerifiedCopy::Outcome::DiskFull: return file.rel + QStringLiteral(" (the stick is full)");
+        case VerifiedCopy::Outcome::Failed: break;
     }
-    if (::renameat(parent.fd, temp.constData(), parent.fd, leaf.constData()) != 0) {
-        ::unlinkat(parent.fd, temp.constData(), 0);
-        return file.rel + QStringLiteral(" (it could not be put in place on the stick)");
-    }
-    ::fsync(parent.fd);
-    return std::nullopt;
+    return file.rel + QStringLiteral(" (what arrived on the stick did not match what was kept)");
 }
 
 }  // namespace

@@ -180,16 +180,12 @@ void WritingKeeper::putBackOnto(const KeptSet& set, const QString& root) {
     progress_ = QStringLiteral("Putting your writing back…");
     emit changed();
     Backup::RunOptions options;
-    auto last = std::make_shared<std::chrono::steady_clock::time_point>();
-    options.progress = [this, last](const BackupProgress& p) {
-        auto now = std::chrono::steady_clock::now();
-        if (p.filesDone < p.filesTotal && now - *last < kProgressInterval) return;
-        *last = now;
+    options.progress = Backup::throttled(kProgressInterval, [this](const BackupProgress& p) {
         background_.deliver([this, p] {
             progress_ = QStringLiteral("Putting your writing back… %1 of %2 files").arg(p.filesDone).arg(p.filesTotal);
             emit changed();
         });
-    };
+    });
     background_.post([set, root, options] { return KeepWriting::putBack(set, root, options); },
                      [this, set](const KeepWriting::PutBack& outcome) {
                          work_ = Work::None;

@@ -14,11 +14,13 @@ QuillmateFlasherApp::QuillmateFlasherApp() {
                                   [this](const QString& folder) { backup.choose(folder); });
 }
 
-void QuillmateFlasherApp::start(const QStringList& args, const QString& pinnedName, bool automaticBackups) {
-    if (automaticBackups)
+void QuillmateFlasherApp::start(const QStringList& args, Start how, const QString& pinnedName) {
+    if (how == Start::Window) {
         backup.start();
-    else
+    } else {
         backup.detectServices();
+        drives.setReadOnly(true);
+    }
     std::optional<QString> drive = valueAfter(args, QStringLiteral("--drive"));
     if (!drive) {
         drives.rescan();

@@ -25,11 +25,13 @@ public:
 
     // An update's restart waits for a write to end.
     QuillmateFlasherApp();
+    enum class Start { Window, Screenshot };
     // The start of the window and of the screenshot mode alike: "--drive <path>" makes that
     // folder the only drive, shown as pinnedName (or its folder name when that is empty);
-    // otherwise the mounted volumes are scanned. Automatic backups start unless told not to (the
-    // screenshot mode, which must not copy a sample drive into the user's backup folder).
-    void start(const QStringList& args, const QString& pinnedName = QString(), bool automaticBackups = true);
+    // otherwise the mounted volumes are scanned. The screenshot mode writes nothing anywhere: no
+    // automatic backups (a sample drive must not be copied into the user's backup folder) and
+    // no drive key.
+    void start(const QStringList& args, Start how = Start::Window, const QString& pinnedName = QString());
     // Some model still has background work on its way.
     bool busy() const;
 };

@@ -13,3 +13,11 @@ Mode decideMode(const QStringList& args);
 
 // The element after the first one equal to key, or empty when key is absent or last.
 std::optional<QString> valueAfter(const QStringList& args, const QString& key);
+
+// What the command line can do, one mode a line, for a call that cannot be carried out.
+QString usageText();
+
+// Why "--drive" cannot be shown: nothing after it, or a folder that is not a Quillmate drive
+// (no key, stats.db or fonts folder, so nothing may be written into it). None when it is absent
+// or fine.
+std::optional<QString> driveArgumentProblem(const QStringList& args);

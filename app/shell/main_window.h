@@ -1,5 +1,5 @@
 // The single window: the update banner's row (shown while an update is found and the banner
-// has not been closed) over the fixed 580 x 560 tab view. The first time it is shown it asks for
+// has not been closed) over the tab view, 580 x 560 at the least. The first time it is shown it asks for
 // the launch check of updates. Closing it (Ctrl+Q too) while work runs asks first.
 #pragma once
 #include <QWidget>
@@ -28,6 +28,7 @@ protected:
 
 private:
     bool confirmQuit();
+    void addKeyboardShortcuts();
 
     QuillmateFlasherApp* app_;
     UpdateBanner* banner_;

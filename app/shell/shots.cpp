@@ -52,7 +52,7 @@ int Shots::run(const QStringList& args) {
     }
     QDir().mkpath(*folder);
     QuillmateFlasherApp app;
-    app.start(args, QStringLiteral("Quillmate"), false);
+    app.start(args, QuillmateFlasherApp::Start::Screenshot, QStringLiteral("Quillmate"));
     int written = 0;
     for (const TabEntry& tab : tabTable()) {
         QPixmap pixmap = render(&app, tab);

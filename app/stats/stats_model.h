@@ -41,7 +41,7 @@ public:
         QString status;
     };
     // What loading a volume shows. Blocking file work: the model runs it off the main thread.
-    static Reading read(const QmVolume& volume);
+    static Reading read(const QmVolume& volume, bool mayWrite);
     // The whole publish, blocking on the session's requests: sign-in check, registration, upload.
     // Returns the status to show.
     static QString publishWith(CloudSession& session, const QmVolume& volume);

@@ -1,6 +1,8 @@
-// The screenshot mode as a user runs it: the real executable, its output and its status.
+// The screenshot mode and wrong calls as a user makes them: the real executable, its output and
+// its status, with no display.
 #include <gtest/gtest.h>
 
+#include <QDir>
 #include <QImage>
 #include <QProcess>
 
@@ -11,6 +13,7 @@ namespace {
 struct AppRun {
     int status = -1;
     QString out;
+    QString err;
 };
 
 AppRun runApp(const QStringList& args) {
@@ -21,7 +24,7 @@ AppRun runApp(const QStringList& args) {
     p.setProcessEnvironment(env);
     p.start(QM_APP_PATH, args);
     if (!p.waitForFinished(30000)) return {};
-    return {p.exitCode(), QString::fromUtf8(p.readAllStandardOutput())};
+    return {p.exitCode(), QString::fromUtf8(p.readAllStandardOutput()), QString::fromUtf8(p.readAllStandardError())};
 }
 
 TEST(Screenshots, WritesEachTabAtTheWindowSize) {
@@ -37,11 +40,45 @@ TEST(Screenshots, WritesEachTabAtTheWindowSize) {
     }
 }
 
-TEST(Screenshots, DriveWithoutStatisticsStillRendersEveryImage) {
-    TempDir empty, out;
-    AppRun r = runApp({"--shot", QString::fromStdString(out.path()), "--drive", QString::fromStdString(empty.path())});
-    EXPECT_EQ(r.status, 0);
-    EXPECT_TRUE(r.out.startsWith("6 image(s) written to "));
+QStringList entries(const TempDir& dir) {
+    return QDir(QString::fromStdString(dir.path())).entryList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot);
+}
+
+// A folder that is no drive, or a used drive without a key, is shown but never written to.
+TEST(Screenshots, FoldersThatAreNoDriveOrHaveNoKeyRenderEveryImageAndStayUntouched) {
+    TempDir plain, noKey, out;
+    spit(plain / "taxes.txt", "numbers");
+    ASSERT_FALSE(deckDrive(noKey, deck::StatsState::NoKey).isEmpty());
+    for (const TempDir* drive : {&plain, &noKey}) {
+        QStringList before = entries(*drive);
+        AppRun r = runApp({"--shot", QString::fromStdString(out.path()), "--drive", QString::fromStdString(drive->path())});
+        EXPECT_EQ(r.status, 0);
+        EXPECT_TRUE(r.out.startsWith("6 image(s) written to "));
+        EXPECT_EQ(entries(*drive), before);
+    }
+}
+
+// Without a display the window cannot open: a person is told why and what else can be run, and a
+// folder given as a drive that is none is refused before anything is written.
+TEST(WrongCalls, AnswerOnTheTerminalWithStatusTwo) {
+    TempDir plain;
+    spit(plain / "taxes.txt", "numbers");
+    QString folder = QString::fromStdString(plain.path());
+    struct Case {
+        QStringList args;
+        QString says;
+    } cases[] = {
+        {{"--help"}, "there is no display to open the window on."},
+        {{"--backup-run", "/only-one"}, "--backup-check <folder>"},
+        {{"--drive"}, "--drive needs the folder of a Quillmate drive after it."},
+        {{"--drive", folder}, folder + " is not a Quillmate drive: it has no drive key, stats.db or fonts folder."},
+    };
+    for (const Case& c : cases) {
+        AppRun r = runApp(c.args);
+        EXPECT_EQ(r.status, 2) << c.args.join(' ').toStdString();
+        EXPECT_TRUE(r.err.contains(c.says)) << r.err.toStdString();
+    }
+    EXPECT_EQ(entries(plain), QStringList{"taxes.txt"});
 }
 
 TEST(Screenshots, UsageWithoutAFolderAndFailuresForAnUnwritableOne) {

@@ -43,7 +43,7 @@ TEST(Dispatch, FirstApplicableRowWins) {
     EXPECT_EQ(valueAfter({"a", "--shot", "d", "--shot", "e"}, "--shot"), "d");
 }
 
-TEST(MainWindowFrame, TitleFixedTabFrameTabsInOrderAndEveryTabOnTheStartDrive) {
+TEST(MainWindowFrame, TitleSmallestSizeTabsInOrderAndEveryTabOnTheStartDrive) {
     TempDir dir;
     QString root = deckDrive(dir, deck::StatsState::Normal, 2);
     QuillmateFlasherApp app;
@@ -56,7 +56,7 @@ TEST(MainWindowFrame, TitleFixedTabFrameTabsInOrderAndEveryTabOnTheStartDrive) {
     for (int i = 0; i < w.tabs()->count(); ++i) labels << w.tabs()->tabText(i);
     EXPECT_EQ(labels, (QStringList{"Install", "Statistics", "History", "Backup", "Account", "Settings"}));
     EXPECT_EQ(w.tabs()->currentIndex(), 0);
-    EXPECT_EQ(w.minimumSize(), w.maximumSize());  // sized by its content, not resizable
+    EXPECT_EQ(w.tabs()->minimumSize(), QSize(580, 560));
 
     ASSERT_TRUE(QTest::qWaitFor([&] { return !app.busy(); }, 20000));
     EXPECT_EQ(app.drives.volumes(), (QList<QmVolume>{{root + "/", QDir(root).dirName(), true}}));

@@ -1,0 +1,13 @@
+// Return and Enter press the focused button, as Space does, outside dialogs too
+// (dialogs already give Return to their default button). Installed on the
+// application by the windowed start.
+#pragma once
+#include <QObject>
+
+class ReturnPressesButtons : public QObject {
+public:
+  using QObject::QObject;
+
+protected:
+  bool eventFilter(QObject *watched, QEvent *event) override;
+};

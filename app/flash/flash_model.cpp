@@ -1,7 +1,9 @@
 #include "flash_model.h"
 
 #include <QDir>
+#include <QFile>
 #include <QFileInfo>
+#include <QtEndian>
 #include <algorithm>
 #include <chrono>
 #include <cmath>
@@ -105,6 +107,18 @@ QString FlashModel::notes() const {
 QString FlashModel::resourceName() const {
     return QLatin1String(boot_ == BootMode::bios ? "bios_" : "uefi_") +
            QLatin1String(fs_ == FSChoice::exfat ? "exfat" : "fat32");
+}
+
+std::optional<qint64> FlashModel::imageSize() const {
+    constexpr qint64 kSmallestGzip = 18;  // header and trailer
+    if (!resources_) return std::nullopt;
+    QFile image(QDir(*resources_).filePath(QStringLiteral("images/") + resourceName() + QStringLiteral(".img.gz")));
+    if (!image.open(QIODevice::ReadOnly) || image.size() < kSmallestGzip || !image.seek(image.size() - 4))
+        return std::nullopt;
+    QByteArray trailer = image.read(4);
+    if (trailer.size() != 4) return std::nullopt;
+    // A gzip file is hardly ever larger than what it holds, so its own size is a floor as well.
+    return std::max<qint64>(qFromLittleEndian<quint32>(trailer.constData()), image.size());
 }
 
 void FlashModel::refresh() {

@@ -62,6 +62,10 @@ public:
     int hiddenCount() const;
     QString notes() const;
     QString resourceName() const;
+    // The chosen image's size on the disk, as its gzip trailer tells: a lower bound for an image
+    // that may be larger than 4 GiB, since the trailer keeps the size modulo that. None without a
+    // readable image.
+    std::optional<qint64> imageSize() const;
 
     // Lists the external drives again in the background; the selection stays while its id is listed.
     void refresh();

@@ -11,12 +11,13 @@
 #include <QProgressBar>
 #include <QPushButton>
 #include <QVBoxLayout>
+#include <cmath>
 
 #include "labels.h"
 
 namespace {
-constexpr int kPollMs = 3000;
 constexpr int kProgressSteps = 1000;
+constexpr double kGiB = 1073741824.0;  // drives' sizes are shown in these, labelled GB
 }  // namespace
 
 FlashView::FlashView(FlashModel* model, QWidget* parent) : QWidget(parent), model_(model) {
@@ -37,6 +38,9 @@ FlashView::FlashView(FlashModel* model, QWidget* parent) : QWidget(parent), mode
     row->addWidget(showAll_);
     row->addWidget(refresh_);
     layout->addLayout(row);
+    hint_ = Labels::caption(QString(), font().pointSize());
+    hint_->setWordWrap(true);
+    layout->addWidget(hint_);
 
     choices_ = new QGroupBox;
     auto* box = new QVBoxLayout(choices_);
@@ -50,6 +54,7 @@ FlashView::FlashView(FlashModel* model, QWidget* parent) : QWidget(parent), mode
     progress_ = new QProgressBar;
     progress_->setRange(0, kProgressSteps);
     progress_->setTextVisible(false);
+    progress_->setVisible(false);  // an empty bar before any write says nothing
     layout->addWidget(progress_);
     detail_ = Labels::caption(QString());
     layout->addWidget(detail_);
@@ -85,10 +90,6 @@ FlashView::FlashView(FlashModel* model, QWidget* parent) : QWidget(parent), mode
     connect(putBack_, &QPushButton::clicked, &model_->keeper(), [this] { model_->keeper().putBack(); });
     connect(model_, &FlashModel::changed, this, &FlashView::refreshFromModel);
     connect(&model_->keeper(), &WritingKeeper::changed, this, &FlashView::refreshFromModel);
-    poll_.setInterval(kPollMs);
-    connect(&poll_, &QTimer::timeout, this, [this] {
-        if (!model_->busy() && !model_->scanning() && !asking_) model_->refresh();
-    });
     refreshFromModel();
 }
 
@@ -111,33 +112,29 @@ int FlashView::ask(const FlashDialog& dialog) {
     static const QMessageBox::Icon icons[] = {QMessageBox::Warning, QMessageBox::Critical, QMessageBox::Information};
     QMessageBox box(icons[int(dialog.kind)], dialog.title, dialog.text, QMessageBox::NoButton, this);
     QList<QPushButton*> buttons;
-    for (const QString& text : dialog.buttons)
-        buttons << box.addButton(text, buttons.size() == dialog.cancel ? QMessageBox::RejectRole : QMessageBox::AcceptRole);
+    for (QString text : dialog.buttons)  // "&&": the texts are shown as written, "&" takes no key
+        buttons << box.addButton(text.replace(QLatin1Char('&'), QStringLiteral("&&")),
+                                 buttons.size() == dialog.cancel ? QMessageBox::RejectRole : QMessageBox::AcceptRole);
     if (!buttons.isEmpty()) box.setDefaultButton(buttons.first());  // Return takes the safe answer
     if (dialog.cancel >= 0 && dialog.cancel < buttons.size()) box.setEscapeButton(buttons[dialog.cancel]);
-    asking_ = true;
     box.exec();
-    asking_ = false;
     return int(buttons.indexOf(static_cast<QPushButton*>(box.clickedButton())));
 }
 
-QString FlashView::chooseFolder(const QString& caption) {
-    asking_ = true;
-    QString folder = QFileDialog::getExistingDirectory(this, caption);
-    asking_ = false;
-    return folder;
+QString FlashView::chooseFolder(const QString& caption) { return QFileDialog::getExistingDirectory(this, caption); }
+
+QString FlashView::noDriveHint() const {
+    if (!model_->drives().isEmpty()) return QString();
+    std::optional<qint64> size = model_->imageSize();
+    if (!size) return tr("Plug in a USB stick or SD card, then press Refresh.");
+    qint64 gb = std::max<qint64>(1, qint64(std::ceil(double(*size) / kGiB)));
+    return tr("Plug in a USB stick or SD card of at least %1 GB, then press Refresh.").arg(gb);
 }
 
 void FlashView::showEvent(QShowEvent* e) {
     QWidget::showEvent(e);
     if (!listed_) model_->refresh();  // the first appearance lists the drives
     listed_ = true;
-    poll_.start();
-}
-
-void FlashView::hideEvent(QHideEvent* e) {
-    QWidget::hideEvent(e);
-    poll_.stop();
 }
 
 void FlashView::fillPicker() {
@@ -159,6 +156,11 @@ void FlashView::refreshFromModel() {
     boot_->button(int(model_->boot()))->setChecked(true);
     fs_->button(int(model_->fs()))->setChecked(true);
     notes_->setText(model_->notes());
+    QString hint = noDriveHint();
+    hint_->setVisible(!hint.isEmpty() && !busy);
+    hint_->setText(hint);
+    wrote_ = wrote_ || busy;
+    progress_->setVisible(wrote_);  // kept after a write ends: its last value says how far it got
     progress_->setValue(int(model_->progress() * kProgressSteps));
     detail_->setText(model_->detail());
     status_->setText(model_->status());

@@ -1,9 +1,8 @@
 // The Install tab: the drive picker, boot mode and file system, the help text, progress and
 // the Install button, and writing kept from a stick until it goes back on. It also answers the
-// model's dialogs, and lists the drives again every few seconds while it is on screen and
-// nothing is being written or asked.
+// model's dialogs. The drives are listed when the tab first appears; later lists are the
+// user's Refresh.
 #pragma once
-#include <QTimer>
 #include <QWidget>
 
 #include "flash_model.h"
@@ -22,9 +21,11 @@ public:
     int ask(const FlashDialog& dialog) override;
     QString chooseFolder(const QString& caption) override;
 
+    // What to do when no drive is listed; empty while one is.
+    QString noDriveHint() const;
+
 protected:
     void showEvent(QShowEvent* e) override;
-    void hideEvent(QHideEvent* e) override;
 
 private:
     void refreshFromModel();
@@ -35,6 +36,7 @@ private:
     QComboBox* picker_;
     QPushButton* showAll_;
     QPushButton* refresh_;
+    QLabel* hint_;
     QGroupBox* choices_;
     QButtonGroup* boot_;
     QButtonGroup* fs_;
@@ -46,7 +48,6 @@ private:
     QWidget* kept_;
     QLabel* keptText_;
     QPushButton* putBack_;
-    QTimer poll_;
     bool listed_ = false;
-    bool asking_ = false;
+    bool wrote_ = false;  // a write has started since the tab was made: progress is shown from then on
 };

@@ -6,9 +6,13 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <QApplication>
 #include <QComboBox>
 #include <QGroupBox>
+#include <QMessageBox>
+#include <QProgressBar>
 #include <QPushButton>
+#include <QTimer>
 #include <filesystem>
 
 #include "deck_drive.h"
@@ -294,23 +298,58 @@ TEST(FlashView, ShowAllCountsTheHiddenAndAWriteLocksTheControls) {
     HeldWrite b;
     FlashView view(&b.model);
     b.model.setDialogs(&b.answers);  // the view answers dialogs itself; here the test does
+    QProgressBar* progress = view.findChild<QProgressBar*>();
+    EXPECT_TRUE(progress->isHidden());
+
+    // No drive listed: the hint asks for one the image fits on, 1.5 GiB by its gzip trailer.
+    spit(b.res / "images/uefi_fat32.img.gz", std::string(28, '\0') + std::string("\0\0\0\x60", 4));
+    b.list = {kReader};
+    b.model.refresh();
+    ASSERT_TRUE(QTest::qWaitFor([&] { return !b.model.scanning(); }, 10000));
+    EXPECT_EQ(view.noDriveHint(), "Plug in a USB stick or SD card of at least 2 GB, then press Refresh.");
+
     b.list = {kReader, {"sdf", "Reader 2", 0}, kStick};
     b.model.refresh();
     ASSERT_TRUE(QTest::qWaitFor([&] { return !b.model.scanning(); }, 10000));
+    EXPECT_EQ(view.noDriveHint(), "");
     EXPECT_EQ(button(&view, "Show all")->text(), "Show all (2)");
     button(&view, "Show all")->click();
     EXPECT_EQ(button(&view, "Hide empty")->text(), "Hide empty");
     EXPECT_EQ(view.findChild<QComboBox*>()->count(), 3);
     button(&view, "Hide empty")->click();
 
+    EXPECT_TRUE(progress->isHidden());
     button(&view, "Install")->click();  // the write stays under way until the test has looked
     ASSERT_TRUE(b.model.busy());
+    EXPECT_FALSE(progress->isHidden());
     for (QWidget* w : std::initializer_list<QWidget*>{view.findChild<QComboBox*>(), button(&view, "Refresh"),
                                                        button(&view, "Install"), view.findChild<QGroupBox*>()})
         EXPECT_FALSE(w->isEnabled());
     b.release();
     ASSERT_TRUE(QTest::qWaitFor([&] { return !b.model.busy(); }, 10000));
     EXPECT_TRUE(button(&view, "Install")->isEnabled());
+    EXPECT_FALSE(progress->isHidden());  // a failed write keeps its bar
+}
+
+// The confirmation's buttons read as the model wrote them: "&" is shown, and is no shortcut.
+TEST(FlashView, ConfirmationButtonsShowTheirTextsAsWritten) {
+    HeldWrite b;
+    FlashView view(&b.model);
+    b.model.refresh();
+    ASSERT_TRUE(QTest::qWaitFor([&] { return !b.model.scanning(); }, 10000));
+    QStringList shown;
+    QTimer::singleShot(0, [&] {
+        auto* box = qobject_cast<QMessageBox*>(QApplication::activeModalWidget());
+        for (QAbstractButton* button : box->buttons()) {  // as drawn: "&&" is one "&", a lone "&" marks a key
+            EXPECT_TRUE(QKeySequence::mnemonic(button->text()).isEmpty()) << button->text().toStdString();
+            shown << button->text().replace("&&", QChar(1)).remove('&').replace(QChar(1), '&');
+        }
+        box->escapeButton()->click();
+    });
+    b.model.flash();
+    EXPECT_FALSE(b.model.busy());  // asked, then cancelled
+    shown.sort();
+    EXPECT_EQ(shown.join(", "), "Cancel, Erase & Flash");
 }
 
 TEST(WriterProtocol, ReportsAndWhatIsNotOne) {

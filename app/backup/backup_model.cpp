@@ -2,8 +2,11 @@
 
 #include <QDesktopServices>
 #include <QDir>
+#include <QFileInfo>
 #include <QLocale>
 #include <chrono>
+
+#include "backup_manifest.h"
 
 const QString BackupModel::kNoDriveStatus = QStringLiteral("Plug in a Quillmate drive and press Refresh.");
 const QString BackupModel::kNoDestinationStatus =
@@ -13,6 +16,8 @@ const QString BackupModel::kReadyStatus =
 const QString BackupModel::kCopyingStatus = QStringLiteral("Copying...");
 const QString BackupModel::kCheckingStatus = QStringLiteral("Checking every copy against the drive...");
 const QString BackupModel::kRestoringStatus = QStringLiteral("Putting the writing back onto the drive...");
+const QString BackupModel::kNothingToCheckStatus =
+    QStringLiteral("There is nothing to check yet: this drive has no copies in the folder. Press Back up now first.");
 
 namespace {
 
@@ -89,16 +94,31 @@ void BackupModel::refreshStatus() {
         folder_ = folder;
         emit changed();
     }
-    if (!v)
-        setStatus(kNoDriveStatus);
-    else if (destination_.isEmpty())
-        setStatus(kNoDestinationStatus);
-    // The outcome of the last run stays until the next one; only the waiting texts give way.
-    else if (status_.isEmpty() || status_ == kNoDriveStatus || status_ == kNoDestinationStatus)
+    if (!v && drives_->gone()) {
+        // A drive that went takes what was shown of it along, the last run's outcome included.
+        if (warning_) {
+            warning_.reset();
+            warningIsSerious_ = false;
+            emit changed();
+        }
+        setWaiting(DriveSelection::goneText(*drives_->gone()));
+    } else if (!v) {
+        setWaiting(kNoDriveStatus);
+    } else if (destination_.isEmpty()) {
+        setWaiting(kNoDestinationStatus);
+    } else if (status_.isEmpty() || waiting_) {
+        // The outcome of the last run stays until the next one; only the waiting texts give way.
         setStatus(kReadyStatus);
+    }
+}
+
+void BackupModel::setWaiting(const QString& status) {
+    setStatus(status);
+    waiting_ = true;
 }
 
 void BackupModel::setStatus(const QString& status) {
+    waiting_ = false;
     if (status_ == status) return;
     status_ = status;
     emit changed();
@@ -120,13 +140,22 @@ void BackupModel::startManual(const QString& status) {
     ++manualRuns_;
     warning_.reset();
     warningIsSerious_ = false;
-    status_ = status;
+    setStatus(status);
     emit changed();
 }
 
 void BackupModel::runNow(bool deepVerify) {
     std::optional<QmVolume> v = volume();
     if (!v || busy()) return;
+    // A check on a drive never backed up here would make every copy first: a backup in disguise.
+    if (deepVerify && !QFileInfo::exists(Backup::folderFor(destination_, *v) + QLatin1Char('/') +
+                                         QLatin1String(BackupManifest::kFileName))) {
+        warning_.reset();
+        warningIsSerious_ = false;
+        setStatus(kNothingToCheckStatus);
+        emit changed();
+        return;
+    }
     startManual(deepVerify ? kCheckingStatus : kCopyingStatus);
     background_.post(
         [volume = *v, destination = destination_, deepVerify, options = optionsFor(false)] {
@@ -168,21 +197,31 @@ void BackupModel::runAutomatic(const QmVolume& v, const QString& destination) {
         });
 }
 
-bool BackupModel::revealFolder() {
+std::optional<QString> BackupModel::revealFolder() {
     std::optional<QString> f = folder();
-    if (!f || !QDir(*f).exists()) return false;
-    return opener_(QUrl::fromLocalFile(*f));
+    if (!f || !QDir(*f).exists())
+        return QStringLiteral("There is no folder to open yet: nothing has been copied from this drive.");
+    if (opener_(QUrl::fromLocalFile(*f))) return std::nullopt;
+    return QStringLiteral("The file manager could not be started. The copies are in %1")
+        .arg(QDir::toNativeSeparators(*f));
 }
 
-void BackupModel::showSummary(const QString& summary, const QDateTime& when) {
+bool BackupModel::showSummary(const QString& summary, const QDateTime& when) {
     progress_.reset();
-    status_ = summary + QLatin1Char('\n') + QLocale().toString(when, QLocale::ShortFormat);
     warning_.reset();
     warningIsSerious_ = false;
+    if (!volume() && drives_->gone()) {  // the run's drive went meanwhile: that is what the tab says
+        refreshStatus();
+        emit changed();
+        emit reported();
+        return false;
+    }
+    setStatus(summary + QLatin1Char('\n') + QLocale().toString(when, QLocale::ShortFormat));
+    return true;
 }
 
 void BackupModel::show(const RestoreResult& result) {
-    showSummary(result.summary(), QDateTime::currentDateTime());
+    if (!showSummary(result.summary(), QDateTime::currentDateTime())) return;
     if (!result.failures.isEmpty()) {
         warning_ = failuresWarning(result.failures, QStringLiteral("One file could not be put back: "),
                                    QStringLiteral("%1 files could not be put back: "));
@@ -193,8 +232,8 @@ void BackupModel::show(const RestoreResult& result) {
 }
 
 void BackupModel::show(const BackupResult& result) {
+    if (!showSummary(result.summary(), result.finished)) return;
     if (!result.folder.isEmpty()) folder_ = result.folder;
-    showSummary(result.summary(), result.finished);
     if (!result.failures.isEmpty()) {
         warning_ = failuresWarning(result.failures, QStringLiteral("One copy could not be verified: "),
                                    QStringLiteral("%1 copies could not be verified: "));

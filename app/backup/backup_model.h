@@ -25,6 +25,7 @@ public:
     static const QString kCopyingStatus;
     static const QString kCheckingStatus;
     static const QString kRestoringStatus;
+    static const QString kNothingToCheckStatus;
 
     // Opens a folder in the file manager; true when it could.
     using Opener = std::function<bool(const QUrl&)>;
@@ -62,13 +63,14 @@ public:
     // The destination, kept in the settings.
     void choose(const QString& path);
     void setAutomatic(bool on);
-    // A run from the tab: copies what changed, or with deepVerify re-reads every copy.
+    // A run from the tab: copies what changed, or with deepVerify re-reads every copy (only said,
+    // not run, while the drive has no copies in the destination).
     void runNow(bool deepVerify);
     // Puts the writing in backupFolder (a drive's folder, holding the manifest) back onto the
     // selected drive; nothing on the drive is overwritten.
     void restoreFrom(const QString& backupFolder);
-    // Opens the drive's backup folder in the file manager; false when there is none to open.
-    bool revealFolder();
+    // Opens the drive's backup folder in the file manager; none when it did, else why not.
+    std::optional<QString> revealFolder();
     void setOpener(Opener opener) { opener_ = std::move(opener); }
 
     void refreshStatus();
@@ -84,9 +86,12 @@ signals:
 private:
     void runAutomatic(const QmVolume& volume, const QString& destination);
     void setStatus(const QString& status);
+    // A status that tells what is missing before a run can happen; it gives way once nothing is.
+    void setWaiting(const QString& status);
     void startManual(const QString& status);
-    // The outcome's summary and the time as status, the warning cleared.
-    void showSummary(const QString& summary, const QDateTime& when);
+    // The outcome's summary and the time as status, the warning cleared. False when the run's
+    // drive has gone meanwhile: the status then says so and the outcome is not shown.
+    bool showSummary(const QString& summary, const QDateTime& when);
     Backup::RunOptions optionsFor(bool automatic);
 
     DriveSelection* drives_;
@@ -96,6 +101,7 @@ private:
     QList<CloudFolder> services_;
     QList<CloudFolder> missing_;
     QString status_;
+    bool waiting_ = false;  // status_ was set by setWaiting
     std::optional<QString> warning_;
     bool warningIsSerious_ = false;
     std::optional<BackupProgress> progress_;

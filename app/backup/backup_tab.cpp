@@ -4,6 +4,7 @@
 #include <QFileDialog>
 #include <QHBoxLayout>
 #include <QLabel>
+#include <QMessageBox>
 #include <QPushButton>
 #include <QVBoxLayout>
 
@@ -86,7 +87,10 @@ BackupTab::BackupTab(BackupModel* model, QWidget* parent) : QWidget(parent), mod
 
     connect(backUp_, &QPushButton::clicked, this, [this] { model_->runNow(false); });
     connect(check_, &QPushButton::clicked, this, [this] { model_->runNow(true); });
-    connect(open_, &QPushButton::clicked, this, [this] { model_->revealFolder(); });
+    connect(open_, &QPushButton::clicked, this, [this] {
+        if (std::optional<QString> problem = model_->revealFolder())
+            QMessageBox::warning(this, tr("Open the folder"), *problem);
+    });
     connect(putBack_, &QPushButton::clicked, this, &BackupTab::chooseAndPutBack);
     connect(model_, &BackupModel::changed, this, &BackupTab::refreshFromModel);
     refreshFromModel();
@@ -119,7 +123,8 @@ void BackupTab::refreshFromModel() {
     if (folder) driveFolder_->setText(tr("This stick's copies: %1").arg(QDir::toNativeSeparators(*folder)));
     header_->setRefreshEnabled(!model_->busy());
 
-    progress_->setVisible(model_->progress().has_value());
+    // A run on a drive that has gone may still report; its counts are not shown against nothing.
+    progress_->setVisible(model_->progress().has_value() && model_->volume());
     if (model_->progress()) progress_->setText(progressText(*model_->progress()));
     status_->setText(model_->status());
     warning_->setVisible(model_->warning().has_value());

@@ -4,6 +4,7 @@
 
 #include <QDir>
 #include <QElapsedTimer>
+#include <QFileInfo>
 #include <QLocale>
 #include <QSignalSpy>
 #include <QTest>
@@ -52,10 +53,22 @@ TEST_F(BackupModelStatus, WaitingTextsGiveWayToReadyOnlyUntilARunReports) {
     m.refreshStatus();
     EXPECT_EQ(m.status(), outcome);
 
+    // A drive that goes takes its outcome and warning along, also one of a run that ends later.
+    r.cloudWarning = "Dropbox is not running";
+    m.show(r);
     drives.pin(QList<QmVolume>{});
-    EXPECT_EQ(m.status(), BackupModel::kNoDriveStatus);
+    const QString gone = DriveSelection::goneText("Q");
+    EXPECT_EQ(m.status(), gone);
+    EXPECT_FALSE(m.warning());
+    EXPECT_FALSE(m.folder());
+    m.show(r);
+    EXPECT_EQ(m.status(), gone);
+    EXPECT_FALSE(m.warning());
+    EXPECT_FALSE(m.folder());
+    drives.pin({QmVolume{q(drive), "Q", true}});  // back: waiting texts give way again
+    EXPECT_EQ(m.status(), BackupModel::kReadyStatus);
+
     m.choose(QString());
-    drives.pin({QmVolume{q(drive), "Q", true}});
     EXPECT_EQ(m.status(), BackupModel::kNoDestinationStatus);
 
     BackupModel again(&drives);  // the choices were kept
@@ -207,11 +220,16 @@ TEST_F(BackupModelRun, BackUpNowThenCheckTheCopiesOnADeckDrive) {
         opened = url;
         return true;
     });
-    EXPECT_FALSE(m.revealFolder());  // no destination
+    EXPECT_TRUE(m.revealFolder());  // no destination: a reason, nothing opened
     m.choose(q(dest));
-    EXPECT_FALSE(m.revealFolder());  // nothing copied yet
+    EXPECT_TRUE(m.revealFolder());  // nothing copied yet
+    EXPECT_FALSE(opened);
 
     QSignalSpy reported(&m, &BackupModel::reported);
+    m.runNow(true);  // nothing to check is said, and no backup is made instead
+    EXPECT_FALSE(m.busy());
+    EXPECT_EQ(m.status(), BackupModel::kNothingToCheckStatus);
+    EXPECT_FALSE(QFileInfo::exists(q(dest) + "/Quillmate"));
     m.runNow(false);
     EXPECT_TRUE(m.busy());
     EXPECT_EQ(m.status(), BackupModel::kCopyingStatus);
@@ -224,8 +242,10 @@ TEST_F(BackupModelRun, BackUpNowThenCheckTheCopiesOnADeckDrive) {
     EXPECT_FALSE(m.warning());
     QString folder = q(dest) + "/Quillmate/My stick";
     EXPECT_EQ(m.folder(), folder);
-    EXPECT_TRUE(m.revealFolder());
+    EXPECT_EQ(m.revealFolder(), std::nullopt);
     EXPECT_EQ(opened, QUrl::fromLocalFile(folder));
+    m.setOpener([](const QUrl&) { return false; });
+    EXPECT_EQ(m.revealFolder(), "The file manager could not be started. The copies are in " + folder);
 
     m.runNow(true);
     EXPECT_EQ(m.status(), BackupModel::kCheckingStatus);

@@ -21,6 +21,7 @@ AppRun runApp(const QStringList& args) {
     QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
     env.remove("DISPLAY");
     env.remove("WAYLAND_DISPLAY");
+    env.remove("QT_QPA_PLATFORM");
     p.setProcessEnvironment(env);
     p.start(QM_APP_PATH, args);
     if (!p.waitForFinished(30000)) return {};

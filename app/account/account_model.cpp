@@ -5,21 +5,58 @@
 const QString AccountModel::kSignedOutStatus = QStringLiteral("Not signed in.");
 
 namespace {
-QString signedInAs(const QString& email) {
-    return email.isEmpty() ? QStringLiteral("Signed in.") : QStringLiteral("Signed in as ") + email;
+
+QString signedInAs(const QString& email, bool unchecked = false) {
+    QString who = email.isEmpty() ? QStringLiteral("Signed in") : QStringLiteral("Signed in as ") + email;
+    if (unchecked) return who + QStringLiteral(" (could not reach the service)");
+    return email.isEmpty() ? who + QLatin1Char('.') : who;
 }
+
+// Sign-ins are kept per address, so one made elsewhere is still there: say so rather than
+// leave it looking lost.
+QString signedOut(const QString& base, const QStringList& others) {
+    if (others.isEmpty()) return AccountModel::kSignedOutStatus;
+    return QStringLiteral("Not signed in at %1. (You are signed in at %2; %3 kept.)")
+        .arg(base, others.join(QStringLiteral(", ")),
+             others.size() == 1 ? QStringLiteral("that sign-in is") : QStringLiteral("those sign-ins are"));
+}
+
 }  // namespace
 
 AccountModel::AccountModel(QObject* parent) : QObject(parent) {
-    run(
-        [](CloudSession& s) {
-            CloudSession::Answer answer;
-            if (!s.signedIn(&answer)) return std::optional<QString>();
-            return std::optional<QString>(JSON::field(answer.body, QStringLiteral("email")).value_or(QString()));
-        },
-        [this](std::optional<QString> account) {
-            accountStatus_ = account ? signedInAs(*account) : kSignedOutStatus;
-        });
+    // The sign-in kept shows at once; the check below says whether the service still takes it.
+    if (std::optional<Store::SignIn> kept = Store::signIn(CloudSession::baseURL())) {
+        signedIn_ = true;
+        accountStatus_ = signedInAs(kept->email);
+    }
+    run([](CloudSession& s) { return standing(s, true); }, [this](const Standing& st) { show(st); });
+}
+
+AccountModel::Standing AccountModel::standing(CloudSession& session, bool check) {
+    Standing st;
+    st.base = session.base();
+    for (const Store::SignIn& kept : Store::signIns())
+        if (kept.base != st.base) st.others << kept.base;
+    std::optional<Store::SignIn> kept = Store::signIn(st.base);
+    if (!check || !kept || !session.token()) return st;
+    st.email = kept->email;
+    CloudSession::Answer answer;
+    if (!session.signedIn(&answer)) {
+        st.check = answer.status == 401 ? Standing::Check::rejected : Standing::Check::unreachable;
+        return st;
+    }
+    st.check = Standing::Check::accepted;
+    if (std::optional<QString> email = JSON::field(answer.body, QStringLiteral("email")); email && !email->isEmpty()) {
+        st.email = *email;
+        Store::setEmail(st.base, *email);
+    }
+    return st;
+}
+
+void AccountModel::show(const Standing& st) {
+    signedIn_ = st.check == Standing::Check::accepted || st.check == Standing::Check::unreachable;
+    accountStatus_ = signedIn_ ? signedInAs(st.email, st.check == Standing::Check::unreachable)
+                               : signedOut(st.base, st.others);
 }
 
 template <typename Work, typename Deliver>
@@ -58,16 +95,21 @@ void AccountModel::signIn() {
                 return;
             }
             password_.clear();
+            signedIn_ = true;
             accountStatus_ = signedInAs(email);
         });
 }
 
 void AccountModel::signOut() {
-    run([](CloudSession&) { return Store::setToken(std::nullopt); },
-        [this](bool forgotten) {
+    run(
+        [](CloudSession& s) {
+            bool forgotten = Store::setToken(s.base(), std::nullopt);
+            return std::pair(forgotten, standing(s, false));
+        },
+        [this](const std::pair<bool, Standing>& outcome) {
             password_.clear();
-            accountStatus_ = forgotten ? kSignedOutStatus
-                                       : QStringLiteral("The sign-in could not be forgotten. Delete %1 to sign out.")
-                                             .arg(Store::tokenPath());
+            if (outcome.first) return show(outcome.second);
+            accountStatus_ = QStringLiteral("The sign-in could not be forgotten. Delete %1 to sign out.")
+                                 .arg(Store::pathFor(outcome.second.base));
         });
 }

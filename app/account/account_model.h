@@ -3,6 +3,7 @@
 #pragma once
 #include <QObject>
 #include <QString>
+#include <QStringList>
 
 #include "cloud_client.h"
 
@@ -17,6 +18,8 @@ public:
     const QString& email() const { return email_; }
     const QString& password() const { return password_; }
     const QString& accountStatus() const { return accountStatus_; }
+    // A sign-in is kept for the service in use.
+    bool signedIn() const { return signedIn_; }
     // A sign-in request is under way.
     bool busy() const { return signingIn_; }
     // Some request (the start-up check, a sign-in, a sign-out) has not landed yet.
@@ -34,12 +37,23 @@ signals:
     void settled();
 
 private:
+    // Where the sign-ins stand, as a worker found it.
+    struct Standing {
+        enum class Check { none, accepted, rejected, unreachable } check = Check::none;
+        QString email;
+        QString base;
+        QStringList others;  // other addresses with a sign-in kept
+    };
+    static Standing standing(CloudSession& session, bool check);
+    void show(const Standing& standing);
+
     template <typename Work, typename Deliver>
     void run(Work work, Deliver deliver);
 
     QString email_;
     QString password_;
     QString accountStatus_ = kSignedOutStatus;
+    bool signedIn_ = false;
     bool signingIn_ = false;
     int pending_ = 0;
     CloudClient client_;  // last: stopped first

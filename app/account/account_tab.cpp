@@ -73,6 +73,6 @@ void AccountTab::refreshFromModel() {
     if (email_->text() != model_->email()) email_->setText(model_->email());
     if (password_->text() != model_->password()) password_->setText(model_->password());
     signIn_->setEnabled(model_->canSignIn());
-    signOut_->setEnabled(!model_->busy());
+    signOut_->setEnabled(!model_->busy() && model_->signedIn());
     status_->setText(model_->accountStatus());
 }

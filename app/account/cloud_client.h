@@ -1,7 +1,7 @@
 // The account service's client: its requests run one at a time, in the order asked, on a thread
 // of its own, and each result is handed back on the thread the client lives on (the main
-// thread). Every operation starts from the sign-in stored at that moment, so a sign-in made by
-// one model is what the next request of another one uses.
+// thread). Every operation starts from the sign-in stored at that moment for the service's
+// address, so a sign-in made by one model is what the next request of another one uses.
 #pragma once
 #include <QObject>
 #include <atomic>
@@ -33,7 +33,8 @@ public:
     void run(Work work, Deliver done) {
         background_.post(
             [work = std::move(work), stopping = stopping_]() mutable {
-                CloudSession session(Store::token(), CloudSession::baseURL(), stopping);
+                QString base = CloudSession::baseURL();
+                CloudSession session(Store::token(base), base, stopping);
                 return work(session);
             },
             std::move(done));

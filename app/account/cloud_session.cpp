@@ -90,8 +90,8 @@ std::optional<QString> CloudSession::signIn(const QString& email, const QString&
     std::optional<QString> token = JSON::field(a.body, QStringLiteral("token"));
     if (!token || token->trimmed().isEmpty())
         return QStringLiteral("The account service did not send a sign-in. Try again later.");
-    if (!Store::setToken(token->trimmed()))
-        return QStringLiteral("Signed in, but the sign-in could not be saved in %1.").arg(Store::tokenPath());
+    if (!Store::setToken(base_, token->trimmed(), email))
+        return QStringLiteral("Signed in, but the sign-in could not be saved in %1.").arg(Store::pathFor(base_));
     token_ = token->trimmed();
     return std::nullopt;
 }
@@ -101,7 +101,7 @@ bool CloudSession::signedIn(Answer* answer) {
     Answer a = request("GET", QStringLiteral("/api/v1/me"));
     if (a.status == 401) {
         token_.reset();
-        Store::setToken(std::nullopt);
+        Store::setToken(base_, std::nullopt);
     }
     if (answer) *answer = a;
     return a.ok;

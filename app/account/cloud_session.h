@@ -51,7 +51,8 @@ public:
     // None on success (the token is then stored), else the text to show.
     std::optional<QString> signIn(const QString& email, const QString& password);
     // Whether the stored sign-in is still accepted. Sends nothing without a token; a 401 forgets
-    // the token here and on disk. The answer to the check, when one was made, lands in *answer.
+    // the token here and on disk (this address's only). The answer to the check, when one was
+    // made, lands in *answer.
     bool signedIn(Answer* answer = nullptr);
     Registration registerDrive(const QString& id, const QString& uploadKey, const QString& label);
     // Sends the drive's signed statistics export.

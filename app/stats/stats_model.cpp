@@ -100,7 +100,8 @@ QString StatsModel::publishWith(CloudSession &session, const QmVolume &volume) {
   CloudSession::Registration registration = session.registerDrive(
       drive->driveIdHex(), drive->uploadKeyHex(), volume.name);
   if (registration.status == 409)
-    return QStringLiteral("That drive belongs to another account.");
+    return QStringLiteral("That drive belongs to another account. To publish it, "
+                          "sign in with that account on the Account tab.");
   if (!registration.ok)
     return registration.message;
   return session.upload(*drive).message;

@@ -10,6 +10,7 @@
 #include "drive_header.h"
 #include "heatmap.h"
 #include "labels.h"
+#include "published_address.h"
 
 namespace {
 
@@ -42,6 +43,8 @@ StatsTab::StatsTab(StatsModel* model, QWidget* parent) : QWidget(parent), model_
     statusRow->addWidget(status_, 1);
     statusRow->addWidget(publish_, 0, Qt::AlignTop);
     layout->addLayout(statusRow);
+    published_ = new PublishedAddress;
+    layout->addWidget(published_);
 
     auto* grid = new QGridLayout;
     grid->setHorizontalSpacing(16);
@@ -75,7 +78,7 @@ QString StatsTab::total(const QString& label) const {
 }
 
 void StatsTab::refreshFromModel() {
-    status_->setText(model_->status());
+    status_->setText(published_->setMessage(model_->status()));
     header_->setRefreshEnabled(!model_->busy());
     publish_->setEnabled(!model_->busy() && model_->selection().has_value());
     fillTotals();

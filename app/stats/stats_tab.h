@@ -10,6 +10,7 @@ class QLabel;
 class QListWidget;
 class QPushButton;
 class Heatmap;
+class PublishedAddress;
 
 class StatsTab : public QWidget {
     Q_OBJECT
@@ -30,6 +31,7 @@ private:
     DriveHeader* header_;
     QLabel* status_;
     QPushButton* publish_;
+    PublishedAddress* published_;
     QMap<QString, QLabel*> totals_;
     Heatmap* heatmap_;
     QListWidget* dayList_;

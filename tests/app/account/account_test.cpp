@@ -2,7 +2,9 @@
 // account service started on loopback with a database of its own.
 #include <gtest/gtest.h>
 
+#include <QClipboard>
 #include <QFile>
+#include <QGuiApplication>
 #include <QLabel>
 #include <QLineEdit>
 #include <QNetworkAccessManager>
@@ -20,6 +22,7 @@
 
 #include "account_model.h"
 #include "account_tab.h"
+#include "published_address.h"
 #include "deck_drive.h"
 #include "local_service.h"
 #include "stats_model.h"
@@ -49,15 +52,16 @@ protected:
     QByteArray oldHome_;
 };
 
-TEST_F(AccountTest, StoreKeepsTheTokenOwnerOnlyTrimmedAndRemovesIt) {
-    EXPECT_EQ(Store::token(), std::nullopt);
-    mode_t old = ::umask(0);  // a lax umask must not leak the token
-    ASSERT_TRUE(Store::setToken(QString("first")));
+TEST_F(AccountTest, StoreKeepsOneTokenPerAddressOwnerOnlyTrimmedAndRemovesIt) {
+    const QString home = CloudSession::kDefaultBaseURL, other = "http://127.0.0.1:9";
+    EXPECT_EQ(Store::token(home), std::nullopt);
+    mode_t old = ::umask(0);  // a lax umask must not leak a token
+    ASSERT_TRUE(Store::setToken(home, QString("first"), "a@example.org"));
+    ASSERT_TRUE(Store::setToken(other, QString("elsewhere")));
     ::umask(old);
-    EXPECT_EQ(mode(Store::tokenPath()), 0600u);
-    ASSERT_TRUE(Store::setToken(QString("second")));
-    EXPECT_EQ(Store::token(), "second");
-    EXPECT_EQ(mode(Store::tokenPath()), 0600u);
+    for (const QString& path : {Store::tokenPath(), Store::signInsPath()}) EXPECT_EQ(mode(path), 0600u);
+    ASSERT_TRUE(Store::setToken(home, QString("second"), "a@example.org"));
+    EXPECT_EQ(Store::signIns(), (QList<Store::SignIn>{{home, "second", "a@example.org"}, {other, "elsewhere", ""}}));
 
     struct {
         const char* content;
@@ -65,12 +69,19 @@ TEST_F(AccountTest, StoreKeepsTheTokenOwnerOnlyTrimmedAndRemovesIt) {
     } reads[] = {{"  abc\r\n", "abc"}, {"\n\t \n", std::nullopt}, {"", std::nullopt}};
     for (const auto& r : reads) {
         spit(Store::tokenPath().toStdString(), r.content);
-        EXPECT_EQ(Store::token(), r.token) << r.content;
+        EXPECT_EQ(Store::token(home), r.token) << r.content;
     }
 
-    ASSERT_TRUE(Store::setToken(std::nullopt));
+    ASSERT_TRUE(Store::setToken(home, std::nullopt));
     EXPECT_FALSE(QFile::exists(Store::tokenPath()));
-    EXPECT_TRUE(Store::setToken(std::nullopt));  // already gone is fine
+    EXPECT_TRUE(Store::setToken(home, std::nullopt));  // already gone is fine
+    EXPECT_EQ(Store::token(other), "elsewhere");       // forgetting one address keeps the others
+
+    // A token.txt from before addresses were told apart goes to the address in use now.
+    ASSERT_TRUE(QFile::remove(Store::signInsPath()));
+    spit(Store::tokenPath().toStdString(), "older\n");
+    EXPECT_EQ(Store::token(other), "older");
+    EXPECT_EQ(Store::token(home), std::nullopt);
 }
 
 TEST_F(AccountTest, BaseURLComesFromTheEnvironmentWithoutSlashesAtTheEnds) {
@@ -88,10 +99,12 @@ TEST_F(AccountTest, BaseURLComesFromTheEnvironmentWithoutSlashesAtTheEnds) {
 }
 
 TEST_F(AccountTest, TabFollowsTheModelAndShowsItsTexts) {
+    qputenv("QM_SERVER", "http://127.0.0.1:9");
     AccountModel m;
     ASSERT_TRUE(QTest::qWaitFor([&] { return !m.working(); }, 5000));
     AccountTab tab(&m);
     EXPECT_EQ(tab.statusLine()->text(), "Not signed in.");
+    EXPECT_FALSE(tab.signOutButton()->isEnabled());  // nobody to sign out
     EXPECT_FALSE(tab.signInButton()->isEnabled());
     QTest::keyClicks(tab.emailField(), "a@example.org");
     EXPECT_FALSE(tab.signInButton()->isEnabled());  // a password is needed too
@@ -111,6 +124,21 @@ TEST_F(AccountTest, TabFollowsTheModelAndShowsItsTexts) {
                              "Only the counts are ever uploaded, never a word of what you wrote."})
         EXPECT_TRUE(all.contains(text)) << text;
     EXPECT_EQ(tab.signOutButton()->text(), "Sign out");
+
+    ASSERT_TRUE(Store::setToken("https://elsewhere.example", QString("t")));  // kept, and said so
+    AccountModel again;
+    ASSERT_TRUE(QTest::qWaitFor([&] { return !again.working(); }, 5000));
+    EXPECT_EQ(again.accountStatus(), "Not signed in at http://127.0.0.1:9. (You are signed in at "
+                                     "https://elsewhere.example; that sign-in is kept.)");
+
+    PublishedAddress published;
+    EXPECT_EQ(published.setMessage("Sign in on the Account tab first."), "Sign in on the Account tab first.");
+    EXPECT_TRUE(published.isHidden());
+    EXPECT_EQ(published.setMessage("Published to https://h.example/d/0a1b"), "Published to");
+    EXPECT_FALSE(published.isHidden());
+    EXPECT_EQ(published.link()->text(), "<a href=\"https://h.example/d/0a1b\">https://h.example/d/0a1b</a>");
+    published.copyButton()->click();
+    EXPECT_EQ(QGuiApplication::clipboard()->text(), "https://h.example/d/0a1b");
 }
 
 TEST_F(AccountTest, UnreachableServiceIsNamedAndPublishingAsksForASignIn) {
@@ -120,7 +148,13 @@ TEST_F(AccountTest, UnreachableServiceIsNamedAndPublishingAsksForASignIn) {
     probe.close();
     qputenv("QM_SERVER", (base + "//").toUtf8());
 
+    ASSERT_TRUE(Store::setToken(base, QString("kept"), "a@example.org"));  // shown, though not checked
     AccountModel m;
+    EXPECT_EQ(m.accountStatus(), "Signed in as a@example.org");
+    ASSERT_TRUE(QTest::qWaitFor([&] { return !m.working(); }, 35000));
+    EXPECT_EQ(m.accountStatus(), "Signed in as a@example.org (could not reach the service)");
+    EXPECT_TRUE(m.signedIn());
+    EXPECT_EQ(Store::token(base), "kept");
     m.setEmail("a@example.org");
     m.setPassword("pw");
     m.signIn();
@@ -185,6 +219,20 @@ protected:
     LocalService service_;
 };
 
+// An account is made only with a password of 8 characters or more, counted as characters.
+TEST_F(ServiceTest, AddUserRefusesAShortPassword) {
+#if defined(QM_SERVER_PATH)
+    auto add = [&](const QString& password) {
+        return exitStatusOf(spawnWithInput({QM_SERVER_PATH, "add-user", "--db", QString::fromStdString(data_ / "new.db"),
+                                            "new@example.org"},
+                                           (password + "\n").toUtf8()));
+    };
+    EXPECT_EQ(add("seven 7"), 1);
+    EXPECT_EQ(add("Ünïcödé"), 1);  // 7 characters in 11 bytes
+    EXPECT_EQ(add("eight 88"), 0);
+#endif
+}
+
 TEST_F(ServiceTest, SignInRejectedThenAcceptedAndCheckedOnTheNextStart) {
     AccountModel m;
     signInAs(m, "owner@example.org", "wrong password");
@@ -193,25 +241,31 @@ TEST_F(ServiceTest, SignInRejectedThenAcceptedAndCheckedOnTheNextStart) {
     EXPECT_FALSE(m.accountStatus().isEmpty());
     EXPECT_FALSE(m.accountStatus().startsWith("Could not reach")) << m.accountStatus().toStdString();
     EXPECT_FALSE(m.accountStatus().startsWith("Signed in"));
-    EXPECT_FALSE(QFile::exists(Store::tokenPath()));
+    EXPECT_FALSE(Store::token(base_));
 
     signInAs(m, "owner@example.org", kPassword);
     EXPECT_EQ(m.accountStatus(), "Signed in as owner@example.org");
     EXPECT_EQ(m.password(), "");
     EXPECT_EQ(m.email(), "owner@example.org");
-    EXPECT_EQ(mode(Store::tokenPath()), 0600u);
+    EXPECT_TRUE(Store::token(base_));
+
+    qputenv("QM_SERVER", "http://127.0.0.1:9");  // another service meanwhile leaves this sign-in alone
+    AccountModel elsewhere;
+    ASSERT_TRUE(QTest::qWaitFor([&] { return !elsewhere.working(); }, 35000));
+    EXPECT_TRUE(elsewhere.accountStatus().startsWith("Not signed in at http://127.0.0.1:9. (You are signed in at"));
+    qputenv("QM_SERVER", base_.toUtf8());
 
     AccountModel later;  // a new start checks the stored sign-in once
     ASSERT_TRUE(QTest::qWaitFor([&] { return !later.working(); }, 35000));
-    EXPECT_TRUE(later.accountStatus().startsWith("Signed in")) << later.accountStatus().toStdString();
+    EXPECT_EQ(later.accountStatus(), "Signed in as owner@example.org");
 }
 
 TEST_F(ServiceTest, ARejectedSignInCheckForgetsTheToken) {
-    ASSERT_TRUE(Store::setToken(QString("not-a-token-the-service-gave")));
+    ASSERT_TRUE(Store::setToken(base_, QString("not-a-token-the-service-gave")));
     AccountModel m;
     ASSERT_TRUE(QTest::qWaitFor([&] { return !m.working(); }, 35000));
     EXPECT_EQ(m.accountStatus(), "Not signed in.");
-    EXPECT_FALSE(QFile::exists(Store::tokenPath()));
+    EXPECT_FALSE(Store::token(base_));
 }
 
 TEST_F(ServiceTest, PublishShowsThePageGuardsTheDriveAndNeedsASignIn) {
@@ -245,12 +299,13 @@ TEST_F(ServiceTest, PublishShowsThePageGuardsTheDriveAndNeedsASignIn) {
     signInAs(account, "other@example.org", kPassword);
     ASSERT_EQ(account.accountStatus(), "Signed in as other@example.org");
     publish(stats);
-    EXPECT_EQ(stats.status(), "That drive belongs to another account.");
+    EXPECT_TRUE(stats.status().startsWith("That drive belongs to another account. To publish it, sign in"));
 
     account.signOut();
     ASSERT_TRUE(QTest::qWaitFor([&] { return !account.working(); }, 5000));
     EXPECT_EQ(account.accountStatus(), "Not signed in.");
-    EXPECT_FALSE(QFile::exists(Store::tokenPath()));
+    EXPECT_FALSE(account.signedIn());
+    EXPECT_FALSE(Store::token(base_));
     publish(stats);
     EXPECT_EQ(stats.status(), kSignInFirst);
 }

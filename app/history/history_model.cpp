@@ -1,5 +1,7 @@
 #include "history_model.h"
 
+#include "volumes.h"
+
 const QString HistoryModel::kNoDriveStatus = QStringLiteral("Plug in a Quillmate drive and press Refresh.");
 const QString HistoryModel::kNoHistoryStatus = QStringLiteral(
     "No snapshot history on this drive yet. Save a named document on the deck and it will start keeping one.");
@@ -12,7 +14,7 @@ QString HistoryModel::kindLabel(QChar kind) {
 }
 
 QString HistoryModel::versionLabel(const DocVersion& v) {
-    QString label = v.when + QStringLiteral("   ") + kindLabel(v.kind);
+    QString label = QStringLiteral("#%1   ").arg(v.id) + v.when + QStringLiteral("   ") + kindLabel(v.kind);
     if (!v.tag.isEmpty()) label += QStringLiteral("   ") + v.tag;
     return label;
 }
@@ -20,6 +22,9 @@ QString HistoryModel::versionLabel(const DocVersion& v) {
 namespace {
 
 using State = HistoryModel::State;
+
+// Checked only after a failure: a removed or unmounted drive looks like any missing file.
+bool drive_gone(const QString& root) { return Volumes::classify({Volumes::Mount{root, QString()}}).isEmpty(); }
 
 QString count_text(qsizetype n, const char* what) {
     return QStringLiteral("%1 %2%3").arg(n).arg(QLatin1String(what)).arg(n == 1 ? "" : "s");
@@ -64,28 +69,35 @@ QString why(ReadProblem problem, bool versionFile) {
 State with_shown(const QString& root, State s) {
     s.diffLines.clear();
     s.text.clear();
-    std::unique_ptr<History> h = s.document && s.selected ? History::open(root, *s.document, nullptr) : nullptr;
-    if (!h) return s;  // the status is left as it is
-    const bool failedBefore = s.readFailed;
-    s.readFailed = true;  // until both reads below succeed
+    if (!s.document || !s.selected) return s;
+    std::unique_ptr<History> h = History::open(root, *s.document, nullptr);
+    if (!h) {
+        s.driveGone = drive_gone(root);
+        return s;  // the status is left as it is
+    }
+    const bool aboutShownBefore = s.statusAboutShown;
+    s.statusAboutShown = true;  // a failure or a comparison below says something about this version
     TextRead old = h->read(*s.selected);
     if (!old) {
         s.status = QStringLiteral("Version %1 cannot be read: %2.").arg(*s.selected).arg(why(old.problem, true));
+        s.driveGone = drive_gone(root);
         return s;
     }
     if (s.showingDiff) {
         TextRead now = History::liveDocument(root, *s.document);
         if (!now) {
             s.status = QStringLiteral("The document on the drive cannot be read: %1.").arg(why(now.problem, false));
+            s.driveGone = drive_gone(root);
             return s;
         }
         fill_comparison(s, *old.text, *now.text);
-    } else {
-        s.text = *old.text;
-        // Reading leaves the status alone, except a read failure's, which no longer holds.
-        if (failedBefore) s.status = count_text(s.versions.size(), "version") + QLatin1Char('.');
+        return s;
     }
-    s.readFailed = false;
+    s.text = *old.text;
+    // Reading leaves the status alone, except one about what was shown before: a comparison or
+    // a failed read no longer holds beside another text.
+    if (aboutShownBefore) s.status = count_text(s.versions.size(), "version") + QLatin1Char('.');
+    s.statusAboutShown = false;
     return s;
 }
 
@@ -99,12 +111,14 @@ State with_versions(const QString& root, State s) {
     std::unique_ptr<History> h = History::open(root, *s.document, &error);
     if (!h) {
         s.status = qmErrorMessage(error);
+        s.driveGone = drive_gone(root);
         return s;
     }
     const QList<DocVersion>& log = h->versions();
     s.versions = QList<DocVersion>(log.rbegin(), log.rend());
     if (!s.versions.isEmpty()) s.selected = s.versions.first().id;
     s.status = count_text(s.versions.size(), "version") + QLatin1Char('.');
+    s.statusAboutShown = false;
     s.showingDiff = false;
     return with_shown(root, std::move(s));
 }
@@ -113,24 +127,45 @@ State with_documents(const QString& root, State s) {
     s.documents = History::documents(root);
     s.document = s.documents.isEmpty() ? std::nullopt : std::optional<QString>(s.documents.first());
     s = with_versions(root, std::move(s));
-    if (s.documents.isEmpty()) s.status = HistoryModel::kNoHistoryStatus;
+    if (s.documents.isEmpty()) {
+        s.status = HistoryModel::kNoHistoryStatus;
+        s.driveGone = drive_gone(root);
+    }
     return s;
 }
 
 State after_revert(const QString& root, State s) {
-    std::unique_ptr<History> h = s.document && s.selected ? History::open(root, *s.document, nullptr) : nullptr;
-    if (!h) return s;
+    if (!s.document || !s.selected) return s;
+    QmError opened = QmError::ok;
+    std::unique_ptr<History> h = History::open(root, *s.document, &opened);
+    if (!h) {
+        s.status = QStringLiteral("Could not restore: ") + qmErrorMessage(opened);
+        s.driveGone = drive_gone(root);
+        return s;
+    }
     const int32_t restored = *s.selected;
+    QString when;
+    for (const DocVersion& v : s.versions)
+        if (v.id == restored) when = v.when;
     QmError result = h->revert(restored);
     // The version's own file, rather than the drive, is the usual reason a restore fails.
     TextRead version = result == QmError::ok ? TextRead{QString()} : h->read(restored);
     h.reset();
+    const QString doc = *s.document;
     s = with_versions(root, std::move(s));
-    // A success reads as the new count; a failure keeps saying what went wrong.
+    // A success reads as the new count, with what came back beside it; a failure keeps saying
+    // what went wrong.
     if (!version)
         s.status = QStringLiteral("Could not restore version %1: %2.").arg(restored).arg(why(version.problem, true));
     else if (result != QmError::ok)
         s.status = QStringLiteral("Could not restore: ") + qmErrorMessage(result);
+    else if (!s.versions.isEmpty())
+        s.notice = QStringLiteral("Restored version %1 of “%2”, saved %3; it is now version %4. Eject the drive before "
+                                  "unplugging it.")
+                       .arg(restored)
+                       .arg(doc, when)
+                       .arg(s.versions.first().id);
+    if (result != QmError::ok) s.driveGone = s.driveGone || drive_gone(root);
     return s;
 }
 
@@ -143,10 +178,17 @@ HistoryModel::HistoryModel(DriveSelection* selection, QObject* parent) : QObject
 
 void HistoryModel::rescan() { selection_->rescan(); }
 
+std::optional<DocVersion> HistoryModel::selectedVersion() const {
+    for (const DocVersion& v : state_.versions)
+        if (state_.selected == v.id) return v;
+    return std::nullopt;
+}
+
 void HistoryModel::loadDocuments() {
     if (!root()) {
         ++generation_;  // whatever was on its way belonged to a drive that is gone
         state_ = State{};
+        if (selection_->gone()) state_.status = DriveSelection::goneText(*selection_->gone());
         emit changed();
         return;
     }
@@ -176,6 +218,7 @@ void HistoryModel::revert() {
 
 void HistoryModel::run(Step step, bool restore) {
     int generation = ++generation_;
+    if (!restore) state_.notice.clear();  // it spoke of what was shown before this choice
     ++pending_;
     if (restore) ++restoring_;
     emit changed();  // busy, and any choice made just now
@@ -188,6 +231,14 @@ void HistoryModel::run(Step step, bool restore) {
 }
 
 void HistoryModel::apply(State state, int generation) {
+    if (generation == generation_ && state.driveGone) {
+        // Nothing of a drive that has gone stays on show; the selection confirms it is gone and
+        // says so to every tab, or finds it back and the documents load again.
+        std::optional<QmVolume> volume = selection_->volume();
+        state = State{};
+        state.status = DriveSelection::goneText(volume ? volume->name : root().value_or(QString()));
+        selection_->rescan();
+    }
     if (generation == generation_) state_ = std::move(state);
     emit changed();
     if (generation == generation_) emit settled();

@@ -26,7 +26,8 @@ public:
     static const QString kTooLargeStatus;
     // "saved point", "changed elsewhere" or "auto".
     static QString kindLabel(QChar kind);
-    // The versions list's row text: when, kind label and tag.
+    // The versions list's row text: number (as tags such as "reverted to version 4" name it),
+    // when, kind label and tag.
     static QString versionLabel(const DocVersion& v);
 
     explicit HistoryModel(DriveSelection* selection, QObject* parent = nullptr);
@@ -42,6 +43,10 @@ public:
     const QList<DiffLine>& diffLines() const { return state_.diffLines; }
     bool showingDiff() const { return state_.showingDiff; }
     const QString& status() const { return state_.status; }
+    // What the last restore put back, until the next choice; empty otherwise.
+    const QString& notice() const { return state_.notice; }
+    // The selected version, when there is one.
+    std::optional<DocVersion> selectedVersion() const;
     bool busy() const { return pending_ > 0; }
     // A version is being put back on the drive.
     bool restoring() const { return restoring_ > 0; }
@@ -65,7 +70,11 @@ public:
         QList<DiffLine> diffLines;
         bool showingDiff = false;
         QString status = kNoDriveStatus;
-        bool readFailed = false;  // the status says why the shown text could not be read
+        // The status speaks of what was shown (a comparison, or why it could not be read), so
+        // showing something else must replace it.
+        bool statusAboutShown = false;
+        QString notice;
+        bool driveGone = false;  // a step failed because the drive's folder is no longer a drive
     };
 
 signals:

@@ -31,35 +31,41 @@ HistoryTab::HistoryTab(HistoryModel* model, QWidget* parent) : QWidget(parent), 
 
     auto* lists = new QHBoxLayout;
     auto* docColumn = new QVBoxLayout;
+    // The smallest window shows the lists and the text at these sizes; a larger one shares the
+    // room out, the text taking most of the height and the versions most of the width.
     documents_ = new QListWidget;
-    documents_->setFixedSize(200, 120);
+    documents_->setMinimumSize(200, 120);
     docColumn->addWidget(Labels::caption(tr("Document")));
     docColumn->addWidget(documents_);
     auto* verColumn = new QVBoxLayout;
     versions_ = new QListWidget;
-    versions_->setFixedHeight(120);
+    versions_->setMinimumHeight(120);
     QFont vf = versions_->font();
     vf.setPointSize(12);
     versions_->setFont(vf);
     verColumn->addWidget(Labels::caption(tr("Versions")));
     verColumn->addWidget(versions_);
-    lists->addLayout(docColumn);
-    lists->addLayout(verColumn, 1);
-    layout->addLayout(lists);
+    lists->addLayout(docColumn, 1);
+    lists->addLayout(verColumn, 2);
+    layout->addLayout(lists, 1);
 
     auto* shown = new QWidget;
-    shown->setFixedHeight(190);
+    shown->setMinimumHeight(190);
     shown_ = new QStackedLayout(shown);
     reading_ = new QPlainTextEdit;
     reading_->setReadOnly(true);
     comparison_ = new QListWidget;
     comparison_->setSelectionMode(QAbstractItemView::NoSelection);
+    // Long lines wrap rather than scroll sideways, as the reading text does.
+    comparison_->setWordWrap(true);
+    comparison_->setHorizontalScrollBarPolicy(Qt::ScrollBarAlwaysOff);
+    comparison_->setResizeMode(QListView::Adjust);
     for (QWidget* w : {static_cast<QWidget*>(reading_), static_cast<QWidget*>(comparison_)}) {
         w->setFont(Labels::monospaced(11));
         w->setStyleSheet(QStringLiteral("background: rgb(250,250,250); border: 1px solid rgb(217,217,217);"));
         shown_->addWidget(w);
     }
-    layout->addWidget(shown);
+    layout->addWidget(shown, 3);
 
     auto* buttons = new QHBoxLayout;
     auto* view = new QPushButton(tr("View"));
@@ -72,7 +78,9 @@ HistoryTab::HistoryTab(HistoryModel* model, QWidget* parent) : QWidget(parent), 
     buttons->addStretch();
     buttons->addWidget(status_, 1);
     layout->addLayout(buttons);
-    layout->addStretch();
+    notice_ = Labels::status();
+    notice_->setTextInteractionFlags(Qt::TextSelectableByMouse);
+    layout->addWidget(notice_);
 
     connect(documents_, &QListWidget::currentRowChanged, this, [this](int row) {
         if (!filling_ && row >= 0 && row < model_->documents().size()) model_->selectDocument(model_->documents()[row]);
@@ -93,6 +101,8 @@ void HistoryTab::refreshFromModel() {
     fillShownText();
     restore_->setEnabled(model_->selected().has_value());
     status_->setText(model_->status());
+    notice_->setText(model_->notice());
+    notice_->setVisible(!model_->notice().isEmpty());
     filling_ = false;
 }
 
@@ -103,6 +113,7 @@ void HistoryTab::fillLists() {
     versions_->clear();
     for (const DocVersion& v : model_->versions()) {
         versions_->addItem(HistoryModel::versionLabel(v));
+        versions_->item(versions_->count() - 1)->setToolTip(HistoryModel::versionLabel(v));
         if (model_->selected() == v.id) versions_->setCurrentRow(versions_->count() - 1);
     }
 }
@@ -122,9 +133,14 @@ void HistoryTab::fillShownText() {
 }
 
 void HistoryTab::askToRestore() {
+    std::optional<DocVersion> version = model_->selectedVersion();
+    if (!version || !model_->document()) return;
     confirmation_ = new QMessageBox(QMessageBox::NoIcon, tr("Restore a version"),
-                                    tr("What is on the drive now is kept as a version, so this can be undone."),
+                                    tr("Put version %1 of “%2”, saved %3, back on the drive?")
+                                        .arg(version->id)
+                                        .arg(*model_->document(), version->when),
                                     QMessageBox::NoButton, this);
+    confirmation_->setInformativeText(tr("What is on the drive now is kept as a version, so this can be undone."));
     QPushButton* put = confirmation_->addButton(tr("Put this version back"), QMessageBox::AcceptRole);
     confirmation_->addButton(QMessageBox::Cancel);
     confirmation_->setAttribute(Qt::WA_DeleteOnClose);

@@ -37,6 +37,7 @@ private:
     QListWidget* comparison_;
     QPushButton* restore_;
     QLabel* status_;
+    QLabel* notice_;  // what a restore put back
     QString shownText_;
     QList<DiffLine> shownDiff_;
     QMessageBox* confirmation_ = nullptr;

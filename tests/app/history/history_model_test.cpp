@@ -25,6 +25,7 @@ QString handMadeHistory(const TempDir& dir, const QString& doc, const QStringLis
     spit(dir / (".qmv/" + d + "/history.log"), log);
     spit(dir / ".qmv/" + d + "/refs", "deck\tx\n");
     spit(dir / d, now.toStdString());
+    std::filesystem::create_directory(dir / "fonts");  // what makes the folder a drive the deck has used
     return QString::fromStdString(dir.path());
 }
 
@@ -90,6 +91,7 @@ TEST(HistoryChain, ReadingComparingAndTheirTexts) {
     b.settle();
     EXPECT_EQ(b.m.text(), "x\ny\nz");
     EXPECT_TRUE(b.m.diffLines().isEmpty());
+    EXPECT_EQ(b.m.status(), "2 versions.");  // the comparison no longer speaks of what is shown
 }
 
 TEST(HistoryChain, TextsTooLargeToCompareAreNotCalledIdentical) {
@@ -119,9 +121,56 @@ TEST(HistoryChain, RestoreAddsASavedPoint) {
     EXPECT_EQ(t.m.status(), "4 versions.");
     ASSERT_EQ(v.size(), 4);
     EXPECT_EQ(v.first().id, 4);
-    EXPECT_EQ(HistoryModel::versionLabel(v.first()), v.first().when + "   saved point   reverted to version 1");
+    EXPECT_EQ(HistoryModel::versionLabel(v.first()), "#4   " + v.first().when + "   saved point   reverted to version 1");
     EXPECT_EQ(History::liveDocument(root, "Notes.txt").text, "first");
     EXPECT_EQ(t.m.text(), "first");
+    EXPECT_EQ(t.m.notice(), "Restored version 1 of “Notes.txt”, saved 2025-01-01 10:00:00; it is now version 4. "
+                            "Eject the drive before unplugging it.");
+    t.m.selectVersion(2);
+    EXPECT_TRUE(t.m.notice().isEmpty());  // it would speak of another version than the one shown
+}
+
+// However the drive goes, and whatever notices it first (the watch on its folder, a step that
+// fails, Refresh), nothing of it stays on show and the status says so; back in place, Refresh
+// finds it again.
+TEST(HistoryChain, ADriveThatHasGoneLeavesNothingBehind) {
+    enum How { removed, emptied, moved };  // emptied: as an unplugged stick's mount point may stay
+    enum Notice { watch, pickVersion, compare, restore, refresh };
+    const std::pair<How, Notice> cases[] = {{removed, watch}, {emptied, watch}, {moved, pickVersion},
+                                            {moved, compare}, {moved, restore}, {moved, refresh}};
+    namespace fs = std::filesystem;
+    for (auto [how, notice] : cases) {
+        SCOPED_TRACE(QString("gone %1, noticed by %2").arg(how).arg(notice).toStdString());
+        TempDir dir, aside;
+        QString root = handMadeHistory(dir, "Notes.txt", {"first", "second"}, "second");
+        Tab t;
+        t.pin(root);
+        ASSERT_EQ(t.m.versions().size(), 2);
+        const fs::path drive = dir.path(), kept = aside / "drive";
+        if (how == moved) {
+            fs::rename(drive, kept);
+        } else {
+            fs::copy(drive, kept, fs::copy_options::recursive);
+            for (const fs::directory_entry& e : fs::directory_iterator(drive)) fs::remove_all(e.path());
+            if (how == removed) fs::remove(drive);
+        }
+        if (notice == pickVersion) t.m.selectVersion(1);
+        if (notice == compare) t.m.show(true);
+        if (notice == restore) t.m.revert();
+        if (notice == refresh) t.m.rescan();
+        const QString gone = DriveSelection::goneText("Q");
+        EXPECT_TRUE(QTest::qWaitFor([&] { return !t.m.busy() && !t.drives.scanning() && t.m.status() == gone; }, 20000))
+            << t.m.status().toStdString();
+        EXPECT_FALSE(t.drives.volume());
+        EXPECT_TRUE(t.m.documents().isEmpty() && t.m.versions().isEmpty() && !t.m.selected());
+        EXPECT_TRUE(t.m.text().isEmpty() && t.m.diffLines().isEmpty() && t.m.notice().isEmpty());
+
+        fs::remove_all(drive);
+        fs::rename(kept, drive);
+        t.m.rescan();
+        EXPECT_TRUE(QTest::qWaitFor([&] { return !t.m.busy() && t.m.versions().size() == 2; }, 20000));
+        EXPECT_EQ(t.m.status(), "2 versions.");
+    }
 }
 
 // A version's file or the document that cannot be read is said to be so, never shown as an empty

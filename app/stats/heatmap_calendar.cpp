@@ -1,6 +1,7 @@
 #include "heatmap_calendar.h"
 
 #include <QHash>
+#include <QLocale>
 
 #include "qm_core.h"
 
@@ -19,6 +20,20 @@ QString date(uint32_t day) {
     return QStringLiteral("%1-%2-%3").arg(y, 4, 10, QChar('0')).arg(m, 2, 10, QChar('0')).arg(d, 2, 10, QChar('0'));
 }
 
+QString number(uint64_t n) {
+    QLocale locale;
+    locale.setNumberOptions(locale.numberOptions() & ~QLocale::OmitGroupSeparator);
+    return locale.toString(qulonglong(n));
+}
+
+QString words(uint32_t n) { return number(n) + (n == 1 ? QStringLiteral(" word") : QStringLiteral(" words")); }
+
+QString dayLine(const DayRow& d) {
+    QString w = words(d.words);
+    if (d.words == 1) w += QLatin1Char(' ');  // keeps the time column straight
+    return QStringLiteral("%1  %2  %3").arg(date(d.day)).arg(w, 14).arg(duration(d.secs), 8);
+}
+
 }  // namespace StatsText
 
 namespace {
@@ -26,11 +41,13 @@ namespace {
 // Day 1 (1980-01-01) was a Tuesday; 0 is Monday.
 int weekday(uint32_t day) { return int(day % 7); }
 
-unsigned month_of(uint32_t day) {
-    unsigned m = 0;
-    qm_day_to_ymd(day, nullptr, &m, nullptr);
-    return m;
+std::pair<unsigned, unsigned> year_month(uint32_t day) {
+    unsigned y = 0, m = 0;
+    qm_day_to_ymd(day, &y, &m, nullptr);
+    return {y, m};
 }
+
+constexpr int kYearLabelWeeks = 6;  // the week columns "Dec 2025" takes
 
 }  // namespace
 
@@ -47,6 +64,7 @@ HeatmapCalendar HeatmapCalendar::build(const QList<DayRow>& days) {
     int64_t first = int64_t(latest) - weekday(latest) - int64_t(kWeeks - 1) * kDaysPerWeek;
     static const char* kMonths[] = {"Jan", "Feb", "Mar", "Apr", "May", "Jun", "Jul", "Aug", "Sep", "Oct", "Nov", "Dec"};
     unsigned shown_month = 0;
+    QList<unsigned> years;  // of each month label
     for (int w = 0; w < kWeeks; ++w) {
         for (int d = 0; d < kDaysPerWeek; ++d) {
             int64_t day = first + w * kDaysPerWeek + d;
@@ -57,13 +75,31 @@ HeatmapCalendar HeatmapCalendar::build(const QList<DayRow>& days) {
             cal.peak = std::max(cal.peak, c.words);
         }
         int64_t monday = std::max<int64_t>(first + w * kDaysPerWeek, 1);
-        unsigned m = month_of(uint32_t(monday));
+        auto [y, m] = year_month(uint32_t(monday));
         if (m != shown_month) {
             // A partial month at the left edge would crowd its neighbour's label: the later one wins.
-            if (!cal.monthLabels.isEmpty() && w - cal.monthLabels.last().first < 3) cal.monthLabels.removeLast();
+            if (!cal.monthLabels.isEmpty() && w - cal.monthLabels.last().first < 3) {
+                cal.monthLabels.removeLast();
+                years.removeLast();
+            }
             cal.monthLabels.append({w, QString::fromLatin1(kMonths[m - 1])});
+            years.append(y);
         }
         shown_month = m;
+    }
+    // The year goes with the first month named and with January. The month after gives way when
+    // the longer label needs its room, except a January, which takes the year from the first.
+    auto isJanuary = [&cal](int i) { return cal.monthLabels[i].second == QLatin1String("Jan"); };
+    auto crowds = [&cal](int i) { return cal.monthLabels[i + 1].first - cal.monthLabels[i].first < kYearLabelWeeks; };
+    for (int i = 0; i < cal.monthLabels.size(); ++i) {
+        if (i > 0 && !isJanuary(i)) continue;
+        bool last = i + 1 == cal.monthLabels.size();
+        if (i == 0 && !isJanuary(0) && !last && isJanuary(1) && crowds(0)) continue;
+        cal.monthLabels[i].second += QStringLiteral(" %1").arg(years[i]);
+        while (i + 1 < cal.monthLabels.size() && !isJanuary(i + 1) && crowds(i)) {
+            cal.monthLabels.removeAt(i + 1);
+            years.removeAt(i + 1);
+        }
     }
     return cal;
 }
@@ -77,8 +113,13 @@ QColor HeatmapCalendar::shade(uint32_t words, uint32_t peak) {
     return QColor::fromRgbF(0.06f, 0.29f, 0.52f);
 }
 
+int HeatmapCalendar::indexOf(uint32_t day) const {
+    for (int i = 0; i < cells.size(); ++i)
+        if (day != 0 && cells[i].day == day) return i;
+    return -1;
+}
+
 QString HeatmapCalendar::tooltip(const HeatmapCell& cell) {
     if (cell.day == 0) return QString();
-    if (cell.words == 0) return StatsText::date(cell.day) + QStringLiteral(": no writing");
-    return StatsText::date(cell.day) + QStringLiteral(": %1 word%2").arg(cell.words).arg(cell.words == 1 ? "" : "s");
+    return StatsText::date(cell.day) + QStringLiteral(": ") + StatsText::words(cell.words);
 }

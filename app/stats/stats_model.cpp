@@ -1,5 +1,7 @@
 #include "stats_model.h"
 
+#include "volumes.h"
+
 const QString StatsModel::kNoDriveStatus =
     QStringLiteral("Plug in a Quillmate drive and press Refresh.");
 
@@ -44,8 +46,13 @@ StatsModel::Reading StatsModel::read(const QmVolume &volume, bool mayWrite) {
                      false); // a used drive without a key gets one first
   QmError error = QmError::ok;
   std::unique_ptr<Drive> drive = Drive::open(volume.path, &error);
-  if (!drive)
-    return Reading{std::nullopt, {}, status_after_failure(error)};
+  if (!drive) {
+    // Checked only after a failure: a drive pulled out looks like any
+    // unreadable file.
+    bool gone =
+        Volumes::classify({Volumes::Mount{volume.path, volume.name}}).isEmpty();
+    return Reading{std::nullopt, {}, status_after_failure(error), gone};
+  }
   return Reading{drive->summary(), drive->days(),
                  status_after_open(drive->summary())};
 }
@@ -62,7 +69,11 @@ void StatsModel::load() {
   int generation = ++generation_;
   std::optional<QmVolume> volume = selection_->volume();
   if (!volume) {
-    apply(Reading{std::nullopt, {}, kNoDriveStatus}, generation);
+    const std::optional<QString> &gone = selection_->gone();
+    apply(Reading{std::nullopt,
+                  {},
+                  gone ? DriveSelection::goneText(*gone) : kNoDriveStatus},
+          generation);
     return;
   }
   ++pending_;
@@ -82,6 +93,14 @@ void StatsModel::apply(Reading reading, int generation) {
       generation_) { // a newer load is on its way; only busy may have changed
     emit changed();
     return;
+  }
+  if (reading.driveGone) {
+    // The selection confirms it (and every tab then says so), or finds it back
+    // and it loads again.
+    std::optional<QmVolume> volume = selection_->volume();
+    reading = Reading{std::nullopt, {},
+                      DriveSelection::goneText(volume ? volume->name : QString())};
+    selection_->rescan();
   }
   summary_ = reading.summary;
   days_ = std::move(reading.days);

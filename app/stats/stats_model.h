@@ -39,6 +39,7 @@ public:
         std::optional<qm_summary> summary;
         QList<DayRow> days;
         QString status;
+        bool driveGone = false;  // it failed because the volume is no longer a drive
     };
     // What loading a volume shows. Blocking file work: the model runs it off the main thread.
     static Reading read(const QmVolume& volume, bool mayWrite);

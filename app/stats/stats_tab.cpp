@@ -3,7 +3,6 @@
 #include <QGridLayout>
 #include <QLabel>
 #include <QListWidget>
-#include <QLocale>
 #include <QPushButton>
 #include <QVBoxLayout>
 
@@ -17,7 +16,7 @@ namespace {
 const QStringList kTotals = {"Writing sessions", "Words", "Pages", "Characters typed", "Writing time",
                              "Longest session", "Current streak", "Best streak", "Days written"};
 
-QString number(uint32_t n) { return QLocale().toString(qulonglong(n)); }
+using StatsText::number;
 QString days_text(uint32_t n) { return QStringLiteral("%1 day%2").arg(number(n), n == 1 ? "" : "s"); }
 
 QStringList values_of(const qm_summary& s) {
@@ -67,6 +66,12 @@ StatsTab::StatsTab(StatsModel* model, QWidget* parent) : QWidget(parent), model_
     dayList_->setFont(Labels::monospaced(10));
     layout->addWidget(dayList_, 1);
 
+    // A day chosen on the map is shown in the list, and the list's current day marked on the map.
+    connect(heatmap_, &Heatmap::dayChosen, this, &StatsTab::showDay);
+    connect(dayList_, &QListWidget::currentRowChanged, this, [this](int row) {
+        const QList<DayRow>& days = shownDays_;
+        if (row >= 0 && row < days.size()) heatmap_->setCurrentDay(days[days.size() - 1 - row].day);
+    });
     connect(publish_, &QPushButton::clicked, model_, &StatsModel::publish);
     connect(model_, &StatsModel::changed, this, &StatsTab::refreshFromModel);
     refreshFromModel();
@@ -82,7 +87,6 @@ void StatsTab::refreshFromModel() {
     header_->setRefreshEnabled(!model_->busy());
     publish_->setEnabled(!model_->busy() && model_->selection().has_value());
     fillTotals();
-    heatmap_->setDays(model_->days());
     fillDays();
 }
 
@@ -92,15 +96,31 @@ void StatsTab::fillTotals() {
 }
 
 void StatsTab::fillDays() {
+    // The model also changes when only busy does: the list keeps its place unless the days are new.
+    if (dayList_->count() > 0 && model_->days() == shownDays_) return;
+    shownDays_ = model_->days();
+    heatmap_->setDays(shownDays_);
     dayList_->clear();
-    if (model_->days().isEmpty()) {
+    if (shownDays_.isEmpty()) {
         dayList_->addItem(tr("No writing days recorded yet."));
         return;
     }
-    const QList<DayRow>& days = model_->days();
-    for (auto it = days.rbegin(); it != days.rend(); ++it)  // newest first
-        dayList_->addItem(QStringLiteral("%1  %2 words  %3")
-                              .arg(StatsText::date(it->day))
-                              .arg(number(it->words), 8)
-                              .arg(StatsText::duration(it->secs), 8));
+    for (auto it = shownDays_.rbegin(); it != shownDays_.rend(); ++it)  // newest first
+        dayList_->addItem(StatsText::dayLine(*it));
+}
+
+void StatsTab::showDay(uint32_t day) {
+    // Newest first: the first row not newer than the day is the day itself, or where it would be.
+    int row = 0;
+    for (auto it = shownDays_.rbegin(); it != shownDays_.rend() && it->day > day; ++it) ++row;
+    if (shownDays_.isEmpty()) return;
+    row = std::min(row, int(dayList_->count()) - 1);  // older than every line: the oldest
+    QListWidgetItem* item = dayList_->item(row);
+    if (shownDays_[shownDays_.size() - 1 - row].day == day) {
+        dayList_->setCurrentItem(item);
+    } else {  // a day without writing has no line: its neighbours are shown, none chosen
+        dayList_->setCurrentItem(nullptr);
+        heatmap_->setCurrentDay(day);
+    }
+    dayList_->scrollToItem(item, QAbstractItemView::PositionAtCenter);
 }

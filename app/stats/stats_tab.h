@@ -26,6 +26,8 @@ private:
     void refreshFromModel();
     void fillTotals();
     void fillDays();
+    // Selects the day's line in the list, or shows where it would be.
+    void showDay(uint32_t day);
 
     StatsModel* model_;
     DriveHeader* header_;
@@ -35,4 +37,5 @@ private:
     QMap<QString, QLabel*> totals_;
     Heatmap* heatmap_;
     QListWidget* dayList_;
+    QList<DayRow> shownDays_;
 };

@@ -4,6 +4,7 @@
 
 #include <QFile>
 #include <QTest>
+#include <filesystem>
 
 #include "deck_drive.h"
 #include "heatmap_calendar.h"
@@ -54,13 +55,33 @@ TEST(StatsModelStatus, EachDriveStateSaysWhereTheFiguresCameFrom) {
     }
 }
 
-TEST(StatsModelStatus, NoSelectionAndNotADrive) {
-    DriveSelection drives;
-    StatsModel m(&drives);
-    EXPECT_EQ(m.status(), "Plug in a Quillmate drive and press Refresh.");
-    TempDir empty;
-    loadPinned(drives, m, {QmVolume{QString::fromStdString(empty.path()), "Q", true}});
-    EXPECT_EQ(m.status(), "not a Quillmate drive");
+// No drive, and a drive that has gone before a load or under the figures shown: the status says
+// which, and nothing of a drive that has gone stays on show.
+TEST(StatsModelStatus, NoDriveAndADriveThatHasGone) {
+    DriveSelection none;
+    StatsModel idle(&none);
+    EXPECT_EQ(idle.status(), "Plug in a Quillmate drive and press Refresh.");
+    for (bool goneBeforeTheLoad : {true, false}) {
+        SCOPED_TRACE(goneBeforeTheLoad);
+        TempDir dir;
+        QString root = deckDrive(dir, deck::StatsState::Normal);
+        DriveSelection drives;
+        StatsModel m(&drives);
+        if (goneBeforeTheLoad) {
+            std::filesystem::remove_all(dir.path());
+            drives.pin({QmVolume{root, "Q", true}});
+        } else {
+            loadPinned(drives, m, {QmVolume{root, "Q", true}});
+            ASSERT_TRUE(m.summary());
+            std::filesystem::remove_all(dir.path());
+        }
+        EXPECT_TRUE(QTest::qWaitFor(
+            [&] { return !m.busy() && !drives.scanning() && m.status() == DriveSelection::goneText("Q"); }, 20000))
+            << m.status().toStdString();
+        EXPECT_FALSE(m.summary());
+        EXPECT_TRUE(m.days().isEmpty());
+        EXPECT_FALSE(m.selection());  // nothing left to publish
+    }
 }
 
 TEST(StatsModelLoading, AnOvertakenLoadIsDroppedAndRefreshWaitsForTheLoad) {
@@ -99,6 +120,30 @@ TEST(StatsText, DurationAtItsBoundaries) {
     for (auto [secs, text] : cases) EXPECT_EQ(StatsText::duration(secs), text) << secs;
 }
 
+// Totals, the heat map's tooltips and the day list write a count one way, grouped as the locale
+// groups digits, and grouped in the C locale too, as the published page is.
+TEST(StatsText, OneNumberFormatEverywhere) {
+    const uint32_t day = 17126;  // 2026-11-20
+    const struct {
+        QLocale locale;
+        QString number, tooltip, line;
+    } cases[] = {
+        {QLocale::c(), "1,231", "2026-11-20: 1,231 words", "2026-11-20     1,231 words     5m 3s"},
+        {QLocale(QLocale::German, QLocale::Germany), "1.231", "2026-11-20: 1.231 words",
+         "2026-11-20     1.231 words     5m 3s"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.locale.name().toStdString());
+        QLocale::setDefault(c.locale);
+        EXPECT_EQ(StatsText::number(1231), c.number);
+        EXPECT_EQ(HeatmapCalendar::tooltip({day, 1231}), c.tooltip);
+        EXPECT_EQ(StatsText::dayLine({day, 1231, 303}), c.line);
+    }
+    EXPECT_EQ(HeatmapCalendar::tooltip({day, 1}), "2026-11-20: 1 word");
+    EXPECT_EQ(StatsText::dayLine({day, 1, 45}).size(), StatsText::dayLine({day, 10, 45}).size());  // columns stay
+    QLocale::setDefault(QLocale::system());
+}
+
 TEST(Heatmap, ShadesByShareOfThePeakWithInclusiveUpperBounds) {
     const std::pair<uint32_t, std::array<float, 3>> cases[] = {
         {0, {0.88f, 0.88f, 0.88f}},  {1, {0.69f, 0.80f, 0.89f}},  {25, {0.69f, 0.80f, 0.89f}},
@@ -126,8 +171,17 @@ TEST(Heatmap, CalendarCoversFiftyThreeWeeksEndingAtTheLatestDay) {
     for (const HeatmapCell& c : cal.cells) shown_with_words += c.words > 0;
     EXPECT_EQ(shown_with_words, 2);
     EXPECT_EQ(HeatmapCalendar::tooltip(cal.at(52, 4)), "2026-11-20: 200 words");
-    ASSERT_FALSE(cal.monthLabels.isEmpty());
-    EXPECT_EQ(cal.monthLabels.last().second, "Nov");
+    // The year with the first month named and with January; a partial first month gives way, and
+    // so does the month after a label with its year, or that label's year before a January.
+    const std::pair<uint32_t, QStringList> labelCases[] = {
+        {latest, {"Dec", "Jan 2026", "Mar", "Apr", "May", "Jun", "Jul", "Aug", "Sep", "Oct", "Nov"}},
+        {latest - 150, {"Jul 2025", "Sep", "Oct", "Nov", "Dec", "Jan 2026", "Mar", "Apr", "May", "Jun"}},
+    };
+    for (const auto& [last, want] : labelCases) {
+        QStringList labels;
+        for (const auto& [week, label] : HeatmapCalendar::build({{last, 1, 1}}).monthLabels) labels << label;
+        EXPECT_EQ(labels, want) << StatsText::date(last).toStdString();
+    }
     EXPECT_TRUE(HeatmapCalendar::build({}).monthLabels.isEmpty());
 }
 

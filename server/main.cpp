@@ -1,5 +1,5 @@
 // qm-server --db FILE [--listen ADDR:PORT] [--tls-cert F --tls-key F] [--base-url URL] [--threads N] [--releases DIR]
-// qm-server add-user --db FILE EMAIL        (the password is read from standard input)
+// qm-server add-user --db FILE EMAIL        (the password, 8 characters or more, is read from standard input)
 // The account service: sign-in, drive registration, signed statistics uploads, public pages and
 // the release feed.
 #include <signal.h>
@@ -25,7 +25,7 @@ namespace {
 const char* const kUsage =
     "usage: qm-server --db FILE [--listen ADDR:PORT] [--tls-cert FILE --tls-key FILE] [--base-url URL] [--threads N]\n"
     "                 [--releases DIR]\n"
-    "       qm-server add-user --db FILE EMAIL   (reads the password from standard input)\n"
+    "       qm-server add-user --db FILE EMAIL   (reads the password, 8 characters or more, from standard input)\n"
     "Without TLS the service listens on loopback addresses only. --fast-hash-for-tests makes password\n"
     "hashes cheap and weak: for test suites, never for real accounts.\n"
     "--releases DIR publishes the releases described by DIR/*.json (made by qm-release sign) at\n"
@@ -89,6 +89,15 @@ bool plausible_email(const std::string& e) {
     return true;
 }
 
+// Characters as a person counts them (UTF-8 code points), not bytes.
+size_t characters(const std::string& text) {
+    size_t n = 0;
+    for (unsigned char c : text) n += (c & 0xC0) != 0x80;
+    return n;
+}
+
+constexpr size_t kMinPassword = 8;
+
 int add_user(const Arguments& a) {
     std::string email = a.email;
     for (char& c : email)
@@ -98,6 +107,11 @@ int add_user(const Arguments& a) {
     if (!password.empty() && password.back() == '\n') password.pop_back();
     if (!password.empty() && password.back() == '\r') password.pop_back();
     if (password.empty()) throw std::invalid_argument("no password on standard input");
+    if (characters(password) < kMinPassword) {
+        sodium_memzero(password.data(), password.size());
+        std::fprintf(stderr, "qm-server: the password is shorter than %zu characters; choose a longer one\n", kMinPassword);
+        return 1;
+    }
     SqliteStorage storage(a.db);
     std::string hash = hash_password(password, a.fast_hash ? PasswordCost::fastest() : PasswordCost::interactive());
     sodium_memzero(password.data(), password.size());

@@ -58,7 +58,8 @@ public:
             throw Failure("cannot read " + path + ": " + why());
         Entry e(archive_entry_new(), archive_entry_free);
         archive_entry_set_pathname_utf8(e.get(), name.c_str());
-        archive_entry_set_perm(e.get(), st.st_mode & 0777);
+        // Write access for group or others never ships: the app would not unpack it as such.
+        archive_entry_set_perm(e.get(), st.st_mode & 0755);
         archive_entry_set_mtime(e.get(), st.st_mtim.tv_sec, st.st_mtim.tv_nsec);
         if (S_ISDIR(st.st_mode)) {
             archive_entry_set_filetype(e.get(), AE_IFDIR);
@@ -163,6 +164,32 @@ std::string bundle_version(const std::string& bundle) {
     return *version;
 }
 
+std::string without_trailing_slashes(std::string path) {
+    while (path.size() > 1 && path.back() == '/') path.pop_back();
+    return path;
+}
+
+// Makes the output folder and the parents it lacks, none of them inside the bundle.
+void make_out_dir(const std::string& out_dir, const std::string& bundle) {
+    std::string existing = without_trailing_slashes(out_dir);
+    std::vector<std::string> missing;
+    struct stat st;
+    while (stat(existing.c_str(), &st) != 0) {
+        if (errno != ENOENT) throw Failure("cannot use " + out_dir + ": " + why());
+        std::string name = base_name(existing);
+        if (name == "..") throw Failure("cannot make " + out_dir + ": name it without \"..\"");
+        missing.push_back(name);
+        existing = without_trailing_slashes(dir_name(existing));
+    }
+    if (!S_ISDIR(st.st_mode)) throw Failure(existing + " is not a folder");
+    if (missing.empty()) return;
+    if (inside(real_path(existing), real_path(bundle))) throw Failure("the archive cannot be written inside the bundle it packs");
+    for (auto name = missing.rbegin(); name != missing.rend(); ++name) {
+        existing += "/" + *name;
+        if (mkdir(existing.c_str(), 0777) != 0 && errno != EEXIST) throw Failure("cannot make the folder " + existing + ": " + why());
+    }
+}
+
 }  // namespace
 
 std::string pack(const std::string& bundle_dir, const std::string& out_dir) {
@@ -174,11 +201,11 @@ std::string pack(const std::string& bundle_dir, const std::string& out_dir) {
     struct stat st;
     if (stat(bundle.c_str(), &st) != 0 || !S_ISDIR(st.st_mode)) throw Failure(bundle_dir + " is not a folder");
     std::string version = bundle_version(bundle);
-    if (stat(out_dir.c_str(), &st) != 0 || !S_ISDIR(st.st_mode)) throw Failure(out_dir + " is not a folder");
+    make_out_dir(out_dir, bundle);
     // An archive growing inside the folder it packs would pack itself.
     if (inside(real_path(out_dir), real_path(bundle))) throw Failure("the archive cannot be written inside the bundle it packs");
 
-    std::string path = out_dir + "/QuillmateFlasher-" + version + ".zip";
+    std::string path = without_trailing_slashes(out_dir) + "/QuillmateFlasher-" + version + ".zip";
     AtomicFile out(path);
     std::unique_ptr<archive, int (*)(archive*)> a(archive_write_new(), archive_write_free);
     if (archive_write_set_format_zip(a.get()) != ARCHIVE_OK ||

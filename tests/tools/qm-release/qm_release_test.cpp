@@ -77,7 +77,8 @@ protected:
     }
     std::string at(const std::string& rel) const { return work_ / rel; }
 
-    // A bundle as the packaging installs it, with the modes the archive must keep.
+    // A bundle as the packaging installs it (under a umask that lets the group write), with the
+    // modes the archive must keep.
     void make_bundle(const std::string& app = "Quillmate Flasher.app") {
         std::string b = at(app);
         spit(b + "/bin/quillmate-flasher", "#!/bin/sh\n");
@@ -87,8 +88,8 @@ protected:
         std::filesystem::create_directories(b + "/share/empty");
         ASSERT_EQ(symlink("libqm.so.1", (b + "/lib/libqm.so").c_str()), 0);
         ASSERT_EQ(symlink("../lib", (b + "/share/current").c_str()), 0);
-        for (auto [rel, mode] : {std::pair{"", 0755}, {"/bin", 0755}, {"/bin/quillmate-flasher", 0755}, {"/bundle.json", 0644},
-                                 {"/lib", 0755}, {"/lib/libqm.so.1", 0600}, {"/share", 0755}, {"/share/empty", 0700},
+        for (auto [rel, mode] : {std::pair{"", 0755}, {"/bin", 0755}, {"/bin/quillmate-flasher", 0755}, {"/bundle.json", 0664},
+                                 {"/lib", 0755}, {"/lib/libqm.so.1", 0600}, {"/share", 0775}, {"/share/empty", 0700},
                                  {"/share/\xc3\x9c" "bersicht.txt", 0644}})
             ASSERT_EQ(chmod((b + rel).c_str(), mode_t(mode)), 0) << rel;
     }
@@ -117,13 +118,15 @@ TEST_F(QmRelease, KeygenWritesAPrivateKeyWithItsPublicHalfAndNeverReplacesEither
     EXPECT_EQ(mode_of(at("j.key")), 0u) << "a key written beside another key's public half";
 }
 
+// Modes travel without write access for group or others; the output folder is made as needed.
 TEST_F(QmRelease, PackKeepsTheBundleItsModesAndTheLinksInsideIt) {
     make_bundle();
-    std::filesystem::create_directories(at("out"));
-    Ran r = run("pack 'Quillmate Flasher.app/' --out out");
+    Ran r = run("pack 'Quillmate Flasher.app/' --out out/new/");
     ASSERT_EQ(r.status, 0) << r.err;
-    EXPECT_EQ(r.out, "out/QuillmateFlasher-1.4.0.zip\n");
-    EXPECT_EQ(listing(at("out")), std::vector<std::string>{"QuillmateFlasher-1.4.0.zip"});
+    EXPECT_EQ(r.out, "out/new/QuillmateFlasher-1.4.0.zip\n");
+    EXPECT_EQ(listing(at("out/new")), std::vector<std::string>{"QuillmateFlasher-1.4.0.zip"});
+    EXPECT_EQ(run("pack 'Quillmate Flasher.app' --out 'Quillmate Flasher.app/out'").status, 1);
+    EXPECT_FALSE(std::filesystem::exists(at("Quillmate Flasher.app/out"))) << "a folder made inside the bundle";
 
     const std::string top = "Quillmate Flasher.app";
     std::map<std::string, Item> expected = {
@@ -139,8 +142,8 @@ TEST_F(QmRelease, PackKeepsTheBundleItsModesAndTheLinksInsideIt) {
         {top + "/share/empty", {'d', 0700, ""}},
         {top + "/share/\xc3\x9c" "bersicht.txt", {'f', 0644, "\xc3\xbc"}},
     };
-    EXPECT_EQ(read_zip(at("out/QuillmateFlasher-1.4.0.zip")), expected);
-    EXPECT_LT(std::filesystem::file_size(at("out/QuillmateFlasher-1.4.0.zip")), 64u * 1024) << "not compressed";
+    EXPECT_EQ(read_zip(at("out/new/QuillmateFlasher-1.4.0.zip")), expected);
+    EXPECT_LT(std::filesystem::file_size(at("out/new/QuillmateFlasher-1.4.0.zip")), 64u * 1024) << "not compressed";
 }
 
 TEST_F(QmRelease, PackRefusesWhatCannotShipAndLeavesNoArchive) {

@@ -8,6 +8,7 @@
 #include <QVBoxLayout>
 
 #include "app_object.h"
+#include "restart_window.h"
 #include "running_work.h"
 #include "tabs.h"
 #include "update_banner.h"
@@ -31,6 +32,8 @@ MainWindow::MainWindow(QuillmateFlasherApp *app, QWidget *parent)
     tabs_->addTab(tab.create(app), tr(tab.label));
   layout->addWidget(tabs_, 1);
   addKeyboardShortcuts();
+  // After an update's restart: the old copy's place and tab, and telling it when painted.
+  RestartWindow::attach(this, tabs_, &app->settings);
 }
 
 // Ctrl+Q goes through the same question as closing the window; Alt+1 to Alt+6

@@ -36,6 +36,10 @@ std::string shown(std::string_view name) {
 
 std::string errnoText(const std::string& what) { return what + ": " + std::strerror(errno); }
 
+// Only the rwx bits travel (never setuid, setgid or sticky), and never write access for group or
+// others: anyone else who could change the installed program would run as whoever starts it.
+unsigned installedMode(unsigned stored) { return stored & 0755; }
+
 std::vector<std::string_view> components(std::string_view path) {
     std::vector<std::string_view> parts;
     size_t start = 0;
@@ -339,7 +343,7 @@ private:
                 return errnoText(shown(path) + ": cannot make the folder");
         }
         // The owner keeps full access, or the tree could not be checked or removed.
-        folderModes_[path] = (mode & 0777) | 0700;
+        folderModes_[path] = installedMode(mode) | 0700;
         return std::nullopt;
     }
 
@@ -361,8 +365,7 @@ private:
         });
         if (why) return why;
         if (end != entry.size) return shown(path) + ": holds less data than it declares";
-        // Only the rwx bits travel (never setuid, setgid or sticky); the owner can always read.
-        if (::fchmod(file.get(), (entry.mode & 0777) | 0400) != 0)
+        if (::fchmod(file.get(), installedMode(entry.mode) | 0400) != 0)
             return errnoText(shown(path) + ": cannot set its mode");
         if (::close(file.release()) != 0) return errnoText(shown(path) + ": cannot write");
         return std::nullopt;

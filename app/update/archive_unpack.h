@@ -8,8 +8,11 @@
 #include <string>
 #include <vector>
 
+// What a release may weigh: the archive as downloaded, and everything it unpacks to.
+constexpr uint64_t kMaxUpdateBytes = 1ull << 30;
+
 struct UnpackLimits {
-    uint64_t maxTotalBytes = 1ull << 30;
+    uint64_t maxTotalBytes = kMaxUpdateBytes;
     uint64_t maxEntries = 100000;
 };
 
@@ -22,7 +25,7 @@ struct ArchiveEntryInfo {
     std::string linkTarget;  // Symlink: the target as stored; Hardlink: the archive path it names
     uint64_t size = 0;       // File: the declared length
     bool sizeKnown = false;
-    unsigned mode = 0;       // permission bits as stored (only the rwx bits are ever applied)
+    unsigned mode = 0;       // permission bits as stored (only rwxr-xr-x of them are ever applied)
 };
 
 // Why the entry must not be unpacked, or nullopt when it may. Looks at the entry alone.

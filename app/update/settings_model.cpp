@@ -7,11 +7,15 @@
 #include <QUrl>
 #include <utility>
 
+#include "restart_state.h"
+
 const QString SettingsModel::kWaitingForWrite =
     QStringLiteral("The update will be installed when the drive has been written.");
 
 SettingsModel::SettingsModel(QObject* parent)
-    : SettingsModel(UpdateIdentity::current(), Updater::justUpdatedTo(QCoreApplication::arguments()), parent) {}
+    : SettingsModel(UpdateIdentity::current(), Updater::justUpdatedTo(QCoreApplication::arguments()), parent) {
+    restartArguments_ = RestartState::carriedArguments(QCoreApplication::arguments());
+}
 
 SettingsModel::SettingsModel(UpdateIdentity id, std::optional<QString> justUpdatedTo, QObject* parent)
     : QObject(parent),
@@ -51,6 +55,7 @@ void SettingsModel::setShowingNotes(bool on) {
 void SettingsModel::offer(const UpdateInfo& info) {
     found_ = info;
     bannerDismissed_ = false;
+    installProblem_.clear();
     status_ = tr("Version %1 is available.").arg(info.version);
 }
 
@@ -96,6 +101,7 @@ void SettingsModel::fail(const QString& message) {
     busy_ = false;
     installing_ = false;
     status_ = message;
+    installProblem_ = message;
     emit changed();
 }
 
@@ -104,6 +110,7 @@ void SettingsModel::updateNow() {
     UpdateInfo info = *found_;
     busy_ = true;
     showingNotes_ = false;
+    installProblem_.clear();
     status_ = tr("Downloading version %1... %2%").arg(info.version).arg(0);
     emit changed();
     updater_.download(
@@ -133,11 +140,15 @@ void SettingsModel::install(const UpdateInfo& info, std::shared_ptr<VerifiedArch
     installing_ = true;
     status_ = tr("Replacing the app and restarting...");
     emit changed();
-    updater_.install(info, std::move(archive), [this](InstallOutcome o) {
-        if (o.reveal) QDesktopServices::openUrl(QUrl::fromLocalFile(QFileInfo(*o.reveal).absolutePath()));
-        if (o.failure) return fail(*o.failure);
-        exit_();
-    });
+    RestartRequest restart{restartArguments_, place_ ? place_() : QString()};
+    updater_.install(
+        info, std::move(archive),
+        [this](InstallOutcome o) {
+            if (o.reveal) QDesktopServices::openUrl(QUrl::fromLocalFile(QFileInfo(*o.reveal).absolutePath()));
+            if (o.failure) return fail(*o.failure);
+            exit_();
+        },
+        std::move(restart));
 }
 
 void SettingsModel::holdReleased() {

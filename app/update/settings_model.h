@@ -5,6 +5,7 @@
 #pragma once
 #include <QObject>
 #include <QString>
+#include <QStringList>
 #include <functional>
 #include <optional>
 
@@ -18,6 +19,8 @@ public:
     using Exit = std::function<void()>;
     // True while the program must not restart: a drive is being written.
     using RestartHold = std::function<bool()>;
+    // Where the window stands now, for the new copy to open there (RestartState::encode).
+    using RestartPlace = std::function<QString()>;
     static const QString kWaitingForWrite;
 
     explicit SettingsModel(QObject* parent = nullptr);
@@ -36,12 +39,19 @@ public:
     bool bannerShown() const { return found_ && !bannerDismissed_; }
     // The new copy is being put in place; the program restarts when that is done.
     bool installing() const { return installing_; }
+    // Why the last attempt to install failed, for the banner (the Settings tab, where status is
+    // shown, may not be in view); empty when none did since the update was found.
+    const QString& installProblem() const { return installProblem_; }
 
     void setAutomatic(bool on);
     void dismissBanner();
     void setShowingNotes(bool on);
     void setExit(Exit exit) { exit_ = std::move(exit); }
     void setRestartHold(RestartHold hold) { hold_ = std::move(hold); }
+    void setRestartPlace(RestartPlace place) { place_ = std::move(place); }
+    // What the new copy is started with after "--updated VERSION" (by default this process's own
+    // arguments, RestartState::carriedArguments).
+    void setRestartArguments(QStringList arguments) { restartArguments_ = std::move(arguments); }
     // What held the restart has ended: an update waiting for it is installed now.
     void holdReleased();
 
@@ -68,8 +78,11 @@ private:
     bool busy_ = false;
     bool launchCheck_ = false;
     bool installing_ = false;
+    QString installProblem_;
     Exit exit_;
     RestartHold hold_;
+    RestartPlace place_;
+    QStringList restartArguments_;
     std::function<void()> waiting_;  // the install held back
     Updater updater_;  // last: stopped first
 };

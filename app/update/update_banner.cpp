@@ -6,6 +6,7 @@
 #include <QPainterPath>
 #include <QPushButton>
 #include <QToolButton>
+#include <QVBoxLayout>
 
 #include "settings_model.h"
 #include "update_notes.h"
@@ -42,10 +43,13 @@ UpdateBanner::UpdateBanner(SettingsModel* model, QWidget* parent) : QFrame(paren
     setAutoFillBackground(true);
     setBackgroundRole(QPalette::AlternateBase);
     setFrameShape(QFrame::StyledPanel);
-    auto* row = new QHBoxLayout(this);
-    row->setContentsMargins(12, 6, 6, 6);
+    auto* rows = new QVBoxLayout(this);
+    rows->setContentsMargins(12, 6, 6, 6);
+    auto* row = new QHBoxLayout;
+    rows->addLayout(row);
     auto* symbol = new QLabel;
-    symbol->setPixmap(downloadSymbol(palette(), 20));
+    constexpr int kSymbol = 20;
+    symbol->setPixmap(downloadSymbol(palette(), kSymbol));
     row->addWidget(symbol);
     text_ = new QLabel;
     text_->setTextFormat(Qt::PlainText);
@@ -59,6 +63,11 @@ UpdateBanner::UpdateBanner(SettingsModel* model, QWidget* parent) : QFrame(paren
     close_->setToolTip(tr("Close"));
     close_->setFixedWidth(28);
     for (QPushButton* b : {notes_, install_, skip_, close_}) row->addWidget(b);
+    problem_ = new QLabel;
+    problem_->setTextFormat(Qt::PlainText);
+    problem_->setWordWrap(true);
+    problem_->setContentsMargins(kSymbol + row->spacing(), 0, 6, 2);  // under the text, not the symbol
+    rows->addWidget(problem_);
 
     connect(notes_, &QPushButton::clicked, model_, [this] { model_->setShowingNotes(true); });
     connect(install_, &QPushButton::clicked, model_, &SettingsModel::updateNow);
@@ -73,6 +82,8 @@ void UpdateBanner::refreshFromModel() {
     // While it installs, the banner says how far it has got: the Settings tab may not be in view.
     if (model_->busy()) text_->setText(model_->status());
     else if (model_->found()) text_->setText(tr("Version %1 is available.").arg(model_->found()->version));
+    problem_->setText(model_->installProblem());
+    problem_->setVisible(!model_->busy() && !model_->installProblem().isEmpty());
     for (QPushButton* b : {notes_, install_, skip_}) b->setEnabled(!model_->busy());
     if (model_->showingNotes() && model_->found()) {
         if (!dialog_) dialog_ = new UpdateNotes(model_, window());

@@ -1,5 +1,6 @@
 // The row over the tabs while an update is found and the banner has not been closed: what is
-// available, its notes, install now, skip this version, close.
+// available, its notes, install now, skip this version, close; under it, why the last install
+// failed and what to do instead, since the Settings tab that also says so may not be in view.
 #pragma once
 #include <QFrame>
 
@@ -13,6 +14,7 @@ class UpdateBanner : public QFrame {
 public:
     explicit UpdateBanner(SettingsModel* model, QWidget* parent = nullptr);
     QLabel* text() const { return text_; }
+    QLabel* problem() const { return problem_; }
     QPushButton* notesButton() const { return notes_; }
     QPushButton* installButton() const { return install_; }
     QPushButton* skipButton() const { return skip_; }
@@ -24,6 +26,7 @@ private:
 
     SettingsModel* model_;
     QLabel* text_;
+    QLabel* problem_;
     QPushButton* notes_;
     QPushButton* install_;
     QPushButton* skip_;

@@ -43,6 +43,24 @@ std::optional<QString> rootOf(const QString& executablePath) {
     return root;
 }
 
+bool installedByPackage(const QString& executablePath, const QString& infoDir) {
+    const QString program = QFileInfo(executablePath).canonicalFilePath();
+    if (program.isEmpty()) return false;
+    // The list is "NAME.list", or "NAME:ARCH.list" for a package of one architecture.
+    const QFileInfoList lists = QDir(infoDir).entryInfoList(
+        {QStringLiteral("quillmate-flasher.list"), QStringLiteral("quillmate-flasher:*.list")}, QDir::Files);
+    for (const QFileInfo& list : lists) {
+        QFile file(list.filePath());
+        if (!file.open(QIODevice::ReadOnly) || file.size() > 1024 * 1024) continue;
+        while (!file.atEnd()) {
+            QByteArray line = file.readLine();
+            if (line.endsWith('\n')) line.chop(1);
+            if (QFile::decodeName(line) == program) return true;
+        }
+    }
+    return false;
+}
+
 }  // namespace Bundle
 
 UpdateIdentity UpdateIdentity::current() {
@@ -51,6 +69,7 @@ UpdateIdentity UpdateIdentity::current() {
     id.bundleRoot = Bundle::rootOf(exe);
     std::optional<BundleManifest> manifest = id.bundleRoot ? Bundle::readManifest(*id.bundleRoot) : std::nullopt;
     if (id.bundleRoot) id.executableInBundle = QDir(*id.bundleRoot).relativeFilePath(exe);
+    else id.packaged = Bundle::installedByPackage(exe);
 
     id.version = environment("QM_VERSION");
     if (id.version.isEmpty()) id.version = manifest ? manifest->version : QStringLiteral(QM_APP_VERSION);

@@ -20,6 +20,7 @@ struct UpdateIdentity {
     QString baseURL;
     std::optional<QString> bundleRoot;  // the ".app" folder holding bin/ and bundle.json
     QString executableInBundle;         // the program's path inside the bundle, e.g. "bin/quillmate-flasher"
+    bool packaged = false;              // not a bundle: the system's package manager installed it
 
     // From the environment (QM_VERSION, QM_UPDATE_CHANNEL, QM_UPDATE_PUBKEY, QM_SERVER), the
     // bundle this program runs from, and what the build stamped.
@@ -32,4 +33,7 @@ std::optional<BundleManifest> readManifest(const QString& root);
 // The bundle folder a program at executablePath belongs to: the parent of its folder, when that
 // is named "*.app" and holds a readable manifest.
 std::optional<QString> rootOf(const QString& executablePath);
+// Whether the package manager installed the program at executablePath: dpkg's list of the
+// package's files, under infoDir, names it.
+bool installedByPackage(const QString& executablePath, const QString& infoDir = QStringLiteral("/var/lib/dpkg/info"));
 }  // namespace Bundle

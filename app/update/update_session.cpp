@@ -6,6 +6,7 @@
 #include <QUrl>
 #include <QUrlQuery>
 
+#include "archive_unpack.h"
 #include "file_writes.h"
 #include "qm_core.h"
 #include "reply_wait.h"
@@ -72,6 +73,8 @@ DownloadOutcome UpdateSession::download(const UpdateInfo& info, const std::funct
     // signed release is a downgrade.
     QByteArray theirs = info.version.toUtf8(), ours = id_.version.toUtf8();
     if (qm_version_compare(theirs.constData(), ours.constData()) <= 0) return {nullptr, UpdateTexts::kNonsense};
+    // The feed's size bounds the transfer; this bounds the feed, whatever it announces.
+    if (uint64_t(info.size) > kMaxUpdateBytes) return {nullptr, UpdateTexts::kTooLarge};
     std::shared_ptr<VerifiedArchive> archive = VerifiedArchive::create(info.filename);
     if (!archive) return {nullptr, UpdateTexts::kTransferFailed};
 

@@ -71,8 +71,8 @@ void Updater::download(const UpdateInfo& info, std::function<void(double)> progr
 }
 
 void Updater::install(const UpdateInfo& info, std::shared_ptr<VerifiedArchive> archive,
-                      std::function<void(InstallOutcome)> done) {
-    background_.post([id = id_, info, archive] { return installBundle(id, info, *archive); },
+                      std::function<void(InstallOutcome)> done, RestartRequest restart) {
+    background_.post([id = id_, info, archive, restart] { return installBundle(id, info, *archive, restart); },
                      [archive, done = std::move(done)](InstallOutcome o) { done(std::move(o)); });
 }
 
@@ -84,11 +84,13 @@ std::optional<QString> Updater::justUpdatedTo(const QStringList& arguments) {
 
 int Updater::runCommandLineCheck(const QStringList& arguments) {
     UpdateIdentity id = UpdateIdentity::current();
-    bool usableKey = UpdateFeed::hexBytes(id.publicKeyHex, 32).has_value();
+    // No key at all is a build's placeholder; a key that is there but unusable was mistyped.
+    const char* keyNote = UpdateFeed::hexBytes(id.publicKeyHex, 32) ? ""
+                          : id.publicKeyHex.isEmpty()               ? "  (PLACEHOLDER, nothing will verify)"
+                                                                    : "  (MALFORMED: not 64 hex digits, nothing will verify)";
     std::printf("platform: %s\nchannel:  %s\nversion:  %s\nserver:   %s\nkey:      %s%s\n",
                 qPrintable(UpdateIdentity::kPlatform), qPrintable(id.channel), qPrintable(id.version),
-                qPrintable(id.baseURL), id.publicKeyHex.isEmpty() ? "(none)" : qPrintable(id.publicKeyHex),
-                usableKey ? "" : "  (PLACEHOLDER, nothing will verify)");
+                qPrintable(id.baseURL), id.publicKeyHex.isEmpty() ? "(none)" : qPrintable(id.publicKeyHex), keyNote);
     std::fflush(stdout);
 
     UpdateSession session(id);

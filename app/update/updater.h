@@ -31,9 +31,19 @@ struct InstallOutcome {
     qint64 relaunched = 0;           // the new copy's process id
 };
 
+// How the new copy is started and how long it has to show its window.
+struct RestartRequest {
+    QStringList arguments;          // after "--updated VERSION" (RestartState::carriedArguments)
+    QString windowPlace;            // RestartState::encode of the window now; empty: none
+    int startDeadlineMs = 30'000;   // from its start to its first painted window
+};
+
 // Unpacks the verified archive beside the running bundle, checks what came out, swaps the two
-// folders in one step and starts the new copy with "--updated VERSION". Platform code.
-InstallOutcome installBundle(const UpdateIdentity& id, const UpdateInfo& info, VerifiedArchive& archive);
+// folders in one step and starts the new copy with "--updated VERSION". The copy that ran before
+// is removed only once the new one has painted its window; a new copy that ends first, or shows
+// nothing by the deadline, is stopped and the old one swapped back. Platform code.
+InstallOutcome installBundle(const UpdateIdentity& id, const UpdateInfo& info, VerifiedArchive& archive,
+                             const RestartRequest& restart = {});
 
 class Updater : public QObject {
     Q_OBJECT
@@ -53,7 +63,7 @@ public:
     void download(const UpdateInfo& info, std::function<void(double)> progress, std::function<void()> verifying,
                   std::function<void(DownloadOutcome)> done);
     void install(const UpdateInfo& info, std::shared_ptr<VerifiedArchive> archive,
-                 std::function<void(InstallOutcome)> done);
+                 std::function<void(InstallOutcome)> done, RestartRequest restart = {});
 
     // The value after "--updated" on a command line, when there is one.
     static std::optional<QString> justUpdatedTo(const QStringList& arguments);

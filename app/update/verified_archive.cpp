@@ -37,7 +37,7 @@ std::optional<QString> verifyArchive(int fd, const UpdateInfo& info, const Updat
     struct stat st {};
     if (::fstat(fd, &st) != 0 || st.st_size != info.size) return UpdateTexts::kWrongSize;
     std::optional<QByteArray> key = UpdateFeed::hexBytes(id.publicKeyHex, 32);
-    if (!key) return UpdateTexts::kNoKey;
+    if (!key) return id.publicKeyHex.isEmpty() ? UpdateTexts::kNoKey : UpdateTexts::kMalformedKey;
 
     std::optional<QString> sha = FileHash::ofDescriptor(fd, 1 << 20);
     std::optional<QByteArray> signature = UpdateFeed::hexBytes(info.signature, 64);

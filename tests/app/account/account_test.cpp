@@ -222,11 +222,8 @@ protected:
 // An account is made only with a password of 8 characters or more, counted as characters.
 TEST_F(ServiceTest, AddUserRefusesAShortPassword) {
 #if defined(QM_SERVER_PATH)
-    auto add = [&](const QString& password) {
-        return exitStatusOf(spawnWithInput({QM_SERVER_PATH, "add-user", "--db", QString::fromStdString(data_ / "new.db"),
-                                            "new@example.org"},
-                                           (password + "\n").toUtf8()));
-    };
+    const QStringList args{QM_SERVER_PATH, "add-user", "--db", QString::fromStdString(data_ / "new.db"), "new@example.org"};
+    auto add = [&](const QString& password) { return exitStatusOf(spawnWithInput(args, (password + "\n").toUtf8())); };
     EXPECT_EQ(add("seven 7"), 1);
     EXPECT_EQ(add("Ünïcödé"), 1);  // 7 characters in 11 bytes
     EXPECT_EQ(add("eight 88"), 0);

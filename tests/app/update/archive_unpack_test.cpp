@@ -181,6 +181,8 @@ TEST(ArchiveUnpack, UnpacksABundleByteForByteWithModes) {
         {"App/lib/libx.so.1", AE_IFREG, "elf", 04755},
         {"App/lib/libx.so", AE_IFLNK, "libx.so.1"},
         {"App/empty", AE_IFREG, "", 0444},
+        {"App/share/open.txt", AE_IFREG, "anyone's\n", 0666},
+        {"App/shared/", AE_IFDIR, "", 0777},
     };
     TempDir scratch;
     int fd = fdOf(zipOf(planned));
@@ -195,10 +197,11 @@ TEST(ArchiveUnpack, UnpacksABundleByteForByteWithModes) {
             EXPECT_EQ(fs::read_symlink(path), s.data);
         } else if (s.type == AE_IFREG) {
             EXPECT_EQ(slurp(path), s.data);
-            EXPECT_EQ(modeOf(path), s.perm & 0777);  // setuid dropped
+            EXPECT_EQ(modeOf(path), s.perm & 0755);  // no setuid, nothing writable by group or others
         }
     }
     EXPECT_EQ(modeOf(scratch / "App"), 0750u);
+    EXPECT_EQ(modeOf(scratch / "App/shared"), 0755u);
     EXPECT_EQ(modeOf(scratch / "App/bin"), 0755u) << "folders only implied by names are ordinary";
     EXPECT_EQ(slurp(scratch / "App/lib/libx.so"), "elf");
 

@@ -72,9 +72,11 @@ QByteArray manifest(const QString& version, const QString& key) {
         .toJson();
 }
 
-// A bundle's entries as an archive holds them, with a program that only exits.
+// A bundle's entries as an archive holds them, with a program that only says it has started, as
+// the real one does once its window is painted, and exits.
 std::vector<ZipEntry> bundleEntries(const QString& version, const QString& key, const QString& top = kApp) {
-    return {file(top + "/bundle.json", manifest(version, key)), file(top + "/" + kExe, "#!/bin/sh\nexit 0\n", 0755),
+    return {file(top + "/bundle.json", manifest(version, key)),
+            file(top + "/" + kExe, "#!/bin/sh\n: > \"$QM_UPDATE_STARTED\"\n", 0755),
             file(top + "/share/quillmate-flasher/readme", "images would be here\n")};
 }
 
@@ -190,11 +192,12 @@ protected:
         return wait<UpdateCheck>([&](auto done) { u.check(done); });
     }
     // Downloads and, when that passes, installs: the failure's text, or none.
-    std::optional<QString> update(const UpdateIdentity& id, const UpdateInfo& info, InstallOutcome* outcome = nullptr) {
+    std::optional<QString> update(const UpdateIdentity& id, const UpdateInfo& info, InstallOutcome* outcome = nullptr,
+                                  const RestartRequest& restart = {}) {
         Updater u(id);
         DownloadOutcome d = wait<DownloadOutcome>([&](auto done) { u.download(info, [](double) {}, [] {}, done); });
         if (!d.archive) return d.failure;
-        InstallOutcome o = wait<InstallOutcome>([&](auto done) { u.install(info, std::move(d.archive), done); });
+        InstallOutcome o = wait<InstallOutcome>([&](auto done) { u.install(info, std::move(d.archive), done, restart); });
         if (outcome) *outcome = o;
         return o.failure;
     }
@@ -263,7 +266,12 @@ TEST_F(UpdaterTest, RefusesEveryDownloadOrArchiveThatIsNotTheSignedRelease) {
     noKey.publicKeyHex.clear();
     UpdateIdentity noBundle = identity();
     noBundle.bundleRoot.reset();
+    UpdateIdentity packaged = noBundle;
+    packaged.packaged = true;
+    UpdateIdentity mistypedKey = identity();
+    mistypedKey.publicKeyHex.chop(1);
     auto shortBy = [](UpdateInfo i, int n) { i.size -= n; return i; };
+    const QString cannotReplace = UpdateTexts::kNotBundle + " ";
 
     struct Case {
         const char* what;
@@ -273,14 +281,17 @@ TEST_F(UpdaterTest, RefusesEveryDownloadOrArchiveThatIsNotTheSignedRelease) {
     } cases[] = {
         {"one byte short", shortBy(good, -1), UpdateTexts::kWrongSize, identity()},
         {"one byte long", shortBy(good, 1), UpdateTexts::kWrongSize, identity()},
+        {"announced above 1 GiB", shortBy(good, -(1 << 30)), UpdateTexts::kTooLarge, identity()},
         {"one bit flipped", flipped(good), UpdateTexts::kMismatch, identity()},
         {"signed for another channel", withSignatureOf(good, {"--channel", "beta"}), UpdateTexts::kMismatch, identity()},
         {"signed for another version", withSignatureOf(good, {"--version", "0.3.0"}), UpdateTexts::kMismatch, identity()},
         {"signed for another platform", withSignatureOf(good, {"--platform", "macos"}), UpdateTexts::kMismatch, identity()},
         {"S + L", plusL(good), UpdateTexts::kMismatch, identity()},
         {"a build without a key", good, UpdateTexts::kNoKey, noKey},
+        {"a mistyped key", good, UpdateTexts::kMalformedKey, mistypedKey},
         {"a downgrade", release("0.0.9", bundleEntries("0.0.9", key_)), UpdateTexts::kNonsense, identity()},
-        {"not running from a bundle", good, UpdateTexts::kNotBundle, noBundle},
+        {"not running from a bundle", good, cannotReplace + UpdateTexts::kGetItAsBefore.arg("0.2.0"), noBundle},
+        {"installed as a package", good, cannotReplace + UpdateTexts::kUsePackageManager.arg("0.2.0"), packaged},
         {"a ../ entry", release("0.2.1", {file(kApp + "/../escaped", "x")}), UpdateTexts::kUnpackFailed, identity()},
         {"an absolute path", release("0.2.2", {file(dir("absolute"), "x")}), UpdateTexts::kUnpackFailed, identity()},
         {"a link out", release("0.2.3", [&] {
@@ -418,6 +429,8 @@ TEST_F(UpdaterTest, SelfCheckPrintsItsLinesAndFailsOnlyWhenAFetchFails) {
               UpdateTexts::kMismatch + "\n");
     EXPECT_EQ(status, 1);
     EXPECT_TRUE(selfCheck("", "--check-update", &status).contains("key:      (none)  (PLACEHOLDER, nothing will verify)\n"));
+    EXPECT_TRUE(selfCheck("0xab", "--check-update", &status)
+                    .contains("key:      0xab  (MALFORMED: not 64 hex digits, nothing will verify)\n"));
     for (const char* name : {"QM_SERVER", "QM_VERSION", "XDG_CONFIG_HOME", "QM_UPDATE_PUBKEY"}) qunsetenv(name);
     EXPECT_EQ(leftovers(), QStringList()) << leftovers().join(", ").toStdString();
 #endif
@@ -469,16 +482,61 @@ TEST_F(UpdaterTest, SettingsModelSkipsDismissesAndRecovers) {
         QFile::remove(dir("releases/" + m.found()->filename));  // the archive goes missing
         bool exited = false;
         m.setExit([&] { exited = true; });
+        UpdateBanner banner(&m);  // the failure is told where Install now was pressed
         m.updateNow();
         EXPECT_TRUE(m.busy());
+        EXPECT_TRUE(banner.problem()->isHidden());
         ASSERT_TRUE(QTest::qWaitFor([&] { return !m.busy(); }, 30000));
         EXPECT_EQ(m.status(), UpdateTexts::kTransferFailed);
+        EXPECT_EQ(banner.problem()->text(), UpdateTexts::kTransferFailed);
+        EXPECT_FALSE(banner.problem()->isHidden());
         EXPECT_FALSE(exited);
         m.skip();
         EXPECT_EQ(m.status(), "Skipped. This version will not be mentioned again; the next one will.");
         EXPECT_EQ(UpdateSettings::skippedVersion(), "0.2.0");
     }
     EXPECT_EQ(leftovers(), QStringList()) << leftovers().join(", ").toStdString();
+}
+
+// The copy that ran before goes only once the new one has painted its window, which it finds with
+// the window's place and the arguments it had; a new copy that ends first, or shows nothing in
+// time, is stopped and the old one put back.
+TEST_F(UpdaterTest, TheOldCopyGoesOnlyOnceTheNewOneHasShownItsWindow) {
+    const std::string said = root_ / "said.txt";
+    qputenv("QM_TEST_SAID", said.c_str());
+    auto running = [&](const QString& version, const QByteArray& script) {
+        std::vector<ZipEntry> e = bundleEntries(version, key_);
+        e[1].data = "#!/bin/sh\n" + script;
+        return release(version, e);
+    };
+    const std::map<QString, QString> before = tree(bundle());
+    const std::pair<const char*, UpdateInfo> failing[] = {
+        {"ends at once", running("0.2.0", "echo $$ > \"$QM_TEST_SAID\"\n")},
+        {"shows nothing", running("0.2.1", "echo $$ > \"$QM_TEST_SAID\"\nexec sleep 60\n")},
+    };
+    for (const auto& [what, info] : failing) {
+        std::remove(said.c_str());
+        EXPECT_EQ(update(identity(), info, nullptr, {{}, {}, 1500}), UpdateTexts::kDidNotStart) << what;
+        EXPECT_EQ(tree(bundle()), before) << what;
+        EXPECT_EQ(leftovers(), QStringList()) << what << ": " << leftovers().join(", ").toStdString();
+        const int pid = std::atoi(slurp(said).c_str());
+        EXPECT_TRUE(pid > 0 && ::kill(pid, 0) != 0) << what << ": the new copy still runs, or never ran";
+    }
+
+    // Started with the place and the arguments, while the old bundle still waits beside it.
+    UpdateInfo good = running("0.2.2", "{ printf '%s\\n' \"$@\" \"$QM_RESTORE_WINDOW\"\n"
+                                       "  cat \"$(dirname \"$QM_UPDATE_STARTED\")\"/*.app/bundle.json; } > \"$QM_TEST_SAID\"\n"
+                                       ": > \"$QM_UPDATE_STARTED\"\n");
+    InstallOutcome o;
+    ASSERT_EQ(update(identity(), good, &o, {{"--drive", "/media/a b"}, "tab=3;x=10;y=20", 10000}), std::nullopt);
+    ASSERT_GT(o.relaunched, 0);
+    EXPECT_EQ(exitStatusOf(pid_t(o.relaunched)), 0);
+    const QString text = QString::fromStdString(slurp(said));
+    EXPECT_TRUE(text.startsWith("--updated\n0.2.2\n--drive\n/media/a b\ntab=3;x=10;y=20\n")) << text.toStdString();
+    EXPECT_TRUE(text.contains("\"version\": \"0.1.0\"")) << text.toStdString();
+    EXPECT_EQ(Bundle::readManifest(bundle())->version, "0.2.2");
+    EXPECT_EQ(leftovers(), QStringList()) << leftovers().join(", ").toStdString();
+    qunsetenv("QM_TEST_SAID");
 }
 
 // While a drive is written, quitting says so, and Install now downloads and checks but puts the

@@ -2,144 +2,115 @@
 
 #include "volumes.h"
 
-const QString StatsModel::kNoDriveStatus =
-    QStringLiteral("Plug in a Quillmate drive and press Refresh.");
+const QString StatsModel::kNoDriveStatus = QStringLiteral("Plug in a Quillmate drive and press Refresh.");
 
 namespace {
 
-QString status_after_open(const qm_summary &s) {
-  if (!s.both_valid)
-    return QStringLiteral(
-        "Recovered from the backup copy after an interrupted write.");
-  return QStringLiteral("Read from %1, record %2.")
-      .arg(s.from_backup ? QStringLiteral("stats.bak")
-                         : QStringLiteral("stats.db"))
-      .arg(s.seq);
+QString status_after_open(const qm_summary& s) {
+    if (!s.both_valid) return QStringLiteral("Recovered from the backup copy after an interrupted write.");
+    return QStringLiteral("Read from %1, record %2.")
+        .arg(s.from_backup ? QStringLiteral("stats.bak") : QStringLiteral("stats.db"))
+        .arg(s.seq);
 }
 
 QString status_after_failure(QmError e) {
-  switch (e) {
-  case QmError::noStatistics:
-    return QStringLiteral(
-        "This drive has no statistics yet. Boot it and write something.");
-  case QmError::unreadableStatistics:
-    return QStringLiteral(
-        "The statistics on this drive could not be read.\n\nQuillmate has "
-        "stopped writing to them rather than "
-        "overwrite what is there, so nothing is lost yet. Do not delete "
-        "stats.db or stats.bak.");
-  default:
-    return qmErrorMessage(e);
-  }
+    switch (e) {
+        case QmError::noStatistics:
+            return QStringLiteral("This drive has no statistics yet. Boot it and write something.");
+        case QmError::unreadableStatistics:
+            return QStringLiteral(
+                "The statistics on this drive could not be read.\n\nQuillmate has stopped writing to them rather than "
+                "overwrite what is there, so nothing is lost yet. Do not delete stats.db or stats.bak.");
+        default:
+            return qmErrorMessage(e);
+    }
 }
 
-} // namespace
+}  // namespace
 
-StatsModel::StatsModel(DriveSelection *selection, QObject *parent)
-    : QObject(parent), selection_(selection) {
-  connect(selection_, &DriveSelection::changed, this, &StatsModel::load);
+StatsModel::StatsModel(DriveSelection* selection, QObject* parent) : QObject(parent), selection_(selection) {
+    connect(selection_, &DriveSelection::changed, this, &StatsModel::load);
 }
 
-StatsModel::Reading StatsModel::read(const QmVolume &volume, bool mayWrite) {
-  if (!volume.hasKey && mayWrite)
-    Drive::provision(volume.path,
-                     false); // a used drive without a key gets one first
-  QmError error = QmError::ok;
-  std::unique_ptr<Drive> drive = Drive::open(volume.path, &error);
-  if (!drive) {
-    // Checked only after a failure: a drive pulled out looks like any
-    // unreadable file.
-    bool gone =
-        Volumes::classify({Volumes::Mount{volume.path, volume.name}}).isEmpty();
-    return Reading{std::nullopt, {}, status_after_failure(error), gone};
-  }
-  return Reading{drive->summary(), drive->days(),
-                 status_after_open(drive->summary())};
+StatsModel::Reading StatsModel::read(const QmVolume& volume, bool mayWrite) {
+    if (!volume.hasKey && mayWrite) Drive::provision(volume.path, false);  // a used drive without a key gets one first
+    QmError error = QmError::ok;
+    std::unique_ptr<Drive> drive = Drive::open(volume.path, &error);
+    if (!drive) {
+        // Checked only after a failure: a drive pulled out looks like any unreadable file.
+        bool gone = Volumes::classify({Volumes::Mount{volume.path, volume.name}}).isEmpty();
+        return Reading{std::nullopt, {}, status_after_failure(error), gone};
+    }
+    return Reading{drive->summary(), drive->days(), status_after_open(drive->summary())};
 }
 
 void StatsModel::rescan() {
-  if (busy())
-    return;
-  selection_->rescan();
+    if (busy()) return;
+    selection_->rescan();
 }
 
-void StatsModel::select(const QString &path) { selection_->select(path); }
+void StatsModel::select(const QString& path) { selection_->select(path); }
 
 void StatsModel::load() {
-  int generation = ++generation_;
-  std::optional<QmVolume> volume = selection_->volume();
-  if (!volume) {
-    const std::optional<QString> &gone = selection_->gone();
-    apply(Reading{std::nullopt,
-                  {},
-                  gone ? DriveSelection::goneText(*gone) : kNoDriveStatus},
-          generation);
-    return;
-  }
-  ++pending_;
-  emit changed(); // busy now
-  background_.post(
-      [volume = *volume, mayWrite = !selection_->readOnly()] {
-        return read(volume, mayWrite);
-      },
-      [this, generation](Reading reading) {
-        --pending_;
-        apply(std::move(reading), generation);
-      });
+    int generation = ++generation_;
+    std::optional<QmVolume> volume = selection_->volume();
+    if (!volume) {
+        const std::optional<QString>& gone = selection_->gone();
+        apply(Reading{std::nullopt, {}, gone ? DriveSelection::goneText(*gone) : kNoDriveStatus}, generation);
+        return;
+    }
+    ++pending_;
+    emit changed();  // busy now
+    background_.post([volume = *volume, mayWrite = !selection_->readOnly()] { return read(volume, mayWrite); },
+                     [this, generation](Reading reading) {
+                         --pending_;
+                         apply(std::move(reading), generation);
+                     });
 }
 
 void StatsModel::apply(Reading reading, int generation) {
-  if (generation !=
-      generation_) { // a newer load is on its way; only busy may have changed
+    if (generation != generation_) {  // a newer load is on its way; only busy may have changed
+        emit changed();
+        return;
+    }
+    if (reading.driveGone) {
+        // The selection confirms it (and every tab then says so), or finds it back and it loads again.
+        std::optional<QmVolume> volume = selection_->volume();
+        reading = Reading{std::nullopt, {}, DriveSelection::goneText(volume ? volume->name : QString())};
+        selection_->rescan();
+    }
+    summary_ = reading.summary;
+    days_ = std::move(reading.days);
+    status_ = std::move(reading.status);
     emit changed();
-    return;
-  }
-  if (reading.driveGone) {
-    // The selection confirms it (and every tab then says so), or finds it back
-    // and it loads again.
-    std::optional<QmVolume> volume = selection_->volume();
-    reading = Reading{std::nullopt, {},
-                      DriveSelection::goneText(volume ? volume->name : QString())};
-    selection_->rescan();
-  }
-  summary_ = reading.summary;
-  days_ = std::move(reading.days);
-  status_ = std::move(reading.status);
-  emit changed();
-  emit loaded();
+    emit loaded();
 }
 
-QString StatsModel::publishWith(CloudSession &session, const QmVolume &volume) {
-  if (!session.signedIn())
-    return QStringLiteral("Sign in on the Account tab first.");
-  QmError error = QmError::ok;
-  std::unique_ptr<Drive> drive = Drive::open(volume.path, &error);
-  if (!drive)
-    return qmErrorMessage(error);
-  CloudSession::Registration registration = session.registerDrive(
-      drive->driveIdHex(), drive->uploadKeyHex(), volume.name);
-  if (registration.status == 409)
-    return QStringLiteral("That drive belongs to another account. To publish it, "
-                          "sign in with that account on the Account tab.");
-  if (!registration.ok)
-    return registration.message;
-  return session.upload(*drive).message;
+QString StatsModel::publishWith(CloudSession& session, const QmVolume& volume) {
+    if (!session.signedIn()) return QStringLiteral("Sign in on the Account tab first.");
+    QmError error = QmError::ok;
+    std::unique_ptr<Drive> drive = Drive::open(volume.path, &error);
+    if (!drive) return qmErrorMessage(error);
+    CloudSession::Registration registration =
+        session.registerDrive(drive->driveIdHex(), drive->uploadKeyHex(), volume.name);
+    if (registration.status == 409)
+        return QStringLiteral(
+            "That drive belongs to another account. To publish it, "
+            "sign in with that account on the Account tab.");
+    if (!registration.ok) return registration.message;
+    return session.upload(*drive).message;
 }
 
 void StatsModel::publish() {
-  std::optional<QmVolume> volume = selection_->volume();
-  if (busy() || !volume)
-    return;
-  publishing_ = true;
-  emit changed();
-  cloud_.run(
-      [volume = *volume](CloudSession &session) {
-        return publishWith(session, volume);
-      },
-      [this](QString status) {
-        publishing_ = false;
-        status_ = std::move(status);
-        emit changed();
-        emit published();
-      });
+    std::optional<QmVolume> volume = selection_->volume();
+    if (busy() || !volume) return;
+    publishing_ = true;
+    emit changed();
+    cloud_.run([volume = *volume](CloudSession& session) { return publishWith(session, volume); },
+               [this](QString status) {
+                   publishing_ = false;
+                   status_ = std::move(status);
+                   emit changed();
+                   emit published();
+               });
 }

@@ -56,7 +56,7 @@ private:
     std::optional<QString> path_;
     std::optional<QString> gone_;
     QList<Volumes::Mount> pinnedMounts_;
-    QFileSystemWatcher watcher_;  // the selected drive's root: its removal or unmounting
+    QFileSystemWatcher watcher_;  // the selected root and its parent: removal, unmounting, moving
     bool pinned_ = false;
     bool readOnly_ = false;
     int generation_ = 0;

@@ -31,6 +31,7 @@ MainWindow::MainWindow(QuillmateFlasherApp* app, QWidget* parent) : QWidget(pare
     for (const TabEntry& tab : tabTable()) tabs_->addTab(tab.create(app), tr(tab.label));
     layout->addWidget(tabs_, 1);
     addKeyboardShortcuts();
+    resize(minimumSizeHint());  // opens at the smallest size; the tabs' own wishes would make it larger
     // After an update's restart: the old copy's place and tab, and telling it when painted.
     RestartWindow::attach(this, tabs_, &app->settings);
 }

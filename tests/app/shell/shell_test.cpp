@@ -1,25 +1,20 @@
-// The command-line dispatch, the main window's frame and tabs, and views following their models.
+// The command-line dispatch and views following their models.
 #include <gtest/gtest.h>
 
 #include <QCheckBox>
 #include <QComboBox>
 #include <QLabel>
 #include <QSignalSpy>
-#include <QDir>
 #include <QListWidget>
 #include <QMessageBox>
 #include <QPushButton>
-#include <QTabWidget>
 #include <QTest>
 
-#include "app_object.h"
 #include "backup_settings.h"
 #include "backup_tab.h"
 #include "deck_drive.h"
 #include "dispatch.h"
-#include "drive_header.h"
 #include "history_tab.h"
-#include "main_window.h"
 #include "settings_model.h"
 #include "settings_tab.h"
 #include "stats_tab.h"
@@ -41,29 +36,6 @@ TEST(Dispatch, FirstApplicableRowWins) {
     EXPECT_EQ(mode({"--shot=1"}), Mode::Window);  // whole strings only
     EXPECT_EQ(valueAfter({"a", "--shot"}, "--shot"), std::nullopt);
     EXPECT_EQ(valueAfter({"a", "--shot", "d", "--shot", "e"}, "--shot"), "d");
-}
-
-TEST(MainWindowFrame, TitleSmallestSizeTabsInOrderAndEveryTabOnTheStartDrive) {
-    TempDir dir;
-    QString root = deckDrive(dir, deck::StatsState::Normal, 2);
-    QuillmateFlasherApp app;
-    app.start({"quillmate-flasher", "--drive", root + "/"});
-    MainWindow w(&app);
-    w.show();
-    EXPECT_EQ(w.windowTitle(), "Quillmate");
-    EXPECT_EQ(w.tabs()->size(), QSize(580, 560));
-    QStringList labels;
-    for (int i = 0; i < w.tabs()->count(); ++i) labels << w.tabs()->tabText(i);
-    EXPECT_EQ(labels, (QStringList{"Install", "Statistics", "History", "Backup", "Account", "Settings"}));
-    EXPECT_EQ(w.tabs()->currentIndex(), 0);
-    EXPECT_EQ(w.tabs()->minimumSize(), QSize(580, 560));
-
-    ASSERT_TRUE(QTest::qWaitFor([&] { return !app.busy(); }, 20000));
-    EXPECT_EQ(app.drives.volumes(), (QList<QmVolume>{{root + "/", QDir(root).dirName(), true}}));
-    EXPECT_TRUE(app.stats.summary());
-    EXPECT_EQ(app.history.documents().size(), 2);
-    for (DriveHeader* header : w.findChildren<DriveHeader*>())
-        EXPECT_EQ(header->findChild<QComboBox*>()->currentText(), QDir(root).dirName());
 }
 
 QPushButton* button(QWidget* w, const QString& text) {

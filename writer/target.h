@@ -42,6 +42,7 @@ OpenTarget open_for_writing(const Target& target);
 void refuse_changed_disk(const Target& target);
 void prepare_read_back(const Target& target, OpenTarget& open);  // bypasses the page cache
 void clear_direct_io(OpenTarget& open);             // for a tail that is not block-aligned
+void restore_direct_io(OpenTarget& open);           // after such a tail, where O_DIRECT works
 
 // A text telling the user what went wrong with a write or read and what to try next.
 std::string describe_io_error(int err, const char* action);

@@ -326,7 +326,7 @@ void refuse_changed_disk(const Target& t) {
 }
 
 void prepare_read_back(const Target& t, OpenTarget& open) {
-    if (!open.direct) open.direct = set_direct_io(open.fd.get(), true);
+    restore_direct_io(open);
     if (open.direct) return;
     // Without O_DIRECT, drop what the page cache holds so the read reaches the medium.
     posix_fadvise(open.fd.get(), 0, 0, POSIX_FADV_DONTNEED);
@@ -335,6 +335,10 @@ void prepare_read_back(const Target& t, OpenTarget& open) {
 
 void clear_direct_io(OpenTarget& open) {
     if (open.direct && set_direct_io(open.fd.get(), false)) open.direct = false;
+}
+
+void restore_direct_io(OpenTarget& open) {
+    if (!open.direct) open.direct = set_direct_io(open.fd.get(), true);
 }
 
 std::string describe_io_error(int err, const char* action) {

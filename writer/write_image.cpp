@@ -119,10 +119,20 @@ private:
     std::thread thread_;  // last, so it starts after the members it uses
 };
 
-void zero_head(const Target& target, OpenTarget& out) {
-    AlignedBuffer zeros(kHeadBytes);
+// The head first, so the disk has no partition table from here on. Then the last MiB: a
+// GPT keeps its backup header in the disk's last sectors, and with it left behind tools
+// offer to "repair" the disk back to its old partitions.
+void zero_ends(const Target& target, OpenTarget& out) {
+    AlignedBuffer zeros(kHeadBytes + kSector);  // the tail may start up to a block early
     size_t length = target.regular_file ? kHeadBytes : std::min<uint64_t>(kHeadBytes, target.size);
     write_fully(out, zeros.data(), length, 0);
+    if (!target.regular_file && target.size > kHeadBytes) {
+        uint64_t start = (target.size - kHeadBytes) / kSector * kSector;
+        bool direct = out.direct;
+        write_fully(out, zeros.data(), static_cast<size_t>(target.size - start), start);
+        // A disk whose size is not a whole number of 4 KiB blocks ends in a write without O_DIRECT.
+        if (direct && !out.direct) restore_direct_io(out);
+    }
     flush_to_disk(out);
 }
 
@@ -156,12 +166,12 @@ void flush_to_disk(OpenTarget& out) {
     if (fdatasync(out.fd.get()) != 0) throw WriterError(describe_io_error(errno, "flush"));
 }
 
-// Order: the first MiB is zeroed and flushed, the rest of the image follows from 1 MiB
+// Order: the first and last MiB are zeroed and flushed, the rest of the image follows from 1 MiB
 // on, and the image's own first MiB goes last once everything else is flushed. Until
 // then the disk has no partition table, so a failure leaves nothing half-bootable.
 WrittenImage write_image(const Target& target, OpenTarget& out, Inflater& inflater, uint64_t total,
                          ProgressLine& progress) {
-    zero_head(target, out);
+    zero_ends(target, out);
 
     AlignedBuffer head(kHeadBytes);
     size_t head_length = 0;

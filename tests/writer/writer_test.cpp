@@ -221,6 +221,33 @@ TEST_F(WriterOnLoopDevice, EachSampleReadsBackAndIsRecognised) {
     }
 }
 
+// A stick that held a GPT keeps its backup header in its last sectors unless the writer
+// clears them; a disk size that is not a whole number of 4 KiB blocks ends the clearing
+// without direct I/O, which must not upset the image write after it.
+TEST_F(WriterOnLoopDevice, LeavesNoTraceOfAnOldGpt) {
+    const std::string image = gunzip(sample("bios_fat32"));
+    for (size_t disk_size : {64 * kMiB, 64 * kMiB + 512}) {
+        SCOPED_TRACE(disk_size);
+        fill_file(dir_ / "disk", disk_size, '\x5a');
+        LoopDevice loop(dir_ / "disk", {});
+        spit(dir_ / "gpt", "label: gpt\nsize=20MiB, type=L\ntype=L\n");
+        ASSERT_EQ(run_command({"sh", "-c", "sfdisk -q " + loop.path() + " <" + dir_ / "gpt"}), 0);
+        ASSERT_EQ(probe(loop.path(), 0, "PTTYPE"), "gpt");
+        WriterRun run = run_writer({sample("bios_fat32"), loop.path()});
+        expect_complete_protocol(run, image.size());
+        std::string blkid, dump, signatures;
+        run_command({"blkid", "-p", "-o", "value", "-s", "PTTYPE", loop.path()}, &blkid);
+        run_command({"sfdisk", "--dump", loop.path()}, &dump);
+        run_command({"wipefs", "--no-act", "--noheadings", "--output", "TYPE", loop.path()}, &signatures);
+        EXPECT_EQ(blkid, "dos\n");
+        EXPECT_NE(dump.find("label: dos"), std::string::npos) << dump;
+        EXPECT_EQ(signatures, "dos\n");
+        std::string disk = slurp(dir_ / "disk");
+        EXPECT_TRUE(disk.substr(0, image.size()) == image);
+        EXPECT_EQ(disk.find_first_not_of('\0', disk_size - kMiB), std::string::npos);
+    }
+}
+
 TEST_F(WriterOnLoopDevice, RefusesUnsuitableDisksWithoutWriting) {
     uint64_t image_size = gunzip(sample("uefi_fat32")).size();
     struct Case {

@@ -1,4 +1,5 @@
-// The line protocol the app reads on stdout: "P written total", "V checked total", "DONE", "ERR text".
+// The line protocol the app reads on stdout: "C probed total" (the drive's size check),
+// "P written total", "V checked total", "DONE", "ERR text".
 #pragma once
 #include <chrono>
 #include <cstdint>

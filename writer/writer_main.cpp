@@ -4,6 +4,7 @@
 #include <string>
 #include <vector>
 
+#include "capacity_check.h"
 #include "image_file.h"
 #include "image_size.h"
 #include "protocol.h"
@@ -55,6 +56,7 @@ void run(const Arguments& args, TargetKinds kinds) {
     unmount_partitions(target);
     OpenTarget out = open_for_writing(target);
     refuse_changed_disk(target);
+    check_capacity(target, out);  // while a refusal still leaves the disk as it was
 
     ProgressLine progress('P', size.uncompressed);
     progress.start();

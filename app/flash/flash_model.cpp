@@ -303,7 +303,7 @@ void FlashModel::readReports(FILE* out, Outcome& outcome) {
         outcome.spoke = outcome.spoke || line.kind != WriterLine::Other;
         if (line.kind == WriterLine::Done) outcome.done = true;
         if (line.kind == WriterLine::Error) outcome.error = QString::fromUtf8(line.message.c_str());
-        if (line.kind == WriterLine::Progress || line.kind == WriterLine::Verified)
+        if (line.kind == WriterLine::Checked || line.kind == WriterLine::Progress || line.kind == WriterLine::Verified)
             background_.deliver([this, line] { showReport(line); });
     }
 }
@@ -314,6 +314,12 @@ void FlashModel::showReport(const WriterLine& line) {
         phaseClock_.start();
     }
     progress_ = std::min(line.done / line.total, 1.0);
+    if (line.kind == WriterLine::Checked) {  // a few seconds of small reads and writes: no pace to tell
+        status_ = QStringLiteral("Checking the drive…");
+        detail_.clear();
+        emit changed();
+        return;
+    }
     status_ = (line.kind == WriterLine::Verified ? QStringLiteral("Verifying… ") : QStringLiteral("Writing… ")) +
               mebibytes(line.done) + QStringLiteral(" MB");
     detail_ = pace(line.done, line.total, phaseClock_.elapsed());

@@ -35,7 +35,7 @@ bool count_of(std::string_view piece, double* out) {
     return true;
 }
 
-// "P written total" and "V checked total": exactly three pieces, a total above 0.
+// "C probed total", "P written total" and "V checked total": exactly three pieces, a total above 0.
 WriterLine report(WriterLine::Kind kind, std::string_view line) {
     std::vector<std::string_view> p = pieces(line);
     double done = 0, total = 0;
@@ -52,6 +52,7 @@ WriterLine report(WriterLine::Kind kind, std::string_view line) {
 WriterLine parseWriterLine(std::string_view raw) {
     if (raw.size() > kWriterLineLimit + 1) return {};
     std::string_view line = trimmed(raw, is_space);
+    if (line.starts_with("C ")) return report(WriterLine::Checked, line);
     if (line.starts_with("P ")) return report(WriterLine::Progress, line);
     if (line.starts_with("V ")) return report(WriterLine::Verified, line);
     WriterLine r;

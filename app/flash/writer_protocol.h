@@ -6,14 +6,14 @@
 #include <string_view>
 
 struct WriterLine {
-    enum Kind { Other, Progress, Verified, Done, Error };
+    enum Kind { Other, Checked, Progress, Verified, Done, Error };
     Kind kind = Other;
-    double done = 0;   // Progress and Verified: bytes written or checked so far, within int64
-    double total = 0;  // Progress and Verified: bytes in all, above 0
+    double done = 0;   // Checked, Progress and Verified: blocks probed, bytes written or checked so far, within int64
+    double total = 0;  // Checked, Progress and Verified: in all, above 0
     std::string message;  // Error: the text after "ERR", trimmed of blanks
 };
 
-// "P written total", "V checked total", "DONE", "ERR message"; anything else, and malformed
+// "C probed total", "P written total", "V checked total", "DONE", "ERR message"; anything else, and malformed
 // reports, are Other. Surrounding white space is ignored.
 WriterLine parseWriterLine(std::string_view line);
 

@@ -14,7 +14,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         std::string_view line = all.substr(0, end == std::string_view::npos ? all.size() : end + 1);
         all.remove_prefix(line.size());
         WriterLine r = parseWriterLine(line);
-        bool report = r.kind == WriterLine::Progress || r.kind == WriterLine::Verified;
+        bool report = r.kind == WriterLine::Checked || r.kind == WriterLine::Progress || r.kind == WriterLine::Verified;
         if (report && !(r.total > 0 && r.done >= 0 && std::isfinite(r.done) && r.done < 9.3e18)) std::abort();
         if (r.kind == WriterLine::Error && !r.message.empty() &&
             (r.message.front() == ' ' || r.message.back() == ' ' || r.message.back() == '\n'))

@@ -214,7 +214,13 @@ TEST_F(WriterOnLoopDevice, EachSampleReadsBackAndIsRecognised) {
         LoopDevice loop(dir_ / "disk", {});
         WriterRun run = run_writer({sample(c.image), loop.path()});
         expect_complete_protocol(run, expected.size());
-        EXPECT_TRUE(read_prefix(loop.path(), expected.size()) == expected);
+        auto checked = progress_lines(run, 'C');  // the size check passes, before anything is written
+        ASSERT_FALSE(checked.empty());
+        EXPECT_EQ(run.lines.front().rfind("C 0 ", 0), 0u);
+        EXPECT_EQ(checked.back().done, checked.back().total);
+        std::string disk = slurp(dir_ / "disk");
+        EXPECT_TRUE(disk.substr(0, expected.size()) == expected);
+        EXPECT_EQ(disk.find_first_not_of('\x5a', expected.size()), 63 * kMiB) << "the check's blocks stayed";
         EXPECT_EQ(probe(loop.path(), 0, "PTTYPE"), c.table);
         EXPECT_EQ(probe(loop.path(), 1 * kMiB, "TYPE"), "vfat");
         EXPECT_EQ(probe(loop.path(), 9 * kMiB, "TYPE"), c.data_fs);

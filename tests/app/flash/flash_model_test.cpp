@@ -135,7 +135,7 @@ TEST(FlashWrite, TheWritersLinesAndTheElevatorDecideTheOutcome) {
     const QString done = "Quillmate was written successfully.\n\nBoot the target machine from this USB.",
                   advice = "\n\nMake sure the drive is plugged in and not write-protected, then try again.";
     const struct { std::string elevator, lines; int exitStatus; QString status, dialog; } cases[] = {
-        {"", "P 0 2000000\nP 1048575 2000000\nV 2000000 2000000\nDONE\n", 0, "Done — you can remove the drive.", done},
+        {"", "C 0 8\nC 8 8\nP 0 2000000\nP 1048575 2000000\nV 2000000 2000000\nDONE\n", 0, "Done — you can remove the drive.", done},
         {"", "ERR first\nDONE\n", 0, "Done — you can remove the drive.", done},
         {"", "ERR Permission denied\n", 1, "Failed: Permission denied",
          "Linux denied writing to the drive.\n\n• If it's an SD card, slide the write-protect (lock) switch on the side "
@@ -162,8 +162,9 @@ TEST(FlashWrite, TheWritersLinesAndTheElevatorDecideTheOutcome) {
         if (c.status.startsWith("Done")) {
             EXPECT_EQ(b.m.progress(), 1.0);
         }
-        if (c.lines.starts_with("P 0")) {
-            EXPECT_EQ(b.statuses, (QStringList{"", "1 external USB drive(s) found.", "Unmounting volumes…", "Writing… 0 MB",
+        if (c.lines.starts_with("C 0")) {
+            EXPECT_EQ(b.statuses, (QStringList{"", "1 external USB drive(s) found.", "Unmounting volumes…",
+                                               "Checking the drive…", "Writing… 0 MB",
                                                "Verifying… 1 MB", c.status}));
         }
     }
@@ -356,6 +357,7 @@ TEST(WriterProtocol, ReportsAndWhatIsNotOne) {
     const struct { const char* line; WriterLine::Kind kind; double done, total; const char* message; } cases[] = {
         {"P 5 10", WriterLine::Progress, 5, 10, ""},  {" P  20   10 \r\n", WriterLine::Progress, 20, 10, ""},
         {"V 3 4", WriterLine::Verified, 3, 4, ""},    {"P 1 0", WriterLine::Other, 0, 0, ""},
+        {"C 7 308", WriterLine::Checked, 7, 308, ""}, {"C 1 0", WriterLine::Other, 0, 0, ""},
         {"P 1 2 3", WriterLine::Other, 0, 0, ""},     {"P -1 2", WriterLine::Other, 0, 0, ""},
         {"P 1e5 9", WriterLine::Other, 0, 0, ""},     {"P 99999999999999999999 9", WriterLine::Other, 0, 0, ""},
         {"P nan 9", WriterLine::Other, 0, 0, ""},     {"DONE\n", WriterLine::Done, 0, 0, ""},

@@ -82,9 +82,11 @@ for engine in isal zlib isal zlib; do
   start=$(now)
   timed_writer --inflater=$engine
   whole=$(elapsed "$start" "$(now)")
+  check=$(phase_seconds C)
   write=$(phase_seconds P)
   readback=$(phase_seconds V)
-  echo "== qm-writer --inflater=$engine: whole ${whole}s, write ${write}s, read-back ${readback}s"
+  echo "== qm-writer --inflater=$engine: whole ${whole}s, size check ${check}s, write ${write}s, read-back ${readback}s"
+  echo "   size check / whole run:           $(ratio "$check" "$whole")  (goal: at most 0.05)"
   echo "   whole run / (gzip -dc | dd):      $(ratio "$whole" "$baseline_gzip_dd")  (baseline ${baseline_gzip_dd}s)"
   echo "   write phase / dd of raw image:    $(ratio "$write" "$baseline_dd")  (baseline ${baseline_dd}s)"
   echo "   read-back / cmp:                  $(ratio "$readback" "$baseline_cmp")  (baseline ${baseline_cmp}s)"

@@ -8,7 +8,6 @@
 #include "aligned_buffer.h"
 #include "chunk_queue.h"
 #include "protocol.h"
-#include "qm_core.h"
 #include "writer_error.h"
 
 namespace {
@@ -62,26 +61,23 @@ private:
 
 }  // namespace
 
-void verify_written(const OpenTarget& in, uint64_t total, const std::array<uint8_t, 32>& expected) {
+void verify_written(const OpenTarget& in, uint64_t total, XXH128_hash_t expected) {
     ProgressLine progress('V', total);
     progress.start();
-    sha256_ctx hash;
-    sha256_init(&hash);
+    ContentHash hash;
     {
         ChunkQueue queue(kReadBuffers, kReadBytes);
         ReadThread reader(in.fd.get(), total, queue);
         uint64_t checked = 0;
         for (Chunk c = queue.take_full(); c.buffer; c = queue.take_full()) {
-            sha256_update(&hash, c.buffer->data(), c.length);
+            hash.update(c.buffer->data(), c.length);
             checked += c.length;
             queue.give_back(c.buffer);
             progress.update(checked);
         }
     }
     progress.finish(total);
-    std::array<uint8_t, 32> actual{};
-    sha256_final(&hash, actual.data());
-    if (actual != expected)
+    if (!XXH128_isEqual(hash.digest(), expected))
         throw WriterError("the data read back from the disk differs from the image: the drive may be "
                           "failing or be fake (smaller than it claims); try another drive");
 }

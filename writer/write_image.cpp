@@ -2,15 +2,11 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <condition_variable>
 #include <cstring>
-#include <deque>
-#include <mutex>
 #include <thread>
 #include <unistd.h>
 
 #include "chunk_queue.h"
-#include "qm_core.h"
 #include "writer_error.h"
 
 namespace {
@@ -60,63 +56,6 @@ private:
 
     ChunkQueue& queue_;
     std::thread thread_;
-};
-
-// Hashes each chunk once it is written and only then frees its buffer. Hashing costs
-// about twice the decoding, so on the decoding thread it held the writes back; here it
-// runs beside both. Chunks arrive in image order, so the hash is of the bytes written.
-class HashThread {
-public:
-    HashThread(ChunkQueue& queue, sha256_ctx& hash)
-        : queue_(queue), hash_(hash), thread_([this] { run(); }) {}
-    ~HashThread() {
-        {
-            std::lock_guard lock(mutex_);
-            stopping_ = true;
-        }
-        changed_.notify_all();
-        thread_.join();
-    }
-
-    void hash_and_free(Chunk chunk) {
-        {
-            std::lock_guard lock(mutex_);
-            pending_.push_back(chunk);
-        }
-        changed_.notify_all();
-    }
-    // Waits until every chunk handed over is in the hash.
-    void finish() {
-        std::unique_lock lock(mutex_);
-        changed_.wait(lock, [&] { return pending_.empty() && !busy_; });
-    }
-
-private:
-    void run() {
-        std::unique_lock lock(mutex_);
-        for (;;) {
-            changed_.wait(lock, [&] { return !pending_.empty() || stopping_; });
-            if (stopping_) return;  // only on the way out: the hash is no longer wanted
-            Chunk c = pending_.front();
-            pending_.pop_front();
-            busy_ = true;
-            lock.unlock();
-            sha256_update(&hash_, c.buffer->data(), c.length);
-            queue_.give_back(c.buffer);
-            lock.lock();
-            busy_ = false;
-            changed_.notify_all();
-        }
-    }
-
-    ChunkQueue& queue_;
-    sha256_ctx& hash_;
-    std::mutex mutex_;
-    std::condition_variable changed_;
-    std::deque<Chunk> pending_;
-    bool busy_ = false;
-    bool stopping_ = false;
-    std::thread thread_;  // last, so it starts after the members it uses
 };
 
 // The head first, so the disk has no partition table from here on. Then the last MiB: a
@@ -177,12 +116,10 @@ WrittenImage write_image(const Target& target, OpenTarget& out, Inflater& inflat
     size_t head_length = 0;
     uint64_t position = 0;  // bytes of the image decoded so far
     uint64_t written = 0;
-    sha256_ctx hash;
-    sha256_init(&hash);
+    ContentHash hash;
 
     ChunkQueue queue(kChunkCount, kChunkBytes);
     {
-        HashThread hasher(queue, hash);
         InflateThread decoder(inflater, queue);
         for (Chunk c = queue.take_full(); c.buffer; c = queue.take_full()) {
             size_t to_head = position < kHeadBytes ? std::min<uint64_t>(kHeadBytes - position, c.length) : 0;
@@ -192,10 +129,10 @@ WrittenImage write_image(const Target& target, OpenTarget& out, Inflater& inflat
             write_fully(out, c.buffer->data() + to_head, c.length - to_head, position + to_head);
             written += c.length - to_head;
             position += c.length;
-            hasher.hash_and_free(c);
+            hash.update(c.buffer->data(), c.length);
+            queue.give_back(c.buffer);
             progress.update(written);
         }
-        hasher.finish();
     }
     if (position != total)
         throw_corrupt_image("it decodes to " + std::to_string(position) + " bytes, not the " +
@@ -210,6 +147,6 @@ WrittenImage write_image(const Target& target, OpenTarget& out, Inflater& inflat
 
     WrittenImage result;
     result.bytes = total;
-    sha256_final(&hash, result.sha256.data());
+    result.hash = hash.digest();
     return result;
 }

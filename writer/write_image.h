@@ -1,16 +1,16 @@
 // Streams the decoded image onto the target in an order that never leaves a disk that
 // looks bootable, or like its old self, after a failure part way.
 #pragma once
-#include <array>
 #include <cstdint>
 
+#include "content_hash.h"
 #include "inflate.h"
 #include "protocol.h"
 #include "target.h"
 
 struct WrittenImage {
     uint64_t bytes = 0;
-    std::array<uint8_t, 32> sha256{};
+    XXH128_hash_t hash{};
 };
 
 WrittenImage write_image(const Target& target, OpenTarget& out, Inflater& inflater, uint64_t total,

@@ -8,7 +8,6 @@
 #include "image_file.h"
 #include "image_size.h"
 #include "protocol.h"
-#include "qm_core.h"
 #include "verify.h"
 #include "write_image.h"
 #include "writer_error.h"
@@ -63,14 +62,13 @@ void run(const Arguments& args, TargetKinds kinds) {
     auto inflater = make_inflater(args.engine, image.get());
     WrittenImage written = write_image(target, out, *inflater, size.uncompressed, progress);
     prepare_read_back(target, out);
-    verify_written(out, written.bytes, written.sha256);
+    verify_written(out, written.bytes, written.hash);
 }
 
 }  // namespace
 
 int writer_main(int argc, char** argv, TargetKinds kinds) {
     std::signal(SIGPIPE, SIG_IGN);  // an app that stops listening must not kill a write midway
-    sha256_select(QM_SHA256_AUTO);
     try {
         run(parse_arguments(argc, argv, kinds), kinds);
     } catch (const std::exception& e) {

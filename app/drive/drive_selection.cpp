@@ -79,11 +79,16 @@ void DriveSelection::watchSelected() {
 
 void DriveSelection::checkSelectedStillThere() {
     std::optional<QmVolume> selected = volume();
-    if (!selected) return;
-    QString root = selected->path;
-    // A stick pulled out may leave its empty mount folder behind: still a folder, no longer a drive.
-    if (!Volumes::classify({Volumes::Mount{root, selected->name}}).isEmpty()) return;
-    QList<QmVolume> rest = volumes_;
-    rest.removeIf([&root](const QmVolume& v) { return v.path == root; });
-    apply(std::move(rest), ++generation_);
+    if (!selected || pending_ > 0) return;  // a scan on its way settles it anyway
+    ++pending_;
+    // A stick pulled out may leave its empty mount folder behind: still a folder, no longer a
+    // drive. Read off the main thread, where a stick gone bad could make the read wait.
+    background_.post([mount = Volumes::Mount{selected->path, selected->name}] { return Volumes::classify({mount}); },
+                     [this, generation = generation_, root = selected->path](QList<QmVolume> stillThere) {
+                         --pending_;
+                         if (!stillThere.isEmpty() || generation != generation_ || path_ != root) return;
+                         QList<QmVolume> rest = volumes_;
+                         rest.removeIf([&root](const QmVolume& v) { return v.path == root; });
+                         apply(std::move(rest), ++generation_);
+                     });
 }

@@ -1,6 +1,6 @@
-// Everything the service keeps, behind one interface so that another database can take
-// SQLite's place without touching the handlers. Every operation is atomic and safe to call from
-// several threads at once.
+// Everything the service keeps, behind one interface so that SQLite or PostgreSQL serve the same
+// handlers. Every operation is atomic and safe to call from several threads at once, and from
+// several processes sharing one database: nothing that decides a request is kept in memory.
 #pragma once
 #include <cstdint>
 #include <optional>
@@ -27,6 +27,21 @@ struct Upload {
     std::string signature;  // 64 lower-case hex digits
 };
 
+struct LoginLimits {
+    int per_source = 10;    // failures of one e-mail from one address
+    int per_address = 30;   // failures from one address, whatever the e-mail
+    int per_account = 50;   // failures of one e-mail from addresses it never signed in from
+    int64_t window = 15 * 60;        // seconds a failure counts
+    int64_t known_for = 90 * 86400;  // seconds an address stays known after a sign-in from it
+};
+
+struct LoginReservation {
+    enum Refusal { None, Source, Address, Account };
+    Refusal refused = None;
+    int64_t attempt = 0;      // when not refused: the attempt to hand to login_succeeded
+    int64_t retry_after = 0;  // when refused: seconds until the oldest counted failure ends
+};
+
 enum class RegisterResult { Created, Updated, OwnedByAnother, KeyDiffers };
 enum class PublishResult { Accepted, Replayed, OlderSeq };
 
@@ -37,14 +52,24 @@ public:
     // false when an account with that e-mail exists already.
     virtual bool add_account(const std::string& email, const std::string& password_hash) = 0;
     virtual std::optional<Account> account_by_email(const std::string& email) = 0;
-    virtual std::optional<Account> account_by_token(const std::string& token_sha256) = 0;
+    // The token's account, unless the token was revoked or went unused for idle_limit seconds;
+    // a token found counts as used now.
+    virtual std::optional<Account> account_by_token(const std::string& token_sha256, int64_t now,
+                                                    int64_t idle_limit) = 0;
     virtual void add_token(int64_t account, const std::string& token_sha256, int64_t now) = 0;
+    // false when there was no such token.
+    virtual bool revoke_token(const std::string& token_sha256) = 0;
 
-    // Failed sign-ins for one e-mail: recorded, counted since a moment, and forgotten on success.
-    virtual void note_login_failure(const std::string& email, int64_t now) = 0;
-    // The number of failures after since, and the time of the oldest of them.
-    virtual std::pair<int, int64_t> login_failures_since(const std::string& email, int64_t since) = 0;
-    virtual void clear_login_failures(const std::string& email) = 0;
+    // Sign-in attempts. Each is counted before its password is checked, so parallel guesses
+    // cannot slip past a limit between the check and the count; a right password then takes its
+    // attempt back. Limits fall on the source first: a burst against one e-mail locks out the
+    // address it comes from, and the e-mail only for addresses that never signed in to it.
+    virtual LoginReservation reserve_login(const std::string& email, const std::string& address, int64_t now,
+                                           const LoginLimits& limits) = 0;
+    // The attempt's password was right: it no longer counts, the failures of this e-mail from this
+    // address are forgotten, and the address becomes one the account is known to sign in from.
+    virtual void login_succeeded(int64_t attempt, const std::string& email, const std::string& address,
+                                 int64_t now) = 0;
 
     // The first account to register a drive owns it; its key never changes afterwards.
     virtual RegisterResult register_drive(const DriveRecord& drive) = 0;

@@ -22,6 +22,7 @@ struct ServiceRequest {
     std::string authorization;  // the Authorization header as sent
     std::string timestamp;      // X-QM-Timestamp
     std::string signature;      // X-QM-Signature
+    std::string address;        // the client's IP address as text, what sign-in limits fall on
     std::string body;
 };
 

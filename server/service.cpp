@@ -93,6 +93,10 @@ ServiceResponse Service::route(const ServiceRequest& r) {
         if (auto wrong = only("POST")) return *wrong;
         return login(r);
     }
+    if (p == "/api/v1/auth/logout") {
+        if (auto wrong = only("POST")) return *wrong;
+        return logout(r);
+    }
     if (p == "/api/v1/me") {
         if (auto wrong = only("GET")) return *wrong;
         return me(r);
@@ -125,11 +129,18 @@ ServiceResponse Service::route(const ServiceRequest& r) {
     return refuse(404, "There is nothing at this address. Check the service address set in QM_SERVER.");
 }
 
-std::optional<Account> Service::signed_in(const ServiceRequest& r) {
+// The digest of the bearer token the request presents, when it presents one of the right form.
+std::optional<std::string> Service::presented_token(const ServiceRequest& r) {
     if (!starts_with(r.authorization, "Bearer ")) return std::nullopt;
     auto token = normalised_hex(trimmed(r.authorization.substr(7)), 64);
     if (!token) return std::nullopt;
-    return storage_.account_by_token(token_digest(*token));
+    return token_digest(*token);
+}
+
+std::optional<Account> Service::signed_in(const ServiceRequest& r) {
+    auto digest = presented_token(r);
+    if (!digest) return std::nullopt;
+    return storage_.account_by_token(*digest, now(), kTokenIdleLimit);
 }
 
 namespace {
@@ -148,10 +159,21 @@ private:
     bool held_;
 };
 
-std::string retry_text(int64_t seconds) {
-    int64_t minutes = std::max<int64_t>(1, (seconds + 59) / 60);
-    return "Too many failed sign-ins for this e-mail address. Try again in " + std::to_string(minutes) +
-           (minutes == 1 ? " minute." : " minutes.");
+ServiceResponse too_many_attempts(const LoginReservation& refusal) {
+    int64_t minutes = std::max<int64_t>(1, (refusal.retry_after + 59) / 60);
+    std::string in = std::to_string(minutes) + (minutes == 1 ? " minute" : " minutes");
+    std::string text;
+    switch (refusal.refused) {
+    case LoginReservation::Address: text = "Too many failed sign-ins from your network. Try again in " + in + "."; break;
+    case LoginReservation::Account:
+        text = "Too many failed sign-ins for this e-mail address from new places. Try again in " + in +
+               ", or from where you signed in before.";
+        break;
+    default: text = "Too many failed sign-ins for this e-mail address. Try again in " + in + "."; break;
+    }
+    ServiceResponse res = refuse(429, text);
+    res.headers.emplace_back("Retry-After", std::to_string(refusal.retry_after));
+    return res;
 }
 
 }  // namespace
@@ -162,28 +184,32 @@ ServiceResponse Service::login(const ServiceRequest& r) {
     auto password = doc ? doc->string_at("password") : std::nullopt;
     if (!email || !password)
         return refuse(400, "Send the e-mail address and the password as JSON text fields \"email\" and \"password\".");
+    // Both are bounded before anything is stored or hashed: an address has at most 254 bytes, and
+    // no one types a password of kilobytes.
+    if (email->size() > kMaxEmail) return refuse(400, "The e-mail address is longer than 254 characters.");
+    if (password->size() > kMaxPassword) return refuse(400, "The password is longer than 1,024 bytes.");
     std::string who = lower_ascii(trimmed(*email));
+    std::string from = r.address.empty() ? "unknown" : r.address;
     int64_t t = now();
-    auto [failures, oldest] = storage_.login_failures_since(who, t - kLoginFailureWindow);
-    if (failures >= kMaxLoginFailures) {
-        int64_t wait = oldest + kLoginFailureWindow - t;
-        ServiceResponse res = refuse(429, retry_text(wait));
-        res.headers.emplace_back("Retry-After", std::to_string(std::max<int64_t>(1, wait)));
-        return res;
-    }
+    LoginReservation attempt = storage_.reserve_login(who, from, t, options_.login_limits);
+    if (attempt.refused != LoginReservation::None) return too_many_attempts(attempt);
     // Hashing is slow on purpose; a bounded number at once keeps cores free for everything else.
     HashingSlot slot(hashing_);
     if (!slot) return refuse(503, "The service is busy signing other people in. Try again in a minute.");
     std::optional<Account> account = storage_.account_by_email(who);
     bool matches = password_matches(account ? account->password_hash : dummy_hash_, *password);
-    if (!account || !matches) {
-        storage_.note_login_failure(who, t);
-        return refuse(401, kWrongCredentials);
-    }
-    storage_.clear_login_failures(who);
+    if (!account || !matches) return refuse(401, kWrongCredentials);
+    storage_.login_succeeded(attempt.attempt, who, from, t);
     std::string token = new_token();
     storage_.add_token(account->id, token_digest(token), t);
     return answer(200, "{\"token\":" + json::quote(token) + "}");
+}
+
+ServiceResponse Service::logout(const ServiceRequest& r) {
+    auto digest = presented_token(r);
+    if (!digest || !storage_.account_by_token(*digest, now(), kTokenIdleLimit) || !storage_.revoke_token(*digest))
+        return refuse(401, kNotSignedIn);
+    return answer(200, json::message("Signed out. The sign-in no longer works anywhere."));
 }
 
 ServiceResponse Service::me(const ServiceRequest& r) {

@@ -40,14 +40,16 @@ struct ServiceOptions {
     int hashing_slots = 1;                            // password hashes run at once, at most
     std::function<int64_t()> clock;                   // Unix seconds; the system clock when empty
     std::string releases_dir;                         // the release feed's folder; no feed when empty
+    LoginLimits login_limits;
 };
 
 class Service {
 public:
     static constexpr size_t kMaxBody = 1024 * 1024;
     static constexpr int64_t kTimestampWindow = 5 * 60;
-    static constexpr int kMaxLoginFailures = 10;
-    static constexpr int64_t kLoginFailureWindow = 15 * 60;
+    static constexpr size_t kMaxEmail = 254;
+    static constexpr size_t kMaxPassword = 1024;
+    static constexpr int64_t kTokenIdleLimit = 90 * 86400;  // a sign-in unused this long has ended
 
     Service(Storage& storage, ServiceOptions options);
     ~Service();
@@ -58,11 +60,13 @@ public:
 private:
     ServiceResponse route(const ServiceRequest& r);
     ServiceResponse login(const ServiceRequest& r);
+    ServiceResponse logout(const ServiceRequest& r);
     ServiceResponse me(const ServiceRequest& r);
     ServiceResponse register_drive(const ServiceRequest& r);
     ServiceResponse publish(const ServiceRequest& r, const std::string& drive_id);
     ServiceResponse profile_page(const std::string& drive_id);
 
+    std::optional<std::string> presented_token(const ServiceRequest& r);
     std::optional<Account> signed_in(const ServiceRequest& r);
     std::optional<ServiceResponse> refuse_upload_headers(const ServiceRequest& r, const DriveRecord& drive);
     int64_t now() const;

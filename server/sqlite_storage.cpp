@@ -3,15 +3,14 @@
 #include <sqlite3.h>
 
 #include <chrono>
+#include <iterator>
 #include <map>
 #include <memory>
 #include <stdexcept>
 
 namespace {
 
-constexpr int kSchemaVersion = 1;
-
-const char* const kSchema = R"(
+const char* const kSchemaVersion1 = R"(
 CREATE TABLE accounts (
   id INTEGER PRIMARY KEY,
   email TEXT NOT NULL UNIQUE,
@@ -52,9 +51,43 @@ CREATE TABLE published (
 ) WITHOUT ROWID;
 )";
 
-// The replay set only needs uploads whose time stamps could still be accepted; pruning once a
-// minute keeps it small without a delete in every publish.
+// Tokens end after a time unused; sign-in attempts are counted per source, not only per e-mail.
+const char* const kSchemaVersion2 = R"(
+ALTER TABLE tokens ADD COLUMN last_used INTEGER NOT NULL DEFAULT 0;
+-- No use was recorded before: the 90 days start with the upgrade.
+UPDATE tokens SET last_used = CAST(strftime('%s', 'now') AS INTEGER);
+CREATE INDEX tokens_by_use ON tokens(last_used);
+DROP TABLE login_failures;
+CREATE TABLE login_attempts (
+  id INTEGER PRIMARY KEY,
+  email TEXT NOT NULL,
+  address TEXT NOT NULL,
+  at INTEGER NOT NULL
+);
+CREATE INDEX login_attempts_by_email ON login_attempts(email, at);
+CREATE INDEX login_attempts_by_address ON login_attempts(address, at);
+CREATE TABLE login_known (
+  email TEXT NOT NULL,
+  address TEXT NOT NULL,
+  at INTEGER NOT NULL,
+  PRIMARY KEY (email, address)
+) WITHOUT ROWID;
+)";
+
+const char* const kMigrations[] = {kSchemaVersion1, kSchemaVersion2};
+constexpr int64_t kSchemaVersion = std::size(kMigrations);
+
+// Rows that no longer decide anything (uploads whose time stamps are refused anyway, ended
+// sign-in attempts and tokens) go once a minute: small tables without a delete in every request.
 constexpr int64_t kPruneEverySeconds = 60;
+constexpr int64_t kTokenUseResolution = 3600;
+
+// Whether a prune is due, marking it done when it is.
+bool due(int64_t& last, int64_t now) {
+    if (now - last < kPruneEverySeconds) return false;
+    last = now;
+    return true;
+}
 
 }  // namespace
 
@@ -186,14 +219,16 @@ void SqliteStorage::migrate() {
     exec("BEGIN IMMEDIATE");
     try {
         exec("CREATE TABLE IF NOT EXISTS schema_version (version INTEGER NOT NULL)");
-        Statement read(db_, "SELECT version FROM schema_version");
-        int64_t version = read.step() ? read.integer(0) : 0;
+        int64_t version = 0;
+        {
+            Statement read(db_, "SELECT version FROM schema_version");
+            if (read.step()) version = read.integer(0);
+        }
         if (version > kSchemaVersion)
             throw std::runtime_error("the database was made by a newer qm-server (schema " + std::to_string(version) + ")");
-        if (version == 0) {
-            exec(kSchema);
-            Statement(db_, "INSERT INTO schema_version VALUES (1)").run();
-        }
+        for (int64_t v = version; v < kSchemaVersion; ++v) exec(kMigrations[v]);
+        if (version == 0) Statement(db_, "INSERT INTO schema_version VALUES (0)").run();
+        Statement(db_, "UPDATE schema_version SET version = ?").bind(1, kSchemaVersion).run();
         exec("COMMIT");
     } catch (...) {
         sqlite3_exec(db_, "ROLLBACK", nullptr, nullptr, nullptr);
@@ -222,41 +257,125 @@ std::optional<Account> SqliteStorage::account_by_email(const std::string& email)
     return Account{s.integer(0), s.text(1), s.text(2)};
 }
 
-std::optional<Account> SqliteStorage::account_by_token(const std::string& token_sha256) {
+std::optional<Account> SqliteStorage::account_by_token(const std::string& token_sha256, int64_t now,
+                                                       int64_t idle_limit) {
     std::lock_guard lock(mutex_);
+    if (due(last_token_prune_, now))
+        prepared("DELETE FROM tokens WHERE last_used <= ?").bind(1, now - idle_limit).run();
     Statement& s = prepared(
-        "SELECT a.id, a.email, a.password_hash FROM tokens t JOIN accounts a ON a.id = t.account_id "
-        "WHERE t.token_sha256 = ?");
-    Using u{s};
-    if (!s.bind_blob(1, token_sha256).step()) return std::nullopt;
-    return Account{s.integer(0), s.text(1), s.text(2)};
+        "SELECT a.id, a.email, a.password_hash, t.last_used FROM tokens t JOIN accounts a ON a.id = t.account_id "
+        "WHERE t.token_sha256 = ? AND t.last_used > ?");
+    std::optional<Account> account;
+    int64_t last_used = 0;
+    {
+        Using u{s};
+        if (!s.bind_blob(1, token_sha256).bind(2, now - idle_limit).step()) return std::nullopt;
+        account = Account{s.integer(0), s.text(1), s.text(2)};
+        last_used = s.integer(3);
+    }
+    // Once an hour is exact enough for a 90-day limit and spares a write on every request.
+    if (now - last_used >= kTokenUseResolution)
+        prepared("UPDATE tokens SET last_used = ? WHERE token_sha256 = ?").bind(1, now).bind_blob(2, token_sha256).run();
+    return account;
 }
 
 void SqliteStorage::add_token(int64_t account, const std::string& token_sha256, int64_t now) {
     std::lock_guard lock(mutex_);
-    prepared("INSERT INTO tokens (token_sha256, account_id, created) VALUES (?, ?, ?)")
+    prepared("INSERT INTO tokens (token_sha256, account_id, created, last_used) VALUES (?, ?, ?, ?)")
         .bind_blob(1, token_sha256)
         .bind(2, account)
         .bind(3, now)
+        .bind(4, now)
         .run();
 }
 
-void SqliteStorage::note_login_failure(const std::string& email, int64_t now) {
+bool SqliteStorage::revoke_token(const std::string& token_sha256) {
     std::lock_guard lock(mutex_);
-    prepared("INSERT INTO login_failures (email, at) VALUES (?, ?)").bind(1, email).bind(2, now).run();
+    prepared("DELETE FROM tokens WHERE token_sha256 = ?").bind_blob(1, token_sha256).run();
+    return sqlite3_changes(db_) == 1;
 }
 
-std::pair<int, int64_t> SqliteStorage::login_failures_since(const std::string& email, int64_t since) {
-    std::lock_guard lock(mutex_);
-    Statement& s = prepared("SELECT count(*), min(at) FROM login_failures WHERE email = ? AND at > ?");
+// The count of attempts since a moment matching one or two keys, and the oldest one's time.
+std::pair<int64_t, int64_t> SqliteStorage::attempts_since(const char* sql, const std::string& key,
+                                                          const std::string* second, int64_t since) {
+    Statement& s = prepared(sql);
     Using u{s};
-    s.bind(1, email).bind(2, since).step();
-    return {int(s.integer(0)), s.integer(1)};
+    s.bind(1, key);
+    if (second) s.bind(2, *second);
+    s.bind(second ? 3 : 2, since).step();
+    return {s.integer(0), s.integer(1)};
 }
 
-void SqliteStorage::clear_login_failures(const std::string& email) {
+LoginReservation SqliteStorage::reserve_login(const std::string& email, const std::string& address, int64_t now,
+                                              const LoginLimits& limits) {
     std::lock_guard lock(mutex_);
-    prepared("DELETE FROM login_failures WHERE email = ?").bind(1, email).run();
+    // IMMEDIATE takes the write lock first: another process sharing the file waits here, so no two
+    // attempts are counted against the same numbers.
+    exec("BEGIN IMMEDIATE");
+    try {
+        if (due(last_login_prune_, now)) {
+            prepared("DELETE FROM login_attempts WHERE at <= ?").bind(1, now - limits.window).run();
+            prepared("DELETE FROM login_known WHERE at <= ?").bind(1, now - limits.known_for).run();
+        }
+        int64_t since = now - limits.window;
+        LoginReservation r;
+        auto refuse_when = [&](std::pair<int64_t, int64_t> counted, int limit, LoginReservation::Refusal why) {
+            if (r.refused != LoginReservation::None || counted.first < limit) return;
+            r.refused = why;
+            r.retry_after = std::max<int64_t>(1, counted.second + limits.window - now);
+        };
+        refuse_when(attempts_since("SELECT count(*), min(at) FROM login_attempts WHERE email = ? AND address = ? AND at > ?",
+                                   email, &address, since),
+                    limits.per_source, LoginReservation::Source);
+        refuse_when(attempts_since("SELECT count(*), min(at) FROM login_attempts WHERE address = ? AND at > ?", address,
+                                   nullptr, since),
+                    limits.per_address, LoginReservation::Address);
+        if (r.refused == LoginReservation::None && !known_address(email, address, now - limits.known_for))
+            refuse_when(attempts_since("SELECT count(*), min(at) FROM login_attempts WHERE email = ? AND at > ?", email,
+                                       nullptr, since),
+                        limits.per_account, LoginReservation::Account);
+        if (r.refused == LoginReservation::None) {
+            prepared("INSERT INTO login_attempts (email, address, at) VALUES (?, ?, ?)")
+                .bind(1, email)
+                .bind(2, address)
+                .bind(3, now)
+                .run();
+            r.attempt = sqlite3_last_insert_rowid(db_);
+        }
+        exec("COMMIT");
+        return r;
+    } catch (...) {
+        sqlite3_exec(db_, "ROLLBACK", nullptr, nullptr, nullptr);
+        throw;
+    }
+}
+
+bool SqliteStorage::known_address(const std::string& email, const std::string& address, int64_t since) {
+    Statement& s = prepared("SELECT 1 FROM login_known WHERE email = ? AND address = ? AND at > ?");
+    Using u{s};
+    return s.bind(1, email).bind(2, address).bind(3, since).step();
+}
+
+void SqliteStorage::login_succeeded(int64_t attempt, const std::string& email, const std::string& address,
+                                    int64_t now) {
+    std::lock_guard lock(mutex_);
+    exec("BEGIN IMMEDIATE");
+    try {
+        prepared("DELETE FROM login_attempts WHERE id = ? OR (email = ? AND address = ?)")
+            .bind(1, attempt)
+            .bind(2, email)
+            .bind(3, address)
+            .run();
+        prepared("INSERT OR REPLACE INTO login_known (email, address, at) VALUES (?, ?, ?)")
+            .bind(1, email)
+            .bind(2, address)
+            .bind(3, now)
+            .run();
+        exec("COMMIT");
+    } catch (...) {
+        sqlite3_exec(db_, "ROLLBACK", nullptr, nullptr, nullptr);
+        throw;
+    }
 }
 
 RegisterResult SqliteStorage::register_drive(const DriveRecord& d) {
@@ -283,8 +402,7 @@ std::optional<DriveRecord> SqliteStorage::drive(const std::string& drive_id) {
 }
 
 void SqliteStorage::forget_old_uploads(int64_t now, int64_t forget_before) {
-    if (now - last_prune_ < kPruneEverySeconds) return;
-    last_prune_ = now;
+    if (!due(last_upload_prune_, now)) return;
     prepared("DELETE FROM uploads WHERE timestamp < ?").bind(1, forget_before).run();
 }
 

@@ -141,6 +141,17 @@ protected:
         return from(client_->Get(path.c_str(), headers));
     }
 
+    // Straight to the service, as if from address: the front fills it from the socket.
+    Answer handle_from(const std::string& address, const std::string& path, const std::string& body) {
+        ServiceRequest r;
+        r.method = "POST";
+        r.path = path;
+        r.address = address;
+        r.body = body;
+        ServiceResponse res = service_->handle(r);
+        return Answer{res.status, res.body};
+    }
+
     std::string sign_in(const std::string& email) {
         Answer a = post("/api/v1/auth/login", "{\"email\":\"" + email + "\",\"password\":\"" + kPassword + "\"}");
         EXPECT_EQ(a.status, 200) << a.body;

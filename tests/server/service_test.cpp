@@ -22,7 +22,7 @@ TEST_F(Sign, InGivesATokenThatNamesTheAccountAndWrongDetailsGetOneMessage) {
     EXPECT_EQ(unknown_email.status, 401);
     EXPECT_EQ(wrong_password.body, unknown_email.body);
 
-    // Signing out is the app forgetting its token: any token the service never issued is refused.
+    // Any token the service never issued is refused.
     for (std::string bad : {std::string(64, 'a'), std::string("not hex"), std::string()}) {
         Answer a = get("/api/v1/me", bad);
         EXPECT_EQ(a.status, 401) << bad;
@@ -39,18 +39,71 @@ TEST_F(Sign, InRefusesBodiesThatAreNotTheTwoFields) {
     }
 }
 
-TEST_F(Sign, InStopsAfterTenFailuresForFifteenMinutesEvenWithTheRightPassword) {
+TEST_F(Sign, InBacksOffTheSourceOfFailuresNotTheAccount) {
     const std::string wrong = "{\"email\":\"owner@example.org\",\"password\":\"guess\"}";
-    for (int i = 0; i < Service::kMaxLoginFailures; ++i) ASSERT_EQ(post("/api/v1/auth/login", wrong).status, 401) << i;
-    Answer locked = post("/api/v1/auth/login", std::string("{\"email\":\"owner@example.org\",\"password\":\"") + kPassword + "\"}");
+    const std::string right = std::string("{\"email\":\"owner@example.org\",\"password\":\"") + kPassword + "\"}";
+    // The owner signs in from home once; a burst of guesses then comes from elsewhere, all at once.
+    ASSERT_EQ(handle_from("192.0.2.7", "/api/v1/auth/login", right).status, 200);
+    const LoginLimits limits;
+    std::vector<std::thread> burst;
+    std::atomic<int> evaluated{0}, refused{0};
+    for (int i = 0; i < 4 * limits.per_source; ++i)
+        burst.emplace_back([&] {
+            int status = handle_from("198.51.100.1", "/api/v1/auth/login", wrong).status;
+            (status == 401 ? evaluated : refused) += status == 401 || status == 429;
+        });
+    for (auto& t : burst) t.join();
+    EXPECT_EQ(evaluated, limits.per_source);
+    EXPECT_EQ(refused, 3 * limits.per_source);
+    Answer locked = handle_from("198.51.100.1", "/api/v1/auth/login", right);
     EXPECT_EQ(locked.status, 429);
     EXPECT_EQ(locked.message(), "Too many failed sign-ins for this e-mail address. Try again in 15 minutes.");
-    sign_in("other@example.org");  // other addresses are not affected
+    EXPECT_EQ(handle_from("192.0.2.7", "/api/v1/auth/login", right).status, 200) << "the owner's usual address";
+
+    // Guesses spread over many addresses stop at the account's limit, except from where the owner
+    // signed in before.
+    for (int i = 0; i < limits.per_account; ++i)
+        handle_from("203.0.113." + std::to_string(i % 200), "/api/v1/auth/login", wrong);
+    Answer stranger = handle_from("203.0.113.250", "/api/v1/auth/login", right);
+    EXPECT_EQ(stranger.status, 429);
+    EXPECT_NE(stranger.message().find("from new places"), std::string::npos) << stranger.body;
+    EXPECT_EQ(handle_from("192.0.2.7", "/api/v1/auth/login", right).status, 200);
 
     clock_offset_ = 10 * 60;
-    EXPECT_NE(post("/api/v1/auth/login", wrong).message().find("Try again in 5 minutes."), std::string::npos);
+    EXPECT_NE(handle_from("198.51.100.1", "/api/v1/auth/login", wrong).message().find("Try again in 5 minutes."),
+              std::string::npos);
     clock_offset_ = 15 * 60;
-    sign_in("owner@example.org");
+    EXPECT_EQ(handle_from("198.51.100.1", "/api/v1/auth/login", right).status, 200);
+}
+
+TEST_F(Sign, InRefusesOverlongFieldsBeforeAnyWork) {
+    for (auto [email, password] : {std::pair{std::string(255, 'a'), std::string("x")},
+                                   std::pair{std::string(1 << 19, 'a'), std::string("x")},
+                                   std::pair{std::string("owner@example.org"), std::string(1025, 'p')}}) {
+        Answer a = post("/api/v1/auth/login", "{\"email\":\"" + email + "\",\"password\":\"" + password + "\"}");
+        EXPECT_EQ(a.status, 400) << email.size() << " " << password.size();
+        EXPECT_NE(a.message().find("longer than"), std::string::npos) << a.body;
+    }
+    // Nothing was counted against anyone: the owner's ten tries are all still there.
+    EXPECT_EQ(storage_->reserve_login("owner@example.org", "unknown", unix_now(), LoginLimits{.per_source = 1}).refused,
+              LoginReservation::None);
+}
+
+TEST_F(Sign, InEndsWhenSignedOutOrUnusedFor90Days) {
+    std::string token = sign_in("owner@example.org"), kept = sign_in("owner@example.org");
+    EXPECT_EQ(post("/api/v1/auth/logout", "", token).status, 200);
+    EXPECT_EQ(get("/api/v1/me", token).status, 401);
+    EXPECT_EQ(post("/api/v1/auth/logout", "", token).status, 401);
+    EXPECT_EQ(get("/api/v1/me", kept).status, 200) << "signing out ends only that sign-in";
+
+    std::string idle = sign_in("owner@example.org");
+    clock_offset_ = 60 * 86400;
+    EXPECT_EQ(get("/api/v1/me", kept).status, 200);
+    clock_offset_ = 91 * 86400;
+    EXPECT_EQ(get("/api/v1/me", idle).status, 401);
+    EXPECT_EQ(get("/api/v1/me", kept).status, 200) << "used 31 days ago";
+    clock_offset_ = 182 * 86400;
+    EXPECT_EQ(get("/api/v1/me", kept).status, 401);
 }
 
 using Drives = ServiceFixture;

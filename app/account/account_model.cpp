@@ -101,12 +101,18 @@ void AccountModel::signIn() {
 }
 
 void AccountModel::signOut() {
+    if (signingOut_) return;
+    // Telling the service can take up to the request's time limit when it does not answer.
+    signingOut_ = true;
+    accountStatus_ = QStringLiteral("Signing out…");
+    emit changed();
     run(
         [](CloudSession& s) {
-            bool forgotten = Store::setToken(s.base(), std::nullopt);
+            bool forgotten = s.signOut();
             return std::pair(forgotten, standing(s, false));
         },
         [this](const std::pair<bool, Standing>& outcome) {
+            signingOut_ = false;
             password_.clear();
             if (outcome.first) return show(outcome.second);
             accountStatus_ = QStringLiteral("The sign-in could not be forgotten. Delete %1 to sign out.")

@@ -20,8 +20,8 @@ public:
     const QString& accountStatus() const { return accountStatus_; }
     // A sign-in is kept for the service in use.
     bool signedIn() const { return signedIn_; }
-    // A sign-in request is under way.
-    bool busy() const { return signingIn_; }
+    // A sign-in or a sign-out is under way.
+    bool busy() const { return signingIn_ || signingOut_; }
     // Some request (the start-up check, a sign-in, a sign-out) has not landed yet.
     bool working() const { return pending_ > 0; }
     bool canSignIn() const { return !busy() && !email_.isEmpty() && !password_.isEmpty(); }
@@ -55,6 +55,7 @@ private:
     QString accountStatus_ = kSignedOutStatus;
     bool signedIn_ = false;
     bool signingIn_ = false;
+    bool signingOut_ = false;
     int pending_ = 0;
     CloudClient client_;  // last: stopped first
 };

@@ -107,6 +107,14 @@ bool CloudSession::signedIn(Answer* answer) {
     return a.ok;
 }
 
+bool CloudSession::signOut() {
+    // Revoking stops a copy of the token taken off this computer from working; signing out here
+    // never waits on it. The empty body sends Content-Length: 0, without which a server may wait for one.
+    if (token_) request("POST", QStringLiteral("/api/v1/auth/logout"), QByteArray());
+    token_.reset();
+    return Store::setToken(base_, std::nullopt);
+}
+
 CloudSession::Registration CloudSession::registerDrive(const QString& id, const QString& uploadKey,
                                                        const QString& label) {
     Answer a = request("POST", QStringLiteral("/api/v1/drives/register"),

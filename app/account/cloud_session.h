@@ -54,6 +54,9 @@ public:
     // the token here and on disk (this address's only). The answer to the check, when one was
     // made, lands in *answer.
     bool signedIn(Answer* answer = nullptr);
+    // Asks the service to revoke the token held, then forgets this address's sign-in on disk
+    // whatever the service answered, or when it could not be reached. False when the disk refused.
+    bool signOut();
     Registration registerDrive(const QString& id, const QString& uploadKey, const QString& label);
     // Sends the drive's signed statistics export.
     Upload upload(const Drive& drive);

@@ -162,6 +162,14 @@ TEST_F(AccountTest, UnreachableServiceIsNamedAndPublishingAsksForASignIn) {
     ASSERT_TRUE(QTest::qWaitFor([&] { return !m.working(); }, 35000));
     EXPECT_EQ(m.accountStatus(), "Could not reach " + base + ".");
     EXPECT_EQ(m.password(), "pw");
+    AccountTab tab(&m);
+    tab.signOutButton()->click();  // the service cannot be told: the sign-in goes all the same
+    EXPECT_EQ(tab.statusLine()->text(), "Signing out…");
+    EXPECT_FALSE(tab.signOutButton()->isEnabled());
+    ASSERT_TRUE(QTest::qWaitFor([&] { return !m.working(); }, 35000));
+    EXPECT_EQ(tab.statusLine()->text(), "Not signed in.");
+    EXPECT_FALSE(tab.signOutButton()->isEnabled());
+    EXPECT_FALSE(Store::token(base));
 
     TempDir dir;
     DriveSelection drives;
@@ -205,9 +213,11 @@ protected:
         stats.publish();
         ASSERT_TRUE(QTest::qWaitFor([&] { return !stats.busy(); }, 35000));
     }
-    QByteArray get(const QString& url, int* status) {
+    QByteArray get(const QString& url, int* status, const QString& token = {}) {
         QNetworkAccessManager nam;
-        std::unique_ptr<QNetworkReply> reply(nam.get(QNetworkRequest(QUrl(url))));
+        QNetworkRequest request{QUrl(url)};
+        if (!token.isEmpty()) request.setRawHeader("Authorization", "Bearer " + token.toUtf8());
+        std::unique_ptr<QNetworkReply> reply(nam.get(request));
         EXPECT_TRUE(QTest::qWaitFor([&] { return reply->isFinished(); }, 10000));
         *status = reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt();
         return reply->readAll();
@@ -252,9 +262,15 @@ TEST_F(ServiceTest, SignInRejectedThenAcceptedAndCheckedOnTheNextStart) {
     EXPECT_EQ(later.accountStatus(), "Signed in as owner@example.org");
 }
 
-TEST_F(ServiceTest, ARejectedSignInCheckForgetsTheToken) {
+TEST_F(ServiceTest, ATokenTheServiceRefusesIsForgottenOnTheCheckAndOnSignOut) {
     ASSERT_TRUE(Store::setToken(base_, QString("not-a-token-the-service-gave")));
     AccountModel m;
+    ASSERT_TRUE(QTest::qWaitFor([&] { return !m.working(); }, 35000));
+    EXPECT_EQ(m.accountStatus(), "Not signed in.");
+    EXPECT_FALSE(Store::token(base_));
+
+    ASSERT_TRUE(Store::setToken(base_, QString("not-a-token-the-service-gave")));
+    m.signOut();  // refused by the service, forgotten here all the same
     ASSERT_TRUE(QTest::qWaitFor([&] { return !m.working(); }, 35000));
     EXPECT_EQ(m.accountStatus(), "Not signed in.");
     EXPECT_FALSE(Store::token(base_));
@@ -293,11 +309,16 @@ TEST_F(ServiceTest, PublishShowsThePageGuardsTheDriveAndNeedsASignIn) {
     publish(stats);
     EXPECT_TRUE(stats.status().startsWith("That drive belongs to another account. To publish it, sign in"));
 
+    QString token = Store::token(base_).value_or(QString());
+    get(base_ + "/api/v1/me", &status, token);
+    ASSERT_EQ(status, 200);
     account.signOut();
     ASSERT_TRUE(QTest::qWaitFor([&] { return !account.working(); }, 5000));
     EXPECT_EQ(account.accountStatus(), "Not signed in.");
     EXPECT_FALSE(account.signedIn());
     EXPECT_FALSE(Store::token(base_));
+    get(base_ + "/api/v1/me", &status, token);
+    EXPECT_EQ(status, 401);  // the service was told which token to revoke
     publish(stats);
     EXPECT_EQ(stats.status(), kSignInFirst);
 }

@@ -82,11 +82,10 @@ protected:
     static constexpr const char* kPassword = "correct horse battery staple";
 
     // tls: serve HTTPS with a certificate made now by the openssl command.
-    void start(bool tls = false) {
+    void start(bool tls = false, FrontOptions front_options = {}) {
         storage_ = std::make_unique<SqliteStorage>(dir_ / "accounts.db");
         for (const char* who : {"owner@example.org", "other@example.org"})
             ASSERT_TRUE(storage_->add_account(who, hash_password(kPassword, PasswordCost::fastest())));
-        FrontOptions front_options;
         if (tls) {
             front_options.tls_cert = dir_ / "cert.pem";
             front_options.tls_key = dir_ / "key.pem";

@@ -147,14 +147,19 @@ std::string without_trailing_slashes(std::string url) {
     return url;
 }
 
-// SIGINT and SIGTERM end the service cleanly, so the database is closed properly. Called before
-// any other thread starts, so that every thread inherits the blocked signals.
-std::thread stop_on_signal(HttpFront& front) {
+sigset_t stop_signals() {
     sigset_t set;
     sigemptyset(&set);
     sigaddset(&set, SIGINT);
     sigaddset(&set, SIGTERM);
-    pthread_sigmask(SIG_BLOCK, &set, nullptr);
+    return set;
+}
+
+// SIGINT and SIGTERM end the service cleanly, so the database is closed properly. They are
+// blocked before any thread starts (the storage starts some), so that every thread inherits that
+// and only this one takes them; one sent meanwhile waits for it.
+std::thread stop_on_signal(HttpFront& front) {
+    sigset_t set = stop_signals();
     return std::thread([set, &front] {
         int sig = 0;
         sigwait(&set, &sig);
@@ -163,6 +168,8 @@ std::thread stop_on_signal(HttpFront& front) {
 }
 
 int serve(const Arguments& a) {
+    sigset_t stops = stop_signals();
+    pthread_sigmask(SIG_BLOCK, &stops, nullptr);
     auto [host, port] = split_address(a.listen);
     bool tls = !a.tls_cert.empty();
     if (!tls && !is_loopback(host))

@@ -55,10 +55,11 @@ CREATE TABLE published (
 );
 )",
     R"(
-ALTER TABLE tokens ADD COLUMN last_used BIGINT;
-UPDATE tokens SET last_used = created;
-ALTER TABLE tokens ALTER COLUMN last_used SET NOT NULL;
-CREATE INDEX tokens_by_last_used ON tokens(last_used);
+ALTER TABLE tokens ADD COLUMN last_used BIGINT NOT NULL DEFAULT 0;
+ALTER TABLE tokens ALTER COLUMN last_used DROP DEFAULT;
+-- No use was recorded before: the idle time starts with the upgrade.
+UPDATE tokens SET last_used = extract(epoch FROM now())::bigint;
+CREATE INDEX tokens_by_use ON tokens(last_used);
 DROP TABLE login_failures;
 CREATE TABLE login_attempts (
   id BIGINT GENERATED ALWAYS AS IDENTITY PRIMARY KEY,
@@ -232,9 +233,9 @@ Result exec(Connection& c, const Sql& sql, const Params& p = Params()) {
         values.push_back(v.data());
         lengths.push_back(int(v.size()));
     }
-    return checked(c,
-                   PQexecPrepared(c.pg, sql.name, int(values.size()), values.data(), lengths.data(), p.formats.data(), 1),
-                   sql.changes);
+    PGresult* r =
+        PQexecPrepared(c.pg, sql.name, int(values.size()), values.data(), lengths.data(), p.formats.data(), 1);
+    return checked(c, r, sql.changes);
 }
 
 int64_t integer(const PGresult* r, int row, int col) {
@@ -307,13 +308,13 @@ bool usable(const Connection& c) {
     return poll(&p, 1, 0) == 0;
 }
 
-const Sql kAddAccount{"add_account",
-                      "INSERT INTO accounts (email, password_hash) VALUES ($1, $2) ON CONFLICT (email) DO NOTHING", true};
+const Sql kAddAccount{
+    "add_account", "INSERT INTO accounts (email, password_hash) VALUES ($1, $2) ON CONFLICT (email) DO NOTHING", true};
 const Sql kAccountByEmail{"account_by_email", "SELECT id, email, password_hash FROM accounts WHERE email = $1", false};
 // $2 now, $3 only tokens used after this, $4 touched only when last used before this.
 const Sql kAccountByToken{"account_by_token", R"(
 WITH found AS (SELECT account_id FROM tokens WHERE token_sha256 = $1 AND last_used > $3),
-     touched AS (UPDATE tokens SET last_used = $2 WHERE token_sha256 = $1 AND last_used > $3 AND last_used < $4)
+     touched AS (UPDATE tokens SET last_used = $2 WHERE token_sha256 = $1 AND last_used > $3 AND last_used <= $4)
 SELECT a.id, a.email, a.password_hash FROM found JOIN accounts a ON a.id = found.account_id)",
                           true};
 const Sql kAddToken{"add_token",
@@ -330,7 +331,8 @@ const Sql kLockSignIns{"lock_sign_ins", "SELECT pg_advisory_xact_lock($1, hashte
 const Sql kCountAttempts{"count_attempts", R"(
 WITH by_email AS (SELECT address, at FROM login_attempts WHERE email = $1 AND at > $3),
      by_address AS (SELECT at FROM login_attempts WHERE address = $2 AND at > $3)
-SELECT (SELECT count(*) FROM by_email WHERE address = $2), (SELECT coalesce(min(at), 0) FROM by_email WHERE address = $2),
+SELECT (SELECT count(*) FROM by_email WHERE address = $2),
+       (SELECT coalesce(min(at), 0) FROM by_email WHERE address = $2),
        (SELECT count(*) FROM by_address), (SELECT coalesce(min(at), 0) FROM by_address),
        (SELECT count(*) FROM by_email), (SELECT coalesce(min(at), 0) FROM by_email),
        EXISTS (SELECT 1 FROM login_known WHERE email = $1 AND address = $2 AND at > $4))",
@@ -471,7 +473,8 @@ PgStorage::Lease PgStorage::acquire() {
 }
 
 void PgStorage::release(std::unique_ptr<Connection> c) {
-    if (PQstatus(c->pg) == CONNECTION_OK && PQtransactionStatus(c->pg) != PQTRANS_IDLE) PQclear(PQexec(c->pg, "ROLLBACK"));
+    if (PQstatus(c->pg) == CONNECTION_OK && PQtransactionStatus(c->pg) != PQTRANS_IDLE)
+        PQclear(PQexec(c->pg, "ROLLBACK"));
     std::lock_guard lock(mutex_);
     idle_.push_back(std::move(c));
     returned_.notify_one();
@@ -534,8 +537,9 @@ void PgStorage::add_token(int64_t account, const std::string& token_sha256, int6
 }
 
 bool PgStorage::revoke_token(const std::string& token_sha256) {
-    return run(Retry::BeforeCommit,
-               [&](Connection& c) { return changed_one_row(exec(c, kRevokeToken, Params().bytes(token_sha256)).get()); });
+    return run(Retry::BeforeCommit, [&](Connection& c) {
+        return changed_one_row(exec(c, kRevokeToken, Params().bytes(token_sha256)).get());
+    });
 }
 
 void PgStorage::prune_logins(Connection& c, int64_t now, const LoginLimits& limits) {
@@ -552,7 +556,8 @@ LoginReservation PgStorage::reserve_login(const std::string& email, const std::s
         exec(c, kLockSignIns,
              Params().integer(kEmailLockClass).bytes(email).integer(kAddressLockClass).bytes(address));
         Result n = exec(c, kCountAttempts,
-                        Params().bytes(email).bytes(address).integer(now - limits.window).integer(now - limits.known_for));
+                        Params().bytes(email).bytes(address).integer(now - limits.window).integer(
+                            now - limits.known_for));
         auto refusal = [&](LoginReservation::Refusal why, int col) {
             return LoginReservation{why, 0, std::max<int64_t>(1, integer(n.get(), 0, col + 1) + limits.window - now)};
         };

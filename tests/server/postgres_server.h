@@ -1,0 +1,204 @@
+// A private PostgreSQL server for tests: a fresh cluster in a temporary folder, listening on
+// 127.0.0.1 only, on a free port, tuned for speed instead of durability. One per test binary,
+// started on first use; each test takes a new database of its own. A watchdog process removes the
+// server and its folder when the test binary ends, however it ends.
+#pragma once
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <libpq-fe.h>
+#include <netinet/in.h>
+#include <pwd.h>
+#include <spawn.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <mutex>
+#include <sstream>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+extern char** environ;
+
+class PostgresServer {
+public:
+    PostgresServer() {
+        why_not_ = start();
+        if (!available() && watchdog_ <= 0 && !dir_.empty()) std::filesystem::remove_all(dir_);
+    }
+    ~PostgresServer() { stop(); }
+    PostgresServer(const PostgresServer&) = delete;
+    PostgresServer& operator=(const PostgresServer&) = delete;
+
+    bool available() const { return why_not_.empty(); }
+    const std::string& why_not() const { return why_not_; }
+
+    // A new, empty database: its name, or as a URI that PgStorage and open_storage take.
+    std::string new_database() {
+        std::string name = "qm_test_" + std::to_string(++databases_);
+        sql("CREATE DATABASE " + name);
+        return name;
+    }
+    std::string new_database_uri() { return uri(new_database()); }
+
+    // Runs statement as the superuser in database; the first value of its first row ("" when
+    // none). Throws std::runtime_error when it fails.
+    std::string sql(const std::string& statement, const std::string& database = "postgres") {
+        std::lock_guard lock(mutex_);
+        if (!available()) throw std::runtime_error("PostgreSQL did not start: " + why_not_);
+        PGconn* c = PQconnectdb(uri(database).c_str());
+        PGresult* r = PQstatus(c) == CONNECTION_OK ? PQexec(c, statement.c_str()) : nullptr;
+        ExecStatusType status = r ? PQresultStatus(r) : PGRES_FATAL_ERROR;
+        std::string value = status == PGRES_TUPLES_OK && PQntuples(r) > 0 ? PQgetvalue(r, 0, 0) : "";
+        std::string error = PQerrorMessage(c);
+        PQclear(r);
+        PQfinish(c);
+        if (status != PGRES_TUPLES_OK && status != PGRES_COMMAND_OK)
+            throw std::runtime_error(statement + " failed: " + error);
+        return value;
+    }
+
+    std::string uri(const std::string& database) const {
+        return "postgresql://qm@127.0.0.1:" + std::to_string(port_) + "/" + database;
+    }
+
+private:
+    std::string start() {
+        std::string bin = "/usr/lib/postgresql/15/bin";
+        if (access((bin + "/initdb").c_str(), X_OK) != 0) return bin + "/initdb is not there";
+        std::string tmpl = (std::filesystem::temp_directory_path() / "qm-pg-XXXXXX").string();
+        if (!mkdtemp(tmpl.data())) return "cannot make a temporary folder";
+        dir_ = tmpl;
+        // The server refuses to run as root: it runs as the postgres user, in a folder it owns.
+        if (geteuid() == 0) {
+            passwd* pw = getpwnam("postgres");
+            if (!pw) return "running as root, and there is no postgres user to run the server as";
+            if (chown(dir_.c_str(), pw->pw_uid, pw->pw_gid) != 0) return "cannot hand " + dir_ + " to postgres";
+            as_server_ = {"/usr/sbin/runuser", "-u", "postgres", "--"};
+        }
+        if (std::string why = start_watchdog(bin); !why.empty()) return why;
+        std::string data = dir_ + "/data";
+        if (run({bin + "/initdb", "-D", data, "-U", "qm", "-A", "trust", "-E", "UTF8", "--no-locale", "--no-sync",
+                 "--no-instructions"},
+                dir_ + "/initdb.log") != 0)
+            return "initdb failed: " + tail(dir_ + "/initdb.log");
+        std::ofstream(data + "/postgresql.conf", std::ios::app)
+            << "listen_addresses = '127.0.0.1'\nunix_socket_directories = '" << dir_ << "'\n"
+            << "fsync = off\nsynchronous_commit = off\nfull_page_writes = off\nmax_connections = 200\n"
+            << "shared_buffers = 32MB\n";
+        // The free port is found before the server takes it; another program may win the race.
+        for (int tries = 0; tries < 3; ++tries) {
+            port_ = free_port();
+            std::ofstream(data + "/postgresql.conf", std::ios::app) << "port = " << port_ << "\n";
+            if (run({bin + "/pg_ctl", "-D", data, "-l", dir_ + "/server.log", "-w", "-t", "60", "start"},
+                    dir_ + "/pg_ctl.log") == 0)
+                return "";
+        }
+        return "the server did not start: " + tail(dir_ + "/server.log");
+    }
+
+    void stop() {
+        if (watchdog_ <= 0) return;
+        close(watchdog_pipe_);  // the watchdog takes it from here
+        waitpid(watchdog_, nullptr, 0);
+        watchdog_ = 0;
+    }
+
+    // A shell that waits for this process to end (its end of a pipe closes), then stops the server
+    // immediately and removes the folder. In a session of its own, so that Ctrl-C spares it.
+    std::string start_watchdog(const std::string& bin) {
+        int fds[2];
+        if (pipe2(fds, O_CLOEXEC) != 0) return "cannot make a pipe";
+        std::string as;
+        for (const std::string& word : as_server_) as += word + " ";
+        std::string script = "read _; " + as + bin + "/pg_ctl -D " + dir_ + "/data stop -m immediate >/dev/null 2>&1; "
+                             "rm -rf " + dir_;
+        posix_spawn_file_actions_t actions;
+        posix_spawn_file_actions_init(&actions);
+        posix_spawn_file_actions_adddup2(&actions, fds[0], 0);
+        posix_spawn_file_actions_addopen(&actions, 1, "/dev/null", O_WRONLY, 0);
+        posix_spawnattr_t attr;
+        posix_spawnattr_init(&attr);
+        posix_spawnattr_setflags(&attr, POSIX_SPAWN_SETSID);
+        const char* argv[] = {"/bin/sh", "-c", script.c_str(), nullptr};
+        int rc = posix_spawn(&watchdog_, "/bin/sh", &actions, &attr, const_cast<char**>(argv), environ);
+        posix_spawn_file_actions_destroy(&actions);
+        posix_spawnattr_destroy(&attr);
+        close(fds[0]);
+        watchdog_pipe_ = fds[1];
+        if (rc != 0) {
+            watchdog_ = 0;
+            std::filesystem::remove_all(dir_);
+            return "cannot start the cleanup process";
+        }
+        return "";
+    }
+
+    // Runs a program as the server's user, its output into log; its exit status.
+    int run(const std::vector<std::string>& args, const std::string& log) {
+        std::vector<std::string> all = as_server_;
+        all.insert(all.end(), args.begin(), args.end());
+        std::vector<char*> argv;
+        for (std::string& a : all) argv.push_back(a.data());
+        argv.push_back(nullptr);
+        posix_spawn_file_actions_t actions;
+        posix_spawn_file_actions_init(&actions);
+        posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
+        posix_spawn_file_actions_addopen(&actions, 1, log.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+        posix_spawn_file_actions_adddup2(&actions, 1, 2);
+        pid_t pid = 0;
+        int rc = posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), environ);
+        posix_spawn_file_actions_destroy(&actions);
+        int status = 0;
+        if (rc != 0 || waitpid(pid, &status, 0) != pid) return -1;
+        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    }
+
+    static int free_port() {
+        int s = socket(AF_INET, SOCK_STREAM, 0);
+        sockaddr_in a{};
+        a.sin_family = AF_INET;
+        a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        socklen_t n = sizeof a;
+        int port = bind(s, reinterpret_cast<sockaddr*>(&a), n) == 0 &&
+                           getsockname(s, reinterpret_cast<sockaddr*>(&a), &n) == 0
+                       ? ntohs(a.sin_port)
+                       : 0;
+        close(s);
+        return port;
+    }
+
+    static std::string tail(const std::string& path) {
+        std::ifstream f(path);
+        std::stringstream all;
+        all << f.rdbuf();
+        std::string text = all.str();
+        return text.size() > 600 ? "..." + text.substr(text.size() - 600) : text;
+    }
+
+    std::string dir_, why_not_;
+    std::vector<std::string> as_server_;
+    pid_t watchdog_ = 0;
+    int watchdog_pipe_ = -1;
+    int port_ = 0;
+    std::atomic<int> databases_{0};
+    std::mutex mutex_;
+};
+
+inline PostgresServer& shared_postgres() {
+    static PostgresServer server;
+    return server;
+}
+
+// At the top of a test that needs the server.
+#define SKIP_WITHOUT_POSTGRES()                                                                   \
+    if (!shared_postgres().available()) {                                                         \
+        std::printf("SKIPPED: PostgreSQL could not start: %s\n", shared_postgres().why_not().c_str()); \
+        GTEST_SKIP() << "PostgreSQL could not start: " << shared_postgres().why_not();            \
+    }

@@ -1,0 +1,22 @@
+# Runs at install time of the server component, once the prefix is known: the units must name
+# qm-server by the full path it ends up at. One source makes both qm-server.service and the
+# template qm-server@.service, whose instance name is the loopback port it listens on.
+string(REGEX REPLACE "/+$" "" qm_prefix "${CMAKE_INSTALL_PREFIX}")
+set(QM_SERVER_INSTALLED "${qm_prefix}/${QM_BINDIR}/qm-server")
+file(READ "${QM_SERVER_UNIT_IN}" qm_unit_in)
+foreach(qm_unit qm-server qm-server@)
+  if(qm_unit STREQUAL "qm-server@")
+    set(QM_UNIT_ROLE "qm-server@PORT.service: one of several instances, on 127.0.0.1:PORT (its --listen comes last and wins).")
+    set(QM_UNIT_DESCRIPTION " on port %i")
+    set(QM_UNIT_ARGS " --listen 127.0.0.1:%i")
+  else()
+    set(QM_UNIT_ROLE "One instance; qm-server@PORT.service runs several on one machine.")
+    set(QM_UNIT_DESCRIPTION "")
+    set(QM_UNIT_ARGS "")
+  endif()
+  string(CONFIGURE "${qm_unit_in}" qm_unit_text @ONLY)
+  set(qm_unit_file "$ENV{DESTDIR}${qm_prefix}/lib/systemd/system/${qm_unit}.service")
+  message(STATUS "Installing: ${qm_unit_file}")
+  file(WRITE "${qm_unit_file}" "${qm_unit_text}")
+  list(APPEND CMAKE_INSTALL_MANIFEST_FILES "${qm_unit_file}")
+endforeach()

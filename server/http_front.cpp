@@ -38,6 +38,9 @@ constexpr const char* kTlsPriorities =
     "NORMAL:-VERS-ALL:+VERS-TLS1.3:+VERS-TLS1.2:-KX-ALL:+ECDHE-ECDSA:+ECDHE-RSA:"
     "-CIPHER-ALL:+AES-256-GCM:+CHACHA20-POLY1305:+AES-128-GCM:-MAC-ALL:+AEAD:%SERVER_PRECEDENCE";
 constexpr const char* kHsts = "max-age=63072000";
+// A body over the limit but under this is read to its end and dropped before the 413: a client
+// that sends its body before reading (most do) would otherwise meet a reset, not the message.
+constexpr uint64_t kMaxDiscarded = 4 * Service::kMaxBody;
 
 // What the front answers on its own still gets a message a person can act on.
 const char* library_error_text(int status) {
@@ -235,6 +238,8 @@ private:
 struct Exchange {
     ServiceRequest request;
     std::optional<ServiceResponse> answer;  // set by a worker before the connection resumes
+    uint64_t dropped = 0;                   // bytes of a body over the limit, read and not kept
+    bool too_large = false;
 };
 
 MHD_Result keep_first(void* cls, MHD_ValueKind, const char* key, const char* value) {
@@ -281,6 +286,7 @@ struct HttpFront::Impl {
         }
         if (*upload_size) return take_body(*x, upload, upload_size);
         if (x->answer) return f.queue(c, *x->answer);
+        if (x->too_large) return f.queue(c, error_response(413));
         return f.hand_over(c, *x);
     }
 
@@ -317,8 +323,15 @@ struct HttpFront::Impl {
         if (!length.empty()) {
             uint64_t n = 0;
             auto [end, ec] = std::from_chars(length.data(), length.data() + length.size(), n);
-            if (ec != std::errc() || n > Service::kMaxBody) return queue(c, error_response(413));
-            x.request.body.reserve(size_t(n));
+            if (ec != std::errc() || end != length.data() + length.size()) return queue(c, error_response(400));
+            if (n > Service::kMaxBody) {
+                // Far too large, or the client waits for our word before sending: answer now,
+                // and the library closes the connection.
+                if (n > kMaxDiscarded || !header(c, MHD_HTTP_HEADER_EXPECT).empty()) return queue(c, error_response(413));
+                x.too_large = true;
+            }
+            // Not all of it: a client announcing 1 MiB and sending nothing must not hold 1 MiB.
+            x.request.body.reserve(size_t(std::min<uint64_t>(n, 64 * 1024)));
         }
         ServiceRequest& r = x.request;
         r.method = std::strcmp(method, MHD_HTTP_METHOD_HEAD) == 0 ? "GET" : method;  // the library drops the body
@@ -331,13 +344,18 @@ struct HttpFront::Impl {
         return MHD_YES;
     }
 
-    // Content-Length was checked already; a chunked body that outgrows the limit cannot be
-    // answered mid-body by this library, so its connection is closed instead.
+    // The library cannot answer in the middle of a body: one over the limit is dropped as it
+    // comes and answered 413 at its end, or its connection closed once it passes kMaxDiscarded.
     static MHD_Result take_body(Exchange& x, const char* data, size_t* size) {
-        if (x.request.body.size() + *size > Service::kMaxBody) return MHD_NO;
-        x.request.body.append(data, *size);
+        if (!x.too_large && x.request.body.size() + *size > Service::kMaxBody) {
+            x.too_large = true;
+            x.dropped = x.request.body.size();
+            std::string().swap(x.request.body);
+        }
+        if (x.too_large) x.dropped += *size;
+        else x.request.body.append(data, *size);
         *size = 0;
-        return MHD_YES;
+        return x.dropped > kMaxDiscarded ? MHD_NO : MHD_YES;
     }
 
     // The request is whole: a worker answers it while the connection waits, costing no thread.

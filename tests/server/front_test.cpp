@@ -113,7 +113,9 @@ TEST_F(Front, OversizedRequestsAreRefusedBeforeTheyAreRead) {
         {"more header lines than allowed", many_lines + "\r\n", "", 431},
         {"header lines without end", kMe, many_lines.substr(kMe.size()), 0},
         {"one endless header line", kMe + "X-Long: ", std::string(4096, 'a'), 0},
-        {"a body announced as over 1 MiB", "POST /api/v1/auth/login HTTP/1.1\r\nHost: x\r\nContent-Length: 2000000\r\n\r\n", "", 413},
+        {"a body announced as far over 1 MiB", "POST /api/v1/auth/login HTTP/1.1\r\nHost: x\r\nContent-Length: 99000000\r\n\r\n", "", 413},
+        {"a body over 1 MiB waiting for 100 Continue",
+         "POST /api/v1/auth/login HTTP/1.1\r\nHost: x\r\nExpect: 100-continue\r\nContent-Length: 2000000\r\n\r\n", "", 413},
     };
     for (const Case& c : cases) {
         RawClient client(port_, "127.0.0.1");

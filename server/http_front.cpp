@@ -312,7 +312,7 @@ struct HttpFront::Impl {
         if (++f.logged_in_window > 10) return;
         std::fputs("qm-server: http: ", stderr);
         std::vfprintf(stderr, format, args);
-        if (f.logged_in_window == 10) std::fputs("qm-server: http: (more messages this minute left out)\n", stderr);
+        if (f.logged_in_window == 10) std::fputs("qm-server: http: (no more of these messages this minute)\n", stderr);
     }
 
     // The headers are in: refuse what is too large before any body is read.

@@ -356,16 +356,15 @@ const Sql kRelabelDrive{"relabel_drive",
 const Sql kDriveOwner{"drive_owner", "SELECT owner FROM drives WHERE drive_id = $1", false};
 const Sql kDrive{"drive", "SELECT owner, upload_key, label FROM drives WHERE drive_id = $1", false};
 
-// Uploads of one drive wait for each other here; the published seq is read only after, in a
-// statement of its own, so that it includes what the upload waited for.
-const Sql kLockDrive{"lock_drive", "SELECT 1 FROM drives WHERE drive_id = $1 FOR UPDATE", false};
-const Sql kPublishedSeq{"published_seq", "SELECT seq FROM published WHERE drive_id = $1", false};
-const Sql kUploadSeen{"upload_seen",
-                      "SELECT 1 FROM uploads WHERE drive_id = $1 AND timestamp = $2 AND signature = $3", false};
-// Records the upload and, only when it is new, the statistics: no row changed means a replay.
+// Records the upload, unless it was seen before, and then the statistics, unless older ones than
+// those stored. Both tests hold across processes: a second insert of the same upload waits for
+// the first one's transaction, and ON CONFLICT DO UPDATE locks the stored row and tests its
+// latest version, even one committed after this statement began. Answers how many uploads and
+// statistics were written.
 const Sql kPublish{"publish", R"(
 WITH fresh AS (INSERT INTO uploads (drive_id, timestamp, signature) VALUES ($1, $2, $3)
-               ON CONFLICT DO NOTHING RETURNING drive_id)
+               ON CONFLICT DO NOTHING RETURNING drive_id),
+     stored AS (
 INSERT INTO published (drive_id, seq, sessions, write_secs, longest_secs, words, chars, sentences, newlines, saves,
                        created, streak_current, streak_best, days_written, days, published_at)
 SELECT drive_id, $4::bigint, $5::bigint, $6::bigint, $7::bigint, $8::bigint, $9::bigint, $10::bigint, $11::bigint,
@@ -375,7 +374,10 @@ ON CONFLICT (drive_id) DO UPDATE SET
   longest_secs = excluded.longest_secs, words = excluded.words, chars = excluded.chars,
   sentences = excluded.sentences, newlines = excluded.newlines, saves = excluded.saves, created = excluded.created,
   streak_current = excluded.streak_current, streak_best = excluded.streak_best,
-  days_written = excluded.days_written, days = excluded.days, published_at = excluded.published_at)",
+  days_written = excluded.days_written, days = excluded.days, published_at = excluded.published_at
+WHERE published.seq <= excluded.seq
+RETURNING 1)
+SELECT (SELECT count(*) FROM fresh), (SELECT count(*) FROM stored))",
                    false};
 const Sql kPruneUploads{"prune_uploads", "DELETE FROM uploads WHERE timestamp < $1", false};
 const Sql kPublished{"published", R"(
@@ -580,18 +582,24 @@ void PgStorage::login_succeeded(int64_t attempt, const std::string& email, const
 
 RegisterResult PgStorage::register_drive(const DriveRecord& d) {
     return run(Retry::BeforeCommit, [&](Connection& c) {
-        // Drives are never deleted and their owner and key never change, so each step stands alone.
-        if (changed_one_row(
+        Transaction tx(c);
+        RegisterResult result = RegisterResult::Created;
+        if (!changed_one_row(
                 exec(c, kInsertDrive, Params().bytes(d.drive_id).integer(d.owner).bytes(d.upload_key).bytes(d.label))
-                    .get()))
-            return RegisterResult::Created;
-        if (changed_one_row(
-                exec(c, kRelabelDrive, Params().bytes(d.label).bytes(d.drive_id).integer(d.owner).bytes(d.upload_key))
-                    .get()))
-            return RegisterResult::Updated;
-        Result owner = exec(c, kDriveOwner, Params().bytes(d.drive_id));
-        return PQntuples(owner.get()) > 0 && integer(owner.get(), 0, 0) == d.owner ? RegisterResult::KeyDiffers
-                                                                                    : RegisterResult::OwnedByAnother;
+                    .get())) {
+            // Only the label can change, and only for the owner: the key stays the one first registered.
+            Params relabel;
+            relabel.bytes(d.label).bytes(d.drive_id).integer(d.owner).bytes(d.upload_key);
+            result = RegisterResult::Updated;
+            if (!changed_one_row(exec(c, kRelabelDrive, relabel).get())) {
+                Result owner = exec(c, kDriveOwner, Params().bytes(d.drive_id));
+                return PQntuples(owner.get()) > 0 && integer(owner.get(), 0, 0) == d.owner
+                           ? RegisterResult::KeyDiffers
+                           : RegisterResult::OwnedByAnother;
+            }
+        }
+        tx.commit();
+        return result;
     });
 }
 
@@ -611,18 +619,15 @@ PublishResult PgStorage::publish(const Upload& up, const PublishedStats& st, int
     return run(Retry::BeforeCommit, [&](Connection& c) {
         prune_uploads(c, now, forget_before);
         Transaction tx(c);
-        exec(c, kLockDrive, Params().bytes(up.drive_id));
-        Result last = exec(c, kPublishedSeq, Params().bytes(up.drive_id));
-        if (PQntuples(last.get()) > 0 && int64_t(st.seq) < integer(last.get(), 0, 0)) {
-            Result seen = exec(c, kUploadSeen, Params().bytes(up.drive_id).integer(up.timestamp).bytes(up.signature));
-            return PQntuples(seen.get()) > 0 ? PublishResult::Replayed : PublishResult::OlderSeq;
-        }
         Params p;
         p.bytes(up.drive_id).integer(up.timestamp).bytes(up.signature).integer(st.seq);
         for (uint32_t counter : st.counters) p.integer(counter);
         p.integer(st.streak_current).integer(st.streak_best).integer(st.days_written).bytes(pack_days(st.days));
         p.integer(now);
-        if (!changed_one_row(exec(c, kPublish, p).get())) return PublishResult::Replayed;
+        Result written = exec(c, kPublish, p);
+        if (integer(written.get(), 0, 0) == 0) return PublishResult::Replayed;
+        // Rolled back, so that the refused upload is not remembered as seen.
+        if (integer(written.get(), 0, 1) == 0) return PublishResult::OlderSeq;
         tx.commit();
         return PublishResult::Accepted;
     });

@@ -17,6 +17,7 @@
 namespace {
 
 enum class Backend { Sqlite, Postgres };
+void PrintTo(Backend b, std::ostream* out) { *out << (b == Backend::Sqlite ? "SQLite" : "PostgreSQL"); }
 
 constexpr int64_t kNow = 1'700'000'000;
 constexpr int64_t kDay = 86400;

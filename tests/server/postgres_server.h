@@ -231,6 +231,15 @@ inline PostgresServer& shared_postgres() {
     return server;
 }
 
+// The two databases the service runs on; tests that hold for both run once on each.
+enum class Backend { Sqlite, Postgres };
+inline void PrintTo(Backend b, std::ostream* out) { *out << (b == Backend::Sqlite ? "SQLite" : "PostgreSQL"); }
+inline std::string backend_name(const ::testing::TestParamInfo<Backend>& info) {
+    return info.param == Backend::Sqlite ? "Sqlite" : "Postgres";
+}
+#define ON_BOTH_BACKENDS(suite) \
+    INSTANTIATE_TEST_SUITE_P(Backends, suite, ::testing::Values(Backend::Sqlite, Backend::Postgres), backend_name)
+
 // At the top of a test that needs the server.
 #define SKIP_WITHOUT_POSTGRES()                                                                   \
     if (!shared_postgres().available()) {                                                         \

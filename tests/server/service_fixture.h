@@ -17,7 +17,8 @@
 #include "passwords.h"
 #include "qm_core.h"
 #include "service.h"
-#include "sqlite_storage.h"
+#include "open_storage.h"
+#include "postgres_server.h"
 #include "statistics.h"
 #include "temp_dir.h"
 
@@ -83,7 +84,12 @@ protected:
 
     // tls: serve HTTPS with a certificate made now by the openssl command.
     void start(bool tls = false, FrontOptions front_options = {}) {
-        storage_ = std::make_unique<SqliteStorage>(dir_ / "accounts.db");
+        if (backend_ == Backend::Postgres) {
+            SKIP_WITHOUT_POSTGRES();
+            storage_ = open_storage(shared_postgres().new_database_uri());
+        } else {
+            storage_ = open_storage(dir_ / "accounts.db");
+        }
         for (const char* who : {"owner@example.org", "other@example.org"})
             ASSERT_TRUE(storage_->add_account(who, hash_password(kPassword, PasswordCost::fastest())));
         if (tls) {
@@ -170,7 +176,8 @@ protected:
     }
 
     TempDir dir_;
-    std::unique_ptr<SqliteStorage> storage_;
+    Backend backend_ = Backend::Sqlite;
+    std::unique_ptr<Storage> storage_;
     std::unique_ptr<HttpFront> front_;
     std::unique_ptr<Service> service_;
     std::unique_ptr<httplib::Client> client_;

@@ -2,14 +2,24 @@
 #include <regex>
 
 #include "profile_page.h"
+#include "server_process.h"
 
 #include "service_fixture.h"
 
 namespace {
 
-using Sign = ServiceFixture;
+// The service's behaviour is the same whichever database keeps its records.
+class OnBothBackends : public ServiceFixture, public ::testing::WithParamInterface<Backend> {
+protected:
+    void SetUp() override {
+        backend_ = GetParam();
+        ServiceFixture::SetUp();
+    }
+};
 
-TEST_F(Sign, InGivesATokenThatNamesTheAccountAndWrongDetailsGetOneMessage) {
+using Sign = OnBothBackends;
+
+TEST_P(Sign, InGivesATokenThatNamesTheAccountAndWrongDetailsGetOneMessage) {
     std::string token = sign_in("Owner@Example.org ");
     EXPECT_TRUE(std::regex_match(token, std::regex("[0-9a-f]{64}"))) << token;
     Answer me = get("/api/v1/me", token);
@@ -30,7 +40,7 @@ TEST_F(Sign, InGivesATokenThatNamesTheAccountAndWrongDetailsGetOneMessage) {
     }
 }
 
-TEST_F(Sign, InRefusesBodiesThatAreNotTheTwoFields) {
+TEST_P(Sign, InRefusesBodiesThatAreNotTheTwoFields) {
     for (const char* body : {"", "{", "[]", "{\"email\":\"owner@example.org\"}", "{\"email\":1,\"password\":\"x\"}",
                              "{\"email\":\"a\",\"password\":\"b\",\"email\":\"c\"}"}) {
         Answer a = post("/api/v1/auth/login", body);
@@ -39,7 +49,7 @@ TEST_F(Sign, InRefusesBodiesThatAreNotTheTwoFields) {
     }
 }
 
-TEST_F(Sign, InBacksOffTheSourceOfFailuresNotTheAccount) {
+TEST_P(Sign, InBacksOffTheSourceOfFailuresNotTheAccount) {
     const std::string wrong = "{\"email\":\"owner@example.org\",\"password\":\"guess\"}";
     const std::string right = std::string("{\"email\":\"owner@example.org\",\"password\":\"") + kPassword + "\"}";
     // The owner signs in from home once; a burst of guesses then comes from elsewhere, all at once.
@@ -76,7 +86,7 @@ TEST_F(Sign, InBacksOffTheSourceOfFailuresNotTheAccount) {
     EXPECT_EQ(handle_from("198.51.100.1", "/api/v1/auth/login", right).status, 200);
 }
 
-TEST_F(Sign, InRefusesOverlongFieldsBeforeAnyWork) {
+TEST_P(Sign, InRefusesOverlongFieldsBeforeAnyWork) {
     for (auto [email, password] : {std::pair{std::string(255, 'a'), std::string("x")},
                                    std::pair{std::string(1 << 19, 'a'), std::string("x")},
                                    std::pair{std::string("owner@example.org"), std::string(1025, 'p')}}) {
@@ -85,11 +95,11 @@ TEST_F(Sign, InRefusesOverlongFieldsBeforeAnyWork) {
         EXPECT_NE(a.message().find("longer than"), std::string::npos) << a.body;
     }
     // Nothing was counted against anyone: the owner's ten tries are all still there.
-    EXPECT_EQ(storage_->reserve_login("owner@example.org", "unknown", unix_now(), LoginLimits{.per_source = 1}).refused,
+    EXPECT_EQ(storage_->reserve_login("owner@example.org", "127.0.0.1", unix_now(), LoginLimits{.per_source = 1}).refused,
               LoginReservation::None);
 }
 
-TEST_F(Sign, InEndsWhenSignedOutOrUnusedFor90Days) {
+TEST_P(Sign, InEndsWhenSignedOutOrUnusedFor90Days) {
     std::string token = sign_in("owner@example.org"), kept = sign_in("owner@example.org");
     EXPECT_EQ(post("/api/v1/auth/logout", "", token).status, 200);
     EXPECT_EQ(get("/api/v1/me", token).status, 401);
@@ -106,9 +116,9 @@ TEST_F(Sign, InEndsWhenSignedOutOrUnusedFor90Days) {
     EXPECT_EQ(get("/api/v1/me", kept).status, 401);
 }
 
-using Drives = ServiceFixture;
+using Drives = OnBothBackends;
 
-TEST_F(Drives, FirstAccountOwnsTheDriveAndNobodyElseChangesIt) {
+TEST_P(Drives, FirstAccountOwnsTheDriveAndNobodyElseChangesIt) {
     DeckDrive drive;
     std::string owner = sign_in("owner@example.org"), other = sign_in("other@example.org");
     EXPECT_EQ(register_drive(drive, owner).status, 200);
@@ -127,7 +137,7 @@ TEST_F(Drives, FirstAccountOwnsTheDriveAndNobodyElseChangesIt) {
     EXPECT_EQ(register_drive(drive, std::string(64, 'b')).status, 401);
 }
 
-TEST_F(Drives, RegistrationRefusesMalformedRequests) {
+TEST_P(Drives, RegistrationRefusesMalformedRequests) {
     std::string token = sign_in("owner@example.org");
     const std::string id(32, 'a'), key(64, 'b');
     auto body = [](const std::string& i, const std::string& k) {
@@ -152,10 +162,11 @@ TEST_F(Drives, RegistrationRefusesMalformedRequests) {
     }
 }
 
-class Publish : public ServiceFixture {
+class Publish : public OnBothBackends {
 protected:
     void SetUp() override {
-        ServiceFixture::SetUp();
+        OnBothBackends::SetUp();
+        if (IsSkipped()) return;
         owner_ = sign_in("owner@example.org");
         ASSERT_EQ(register_drive(drive_, owner_).status, 200);
     }
@@ -163,7 +174,7 @@ protected:
     std::string owner_;
 };
 
-TEST_F(Publish, AcceptsTheDrivesExportAndShowsItsTotalsOnThePublicPage) {
+TEST_P(Publish, AcceptsTheDrivesExportAndShowsItsTotalsOnThePublicPage) {
     EXPECT_EQ(get("/d/" + drive_.id()).status, 404);
     Answer a = publish(drive_, owner_, drive_.export_json());
     ASSERT_EQ(a.status, 200) << a.body;
@@ -188,7 +199,7 @@ TEST_F(Publish, AcceptsTheDrivesExportAndShowsItsTotalsOnThePublicPage) {
     EXPECT_LE(cells, 53u * 7);
 }
 
-TEST_F(Publish, RefusesEveryUploadThatIsNotTheOwnersFreshSignedExport) {
+TEST_P(Publish, RefusesEveryUploadThatIsNotTheOwnersFreshSignedExport) {
     const std::string body = drive_.export_json();
     const std::string other = sign_in("other@example.org");
     const int64_t now = unix_now();
@@ -230,7 +241,7 @@ TEST_F(Publish, RefusesEveryUploadThatIsNotTheOwnersFreshSignedExport) {
     EXPECT_EQ(publish(drive_, owner_, body, now + 9).status, 200);
 }
 
-TEST_F(Publish, UnknownAddressesAndMethodsAnswerInJson) {
+TEST_P(Publish, UnknownAddressesAndMethodsAnswerInJson) {
     Answer nothing = get("/api/v2/me");
     EXPECT_EQ(nothing.status, 404);
     EXPECT_NE(nothing.message().find("nothing at this address"), std::string::npos);
@@ -239,6 +250,10 @@ TEST_F(Publish, UnknownAddressesAndMethodsAnswerInJson) {
     EXPECT_NE(method.message().find("GET"), std::string::npos);
     EXPECT_EQ(get("/d/not-a-drive").status, 404);
 }
+
+ON_BOTH_BACKENDS(Sign);
+ON_BOTH_BACKENDS(Drives);
+ON_BOTH_BACKENDS(Publish);
 
 class Https : public ServiceFixture {
 protected:
@@ -256,3 +271,52 @@ TEST_F(Https, ServesTheSameServiceWithACertificateMadeNow) {
 }
 
 }  // namespace
+
+// Two qm-server processes on one PostgreSQL database are one service: what one accepted or
+// counted, the other knows.
+TEST(TwoInstances, OnOneDatabaseRefuseReplaysAndCountSignInsTogether) {
+    const char* const kOwnerPassword = "correct horse battery staple";
+    SKIP_WITHOUT_POSTGRES();
+    std::string db = shared_postgres().new_database_uri();
+    std::string add = std::string("printf '%s' '") + kOwnerPassword + "' | " QM_SERVER_PATH " add-user --db '" +
+                      db + "' --fast-hash-for-tests owner@example.org >/dev/null";
+    ASSERT_EQ(std::system(add.c_str()), 0);
+    ServerProcess a(QM_SERVER_PATH, {"--db", db, "--fast-hash-for-tests"}), b(QM_SERVER_PATH, {"--db", db, "--fast-hash-for-tests"});
+    ASSERT_TRUE(a.port() && b.port());
+    httplib::Client to_a(a.url()), to_b(b.url());
+    auto login = [](httplib::Client& c, const std::string& password) {
+        auto r = c.Post("/api/v1/auth/login", "{\"email\":\"owner@example.org\",\"password\":\"" + password + "\"}",
+                        "application/json");
+        return r ? std::pair{r->status, r->body} : std::pair{0, std::string()};
+    };
+    auto [status, body] = login(to_a, kOwnerPassword);
+    ASSERT_EQ(status, 200) << body;
+    httplib::Headers auth{{"Authorization", "Bearer " + body.substr(10, 64)}};
+
+    DeckDrive drive;
+    ASSERT_EQ(to_b.Post("/api/v1/drives/register", auth,
+                        "{\"drive_id\":\"" + drive.id() + "\",\"k_upload\":\"" + drive.key() + "\",\"label\":\"D\"}",
+                        "application/json")->status, 200);
+    std::string ts = std::to_string(unix_now()), export_json = drive.export_json();
+    httplib::Headers signed_upload = auth;
+    signed_upload.emplace("X-QM-Timestamp", ts);
+    signed_upload.emplace("X-QM-Signature", drive.sign(ts, export_json));
+    std::string path = "/api/v1/drives/" + drive.id() + "/stats";
+    EXPECT_EQ(to_a.Post(path, signed_upload, export_json, "application/json")->status, 200);
+    EXPECT_EQ(to_b.Post(path, signed_upload, export_json, "application/json")->status, 409) << "replayed to the other";
+
+    // Wrong passwords in parallel, half to each: no more are evaluated than one source may try.
+    const LoginLimits limits;
+    std::atomic<int> evaluated{0};
+    std::vector<std::thread> burst;
+    for (int i = 0; i < 4 * limits.per_source; ++i)
+        burst.emplace_back([&, i] {
+            httplib::Client c(i % 2 ? b.url() : a.url());
+            evaluated += login(c, "guess").first == 401;
+        });
+    for (auto& t : burst) t.join();
+    EXPECT_EQ(evaluated, limits.per_source);
+
+    EXPECT_EQ(to_b.Post("/api/v1/auth/logout", auth, "", "application/json")->status, 200);
+    EXPECT_EQ(to_a.Get("/api/v1/me", auth)->status, 401) << "signed out at the other";
+}

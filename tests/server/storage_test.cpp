@@ -1,8 +1,10 @@
 // The storage as several service processes sharing one database need it, on SQLite and PostgreSQL
 // alike: two storage objects opened on one database stand for two processes.
 #include <gtest/gtest.h>
+#include <sqlite3.h>
 
 #include <atomic>
+#include <ctime>
 #include <barrier>
 #include <latch>
 #include <memory>
@@ -12,12 +14,10 @@
 #include "open_storage.h"
 #include "pg_storage.h"
 #include "postgres_server.h"
+#include "sqlite_storage.h"
 #include "temp_dir.h"
 
 namespace {
-
-enum class Backend { Sqlite, Postgres };
-void PrintTo(Backend b, std::ostream* out) { *out << (b == Backend::Sqlite ? "SQLite" : "PostgreSQL"); }
 
 constexpr int64_t kNow = 1'700'000'000;
 constexpr int64_t kDay = 86400;
@@ -208,8 +208,33 @@ TEST_P(StorageTest, AccountsAndDrivesAreTheSameForBothInstances) {
     EXPECT_FALSE(a_->drive(std::string(32, 'f')));
 }
 
-INSTANTIATE_TEST_SUITE_P(Backends, StorageTest, ::testing::Values(Backend::Sqlite, Backend::Postgres),
-                         [](const auto& info) { return info.param == Backend::Sqlite ? "Sqlite" : "Postgres"; });
+ON_BOTH_BACKENDS(StorageTest);
+
+// A file made by the first schema keeps its accounts and sign-ins; only failures are forgotten.
+TEST(SqliteStorage, UpgradesAFileOfTheFirstSchemaKeepingItsSignIns) {
+    TempDir dir;
+    sqlite3* db = nullptr;
+    ASSERT_EQ(sqlite3_open((dir / "old.db").c_str(), &db), SQLITE_OK);
+    ASSERT_EQ(sqlite3_exec(db, R"(
+        CREATE TABLE schema_version (version INTEGER NOT NULL); INSERT INTO schema_version VALUES (1);
+        CREATE TABLE accounts (id INTEGER PRIMARY KEY, email TEXT NOT NULL UNIQUE, password_hash TEXT NOT NULL);
+        CREATE TABLE tokens (token_sha256 BLOB PRIMARY KEY, account_id INTEGER NOT NULL REFERENCES accounts(id),
+                             created INTEGER NOT NULL) WITHOUT ROWID;
+        CREATE TABLE login_failures (email TEXT NOT NULL, at INTEGER NOT NULL);
+        INSERT INTO accounts VALUES (7, 'owner@example.org', 'hash');
+        INSERT INTO tokens VALUES (x'00ff', 7, 1000);
+        INSERT INTO login_failures VALUES ('owner@example.org', 1000);)",
+                           nullptr, nullptr, nullptr), SQLITE_OK);
+    sqlite3_close(db);
+    SqliteStorage upgraded(dir / "old.db");
+    int64_t now = std::time(nullptr);
+    auto account = upgraded.account_by_token(std::string("\0\xff", 2), now, 90 * kDay);
+    ASSERT_TRUE(account) << "a sign-in made before the upgrade ends 90 days after it, not after its creation";
+    EXPECT_EQ(account->email, "owner@example.org");
+    EXPECT_EQ(upgraded.reserve_login("owner@example.org", "192.0.2.1", now, LoginLimits{.per_source = 1}).refused,
+              LoginReservation::None);
+    EXPECT_FALSE(upgraded.account_by_token(std::string("\0\xff", 2), now + 91 * kDay, 90 * kDay));
+}
 
 TEST(PgStorage, InstancesStartingTogetherMigrateOnceAndANewerSchemaIsRefused) {
     SKIP_WITHOUT_POSTGRES();

@@ -173,41 +173,6 @@ TEST_P(StorageTest, SignInLimitsHoldAcrossInstancesAndBackOffTheSource) {
         << "attempts as old as the window no longer count";
 }
 
-TEST_P(StorageTest, TokensEndWhenIdleOrRevokedWhicheverInstanceAsks) {
-    ASSERT_TRUE(a_->add_account("owner@example.org", "hash"));
-    int64_t owner = a_->account_by_email("owner@example.org").value().id;
-    constexpr int64_t kIdle = 90 * kDay;
-    // Digests differing only after a zero byte: stored and compared as bytes, not as C strings.
-    std::string kept(32, '\0'), revoked(32, '\0');
-    kept[31] = 1;
-    revoked[31] = 2;
-    a_->add_token(owner, kept, kNow);
-    b_->add_token(owner, revoked, kNow);
-
-    EXPECT_TRUE(a_->account_by_token(revoked, kNow + 1, kIdle));
-    EXPECT_TRUE(b_->revoke_token(revoked));
-    EXPECT_FALSE(a_->account_by_token(revoked, kNow + 2, kIdle));
-    EXPECT_FALSE(a_->revoke_token(revoked));
-
-    EXPECT_EQ(b_->account_by_token(kept, kNow + kIdle - 1, kIdle).value().email, "owner@example.org");
-    EXPECT_TRUE(a_->account_by_token(kept, kNow + 2 * kIdle - 2, kIdle)) << "its use kept it alive";
-    EXPECT_FALSE(b_->account_by_token(kept, kNow + 3 * kIdle, kIdle)) << "unused for longer than the limit";
-}
-
-TEST_P(StorageTest, AccountsAndDrivesAreTheSameForBothInstances) {
-    std::string drive = new_drive();
-    EXPECT_FALSE(b_->add_account("owner1@example.org", "other hash")) << "a duplicate e-mail";
-    int64_t owner = b_->account_by_email("owner1@example.org").value().id;
-    ASSERT_TRUE(b_->add_account("thief@example.org", "hash"));
-    int64_t thief = b_->account_by_email("thief@example.org").value().id;
-    std::string key = a_->drive(drive).value().upload_key;
-    EXPECT_EQ(b_->register_drive({drive, owner, key, "RENAMED"}), RegisterResult::Updated);
-    EXPECT_EQ(b_->register_drive({drive, owner, std::string(32, 'x'), "X"}), RegisterResult::KeyDiffers);
-    EXPECT_EQ(b_->register_drive({drive, thief, key, "MINE"}), RegisterResult::OwnedByAnother);
-    EXPECT_EQ(a_->drive(drive).value().label, "RENAMED");
-    EXPECT_FALSE(a_->drive(std::string(32, 'f')));
-}
-
 ON_BOTH_BACKENDS(StorageTest);
 
 // A file made by the first schema keeps its accounts and sign-ins; only failures are forgotten.

@@ -186,7 +186,8 @@ ServiceResponse Service::login(const ServiceRequest& r) {
         return refuse(400, "Send the e-mail address and the password as JSON text fields \"email\" and \"password\".");
     // Both are bounded before anything is stored or hashed: an address has at most 254 bytes, and
     // no one types a password of kilobytes.
-    if (email->size() > kMaxEmail) return refuse(400, "The e-mail address is longer than 254 bytes, which no e-mail address can be.");
+    if (email->size() > kMaxEmail)
+        return refuse(400, "The e-mail address is longer than 254 bytes, which no e-mail address can be.");
     if (password->size() > kMaxPassword) return refuse(400, "The password is longer than 1,024 bytes.");
     std::string who = lower_ascii(trimmed(*email));
     std::string from = r.address.empty() ? "unknown" : r.address;

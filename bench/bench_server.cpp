@@ -353,15 +353,17 @@ void postgres_runs(Workload& w) {
     if (!pg.available()) return void(std::printf("PostgreSQL: SKIPPED, %s\n\n", pg.why_not().c_str()));
     std::string uri = pg.new_database_uri();
     if (!add_user(uri)) return void(std::printf("qm-server add-user on PostgreSQL failed\n"));
-    Result one, two, one_worker;
+    Result one, two, one_worker, two_full;
     double server_cpu = 0, db_cpu = 0;
     {
-        ServerProcess a(QM_SERVER_PATH, {"--db", uri, "--max-per-address", "0"});
+        ServerProcess a(QM_SERVER_PATH, {"--db", uri, "--max-per-address", "0"}),
+            b(QM_SERVER_PATH, {"--db", uri, "--max-per-address", "0"});
         if (!a.port() || !w.sign_in_and_register(a.port())) return void(std::printf("qm-server on PostgreSQL did not start\n"));
         double s0 = a.cpu_seconds(), d0 = postgres_cpu_seconds(pg.pid());
         one = publishes(w, {a.port()});
         server_cpu = (a.cpu_seconds() - s0) / (one.per_second * kSeconds);
         db_cpu = (postgres_cpu_seconds(pg.pid()) - d0) / (one.per_second * kSeconds);
+        two_full = publishes(w, {a.port(), b.port()});
     }
     {
         std::vector<std::string> one_worker_args{"--db", uri, "--max-per-address", "0", "--threads", "1"};
@@ -372,6 +374,7 @@ void postgres_runs(Workload& w) {
     }
     std::printf("PostgreSQL\n");
     print("signed publishes, one instance", one, one);
+    print("two instances, one database (the machine is the limit)", two_full, one);
     print("one instance with one worker", one_worker, one_worker);
     print("two instances with one worker each, one database", two, one_worker);
     std::printf("  CPU per publish: qm-server %.3f ms, PostgreSQL %.3f ms; this machine's %u cores allow about %.0f/s "

@@ -73,39 +73,6 @@ PublishedStats stats(uint32_t seq) {
     return st;
 }
 
-TEST_P(StorageTest, PublishesThroughEitherInstanceAsOne) {
-    std::string drive = new_drive();
-    struct Step {
-        int instance;
-        int64_t timestamp;
-        const char* signature;
-        uint32_t seq;
-        PublishResult expected;
-    } steps[] = {
-        {0, kNow, "aa", 5, PublishResult::Accepted},
-        {1, kNow, "aa", 5, PublishResult::Replayed},  // the same upload through the other process
-        {1, kNow + 1, "bb", 4, PublishResult::OlderSeq},
-        {0, kNow + 1, "bb", 4, PublishResult::OlderSeq},  // a refused upload is not remembered as seen
-        {1, kNow + 2, "cc", 5, PublishResult::Accepted},  // the same seq again is no step back
-        {0, kNow + 3, "dd", 7, PublishResult::Accepted},
-        {1, kNow, "aa", 5, PublishResult::Replayed},  // a replay stays a replay once newer ones came
-    };
-    for (const Step& s : steps) {
-        Storage& storage = s.instance ? *b_ : *a_;
-        EXPECT_EQ(storage.publish({drive, s.timestamp, s.signature}, stats(s.seq), kNow + 10, kNow - 300), s.expected)
-            << s.signature << " seq " << s.seq << " through instance " << s.instance;
-    }
-    auto got = b_->published(drive);
-    ASSERT_TRUE(got);
-    PublishedStats want = stats(7);
-    EXPECT_EQ(got->first.seq, 7u);
-    EXPECT_EQ(got->first.counters, want.counters);
-    EXPECT_EQ(got->first.streak_best, want.streak_best);
-    EXPECT_EQ(pack_days(got->first.days), pack_days(want.days));
-    EXPECT_EQ(got->second, kNow + 10);
-    EXPECT_EQ(a_->drive(drive)->upload_key, std::string("\0key\xff", 5) + std::string(27, 'k'));
-}
-
 TEST_P(StorageTest, RacingPublishesAcceptAnUploadOnceAndKeepTheNewest) {
     std::string drive = new_drive();
     // Round 0: every thread sends one same upload. Then each round every thread sends an upload
@@ -131,15 +98,11 @@ TEST_P(StorageTest, RacingPublishesAcceptAnUploadOnceAndKeepTheNewest) {
     EXPECT_EQ(stored, expected);
 }
 
-TEST_P(StorageTest, SignInLimitsHoldAcrossInstancesAndBackOffTheSource) {
-    LoginLimits limits;
-    limits.per_source = 10;
-    limits.per_address = 30;
-    limits.per_account = 10;
-    const std::string email = "owner@example.org", known = "10.0.0.2", attacker = "10.0.0.1";
-    LoginReservation first = a_->reserve_login(email, known, kNow, limits);
-    ASSERT_EQ(first.refused, LoginReservation::None);
-    a_->login_succeeded(first.attempt, email, known, kNow);
+// Which limit refuses, and for how long, is the service tests' business; here, that counting is
+// atomic across instances and that the address's limit and the window's end hold.
+TEST_P(StorageTest, SignInLimitsHoldAcrossInstancesPerSourceAndAddress) {
+    const LoginLimits limits;
+    const std::string email = "owner@example.org", attacker = "10.0.0.1";
 
     std::atomic<int> accepted{0}, refused_source{0};
     on_threads(8, *a_, *b_, [&](int, Storage& s) {
@@ -151,12 +114,6 @@ TEST_P(StorageTest, SignInLimitsHoldAcrossInstancesAndBackOffTheSource) {
     });
     EXPECT_EQ(accepted, limits.per_source);
     EXPECT_EQ(refused_source, 40 - limits.per_source);
-
-    LoginReservation unknown = b_->reserve_login(email, "10.0.0.3", kNow + 2, limits);
-    EXPECT_EQ(unknown.refused, LoginReservation::Account);
-    EXPECT_EQ(unknown.retry_after, limits.window - 1);
-    EXPECT_EQ(b_->reserve_login(email, known, kNow + 2, limits).refused, LoginReservation::None)
-        << "an address the account signed in from before is still let in";
 
     int others = 0;
     for (int i = 0; i < 25; ++i) {

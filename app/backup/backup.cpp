@@ -22,9 +22,11 @@
 #include "backup_lock.h"
 #include "backup_manifest.h"
 #include "cloud_sync.h"
+#include "disk_flush.h"
 #include "drive_tree.h"
 #include "file_hash.h"
 #include "qm_core.h"
+#include "regular_file.h"
 #include "verified_copy.h"
 
 namespace {
@@ -75,14 +77,7 @@ int64_t wholeSeconds(const timespec& t) {
 int64_t now() { return QDateTime::currentSecsSinceEpoch(); }
 
 int openRegular(const QString& path) {
-    int fd = ::open(QFile::encodeName(path).constData(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
-    if (fd < 0) return -1;
-    struct stat st {};
-    if (::fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
-        ::close(fd);
-        return -1;
-    }
-    return fd;
+    return RegularFile::openNoFollow(AT_FDCWD, QFile::encodeName(path).constData());
 }
 
 // The folder as it would be after creation: symbolic links in the part that exists resolved.
@@ -120,15 +115,6 @@ std::optional<QString> createFolder(const QString& destination, const QString& f
             return QString::fromLocal8Bit(std::strerror(errno)) + QStringLiteral(": ") + f;
     }
     return std::nullopt;
-}
-
-void flushFileSystem(int fd) {
-#ifdef __linux__
-    ::syncfs(fd);
-#else
-    (void)fd;
-    ::sync();
-#endif
 }
 
 // Re-reads each chosen copy from the disk and tells whether it still matches its row. Copies are
@@ -240,7 +226,7 @@ public:
 
     // Copies first, then the rows naming them.
     void save() {
-        if (unflushed_) flushFileSystem(folderFd_);
+        if (unflushed_) DiskFlush::fileSystemOf(folderFd_);
         unflushed_ = false;
         manifest_.save();
         sinceSave_.restart();

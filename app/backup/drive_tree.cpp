@@ -11,6 +11,8 @@
 #include <set>
 #include <utility>
 
+#include "regular_file.h"
+
 namespace DriveTree {
 namespace {
 
@@ -132,16 +134,8 @@ int openFile(int rootFd, const QByteArray& rel) {
     QByteArray last;
     int parent = openParent(rootFd, rel, last, false);
     if (parent < 0) return -1;
-    int fd = ::openat(parent, last.constData(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
+    int fd = RegularFile::openNoFollow(parent, last.constData());
     closeKeepingErrno(parent);
-    if (fd < 0) return -1;
-    struct stat st {};
-    if (::fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
-        ::close(fd);
-        errno = EINVAL;
-        return -1;
-    }
-    ::fcntl(fd, F_SETFL, ::fcntl(fd, F_GETFL) & ~O_NONBLOCK);
     return fd;
 }
 

@@ -17,6 +17,7 @@
 #include "drive_tree.h"
 #include "file_hash.h"
 #include "file_writes.h"
+#include "regular_file.h"
 #include "verified_copy.h"
 
 namespace KeepWriting {
@@ -151,8 +152,8 @@ QString backupProblem(const BackupResult& r) {
 
 // Puts one kept file on the drive; a line for the user when that did not work.
 std::optional<QString> putOne(const KeptSet& set, const KeptFile& file, int driveFd) {
-    Fd from(::open(QFile::encodeName(set.folder + u'/' + kFilesFolder + u'/' + file.rel).constData(),
-                   O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
+    QByteArray kept = QFile::encodeName(set.folder + u'/' + kFilesFolder + u'/' + file.rel);
+    Fd from(RegularFile::openNoFollow(AT_FDCWD, kept.constData()));
     if (!from || FileHash::ofDescriptor(from.fd) != file.sha256)
         return file.rel + QStringLiteral(" (the copy kept on this computer is missing or damaged)");
     QByteArray rel = QFile::encodeName(file.rel), leaf;
@@ -163,7 +164,7 @@ std::optional<QString> putOne(const KeptSet& set, const KeptFile& file, int driv
     if (::fstatat(parent.fd, leaf.constData(), &st, AT_SYMLINK_NOFOLLOW) == 0) {
         // A stick that already has its own (the deck started on it first) keeps it: replacing a
         // key or statistics that belong together with others would break both.
-        Fd there(S_ISREG(st.st_mode) ? ::openat(parent.fd, leaf.constData(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC) : -1);
+        Fd there(RegularFile::openNoFollow(parent.fd, leaf.constData()));
         if (there && FileHash::ofDescriptor(there.fd) == file.sha256) return std::nullopt;
         return file.rel + QStringLiteral(" (the stick already holds a different one; it was left as it is)");
     }

@@ -5,6 +5,7 @@
 #include <QFileInfo>
 #include <QLocale>
 #include <chrono>
+#include <utility>
 
 #include "backup_manifest.h"
 
@@ -61,14 +62,26 @@ void BackupModel::rescan() {
 }
 
 void BackupModel::detectServices() {
-    QList<CloudFolder> found = CloudFolders::detect();
-    QList<CloudFolder> missing;
-    for (const CloudFolder& f : found)
-        if (!CloudSync::clientInstalled(f.name)) missing << f;
-    if (found == services_ && missing == missing_) return;
-    services_ = std::move(found);
-    missing_ = std::move(missing);
-    emit changed();
+    if (detecting_) {
+        detectAgain_ = true;  // one more look once this one is in: a client installed meanwhile shows
+        return;
+    }
+    detecting_ = true;
+    detection_.post(
+        [] {
+            std::pair<QList<CloudFolder>, QList<CloudFolder>> lists{CloudFolders::detect(), {}};
+            for (const CloudFolder& f : lists.first)
+                if (!CloudSync::clientInstalled(f.name)) lists.second << f;
+            return lists;
+        },
+        [this](std::pair<QList<CloudFolder>, QList<CloudFolder>> lists) {
+            detecting_ = false;
+            if (std::exchange(detectAgain_, false)) detectServices();
+            if (lists.first == services_ && lists.second == missing_) return;
+            services_ = std::move(lists.first);
+            missing_ = std::move(lists.second);
+            emit changed();
+        });
 }
 
 void BackupModel::choose(const QString& path) {

@@ -46,6 +46,8 @@ public:
     bool busy() const { return manualRuns_ > 0; }
     // A run of either kind is under way.
     bool running() const { return manualRuns_ > 0 || automaticRunning_; }
+    // A look for cloud folders is under way.
+    bool detecting() const { return detecting_; }
     const std::optional<QString>& warning() const { return warning_; }
     bool warningIsSerious() const { return warningIsSerious_; }
     // How far the run under way has got; none between runs.
@@ -59,6 +61,8 @@ public:
     void start();
     // Scans the drives again, looks for cloud folders again and renews the watch.
     void rescan();
+    // Looks for cloud folders and their clients off the main thread (it walks PATH and the
+    // running programs); changed() tells when the lists differ.
     void detectServices();
     // The destination, kept in the settings.
     void choose(const QString& path);
@@ -107,7 +111,11 @@ private:
     std::optional<BackupProgress> progress_;
     int manualRuns_ = 0;
     bool automaticRunning_ = false;
+    bool detecting_ = false;
+    bool detectAgain_ = false;  // asked again while a look was under way
     Opener opener_;
     BackupSchedule schedule_;
-    BackgroundQueue background_;  // last: stopped first
+    BackgroundQueue background_;  // runs; last two: stopped first
+    // Its own thread, so a long run does not hold back the folders the settings show.
+    BackgroundQueue detection_;
 };

@@ -32,5 +32,5 @@ void QuillmateFlasherApp::start(const QStringList& args, Start how, const QStrin
 
 bool QuillmateFlasherApp::busy() const {
     return flash.scanning() || drives.scanning() || stats.busy() || history.busy() || backup.busy() ||
-           account.working() || settings.working();
+           backup.detecting() || account.working() || settings.working();
 }

@@ -1,6 +1,8 @@
 // The command-line dispatch and views following their models.
 #include <gtest/gtest.h>
 
+#include <filesystem>
+
 #include <QCheckBox>
 #include <QComboBox>
 #include <QLabel>
@@ -97,9 +99,7 @@ TEST(HistoryView, ListsFollowTheModelAndTheConfirmationGatesTheRestore) {
     for (QAbstractButton* b : tab.confirmation()->buttons())
         if (b->text() == "Put this version back") b->click();
     settle();
-    EXPECT_EQ(model.versions().size(), before + 1);
-    EXPECT_EQ(versions->count(), before + 1);
-    EXPECT_EQ(model.status(), QString("%1 versions.").arg(before + 1));
+    EXPECT_EQ(versions->count(), before + 1);  // what a restore adds is history_model_test's
 
     QTest::mouseClick(button(&tab, "Compare with now"), Qt::LeftButton);
     settle();
@@ -130,6 +130,20 @@ TEST(BackupView, ButtonsFollowTheDriveAndDestinationAndTheSettingsChooseThem) {
     SettingsTab settings(&updates, &model);
     EXPECT_TRUE(labelWithText(&tab, "No folder chosen"));
     for (const char* b : {"Back up now", "Check the copies", "Open the folder"}) EXPECT_FALSE(button(&tab, b)->isEnabled());
+
+    // Cloud folders are looked for off the main thread when the settings show; the view follows.
+    TempDir home;
+    std::filesystem::create_directories(home / "Dropbox");
+    const QByteArray oldHome = qgetenv("HOME");
+    qputenv("HOME", QByteArray::fromStdString(home.path()));
+    QSignalSpy changed(&model, &BackupModel::changed);
+    settings.show();
+    EXPECT_TRUE(model.detecting());
+    ASSERT_TRUE(changed.wait(10000));
+    qputenv("HOME", oldHome);
+    EXPECT_FALSE(model.detecting());
+    ASSERT_TRUE(button(&settings, "Dropbox"));
+    EXPECT_TRUE(labelWithText(&settings, "Found on this computer  -  not installed: Dropbox"));  // no client here
 
     settings.backupSection()->setFolderPicker([&](QWidget*, const QString&) { return QString::fromStdString(dest.path()); });
     QTest::mouseClick(button(&settings, "Choose a folder..."), Qt::LeftButton);

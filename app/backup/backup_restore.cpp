@@ -7,6 +7,7 @@
 #include <QFileInfo>
 
 #include "backup_manifest.h"
+#include "disk_flush.h"
 #include "drive_tree.h"
 #include "file_hash.h"
 #include "verified_copy.h"
@@ -145,11 +146,7 @@ RestoreResult restore(const QString& backupFolder, const QString& driveRoot, con
     }
     RestoreResult result;
     Restore(folderFd, driveFd, options, result).all(manifest.rows());
-#ifdef __linux__
-    ::syncfs(driveFd);  // the renames too, before anyone pulls the stick
-#else
-    ::sync();
-#endif
+    DiskFlush::fileSystemOf(driveFd);  // the renames too, before anyone pulls the stick
     ::close(folderFd);
     ::close(driveFd);
     return result;

@@ -7,6 +7,7 @@
 #include <QPushButton>
 #include <QVBoxLayout>
 
+#include "cloud_platform.h"
 #include "labels.h"
 
 namespace {
@@ -39,8 +40,8 @@ BackupSettingsSection::BackupSettingsSection(BackupModel* model, QWidget* parent
     serviceButtons_->setSpacing(4);
     layout->addLayout(serviceButtons_);
     noServices_ = wrapped(Labels::caption(
-        tr("No cloud folders found. Install Dropbox, OneDrive, Google Drive, iCloud or Box and their folder appears "
-           "here; any folder works meanwhile."),
+        tr("No cloud folders found. Install %1 and their folder appears here; any folder works meanwhile.")
+            .arg(CloudPlatform::serviceNames()),
         font().pointSize()));
     layout->addWidget(noServices_);
     missing_ = wrapped(Labels::caption(QString(), font().pointSize()));

@@ -21,12 +21,16 @@ QStringList clientNames(const QString& service);
 bool anyRunning(const QStringList& names);
 // Whether a program of one of these names is installed.
 bool anyInstalled(const QStringList& names);
-// The platform's own upload check for a folder (iCloud Drive on macOS); none elsewhere.
+// The platform's own upload check for a folder; none where the platform has no such service.
 std::optional<QString> uploadWarning(const QString& target, const QString& home);
+// Whether the service's uploads are judged by uploadWarning() from the files, not by its client.
+bool uploadsJudgedFromFiles(const QString& service);
 
 }  // namespace CloudPlatform
 
 namespace CloudPlatform {
 // The system's name as the notes say it: "Linux", "macOS".
 QString systemName();
+// The services looked for, as a sentence lists them: "Dropbox, OneDrive ... or Syncthing".
+QString serviceNames();
 }  // namespace CloudPlatform

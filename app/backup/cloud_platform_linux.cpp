@@ -53,8 +53,12 @@ bool anyInstalled(const QStringList& names) {
     return false;
 }
 
-std::optional<QString> uploadWarning(const QString&, const QString&) { return std::nullopt; }  // no iCloud here
+std::optional<QString> uploadWarning(const QString&, const QString&) { return std::nullopt; }  // no such service here
+
+bool uploadsJudgedFromFiles(const QString&) { return false; }
 
 QString systemName() { return QStringLiteral("Linux"); }
+
+QString serviceNames() { return QStringLiteral("Dropbox, OneDrive, Google Drive, Nextcloud or Syncthing"); }
 
 }  // namespace CloudPlatform

@@ -51,6 +51,10 @@ bool anyInstalled(const QStringList& bundleIds) {
 // does not reach yet; until it does, iCloud folders get no upload warning.
 std::optional<QString> uploadWarning(const QString&, const QString&) { return std::nullopt; }
 
+bool uploadsJudgedFromFiles(const QString& service) { return service == QLatin1String("iCloud Drive"); }
+
 QString systemName() { return QStringLiteral("macOS"); }
+
+QString serviceNames() { return QStringLiteral("Dropbox, OneDrive, Google Drive, iCloud or Box"); }
 
 }  // namespace CloudPlatform

@@ -66,6 +66,10 @@ bool clientInstalled(const QString& service) {
     return names.isEmpty() || CloudPlatform::anyInstalled(names) || CloudPlatform::anyRunning(names);
 }
 
+bool uploadedByClient(const QString& service) {
+    return !CloudPlatform::uploadsJudgedFromFiles(service) && clientRunning(service);
+}
+
 std::optional<int64_t> freeSpace(const QString& path) {
     // The folder may not exist yet: ask the file system of its nearest existing parent.
     QString existing = QDir::cleanPath(QDir(path).absolutePath());
@@ -93,7 +97,7 @@ std::optional<QString> check(const QString& target, const Probe& probe) {
 
 std::optional<QString> uploadNote(const QString& target, const Probe& probe) {
     std::optional<QString> svc = service(target, probe);
-    if (!svc || *svc == QLatin1String("iCloud Drive") || !clientRunning(*svc)) return std::nullopt;
+    if (!svc || !uploadedByClient(*svc)) return std::nullopt;
     return QStringLiteral("The copies reach %1's folder and %1 uploads them. %2 does not report whether that "
                           "succeeded, so check %1 itself if it matters.")
         .arg(*svc, CloudPlatform::systemName());

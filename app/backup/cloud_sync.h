@@ -1,5 +1,6 @@
 // Cloud-sync folders on this computer, and the one warning a backup folder deserves after a run:
-// its client is not running, the disk is nearly full, or (on macOS) iCloud has not uploaded yet.
+// its client is not running, the disk is nearly full, or the platform's own service has not
+// uploaded yet.
 #pragma once
 #include <QList>
 #include <QString>
@@ -36,11 +37,13 @@ std::optional<QString> service(const QString& path, const Probe& probe = {});
 bool clientRunning(const QString& service);
 // Whether the service's client is installed on this computer (its folder alone is not enough).
 bool clientInstalled(const QString& service);
+// Whether the service's running client uploads the folder by itself, so a note may name it.
+bool uploadedByClient(const QString& service);
 std::optional<int64_t> freeSpace(const QString& path);
 // The warning for a backup folder, or none.
 std::optional<QString> check(const QString& target, const Probe& probe = {});
-// The note after a run into a folder whose client is running and uploads by itself; none for
-// iCloud Drive, whose uploads check() judges from the files.
+// The note after a run into a folder whose client is running and uploads by itself; none for a
+// service whose uploads check() judges from the files.
 std::optional<QString> uploadNote(const QString& target, const Probe& probe = {});
 
 }  // namespace CloudSync

@@ -57,9 +57,8 @@ QString failure_text(const std::optional<QString>& error) {
     if (message == FlashModel::kDriveChanged) return message;  // plugging in again would not help
     if (mentions_permission(message))
         return platformName() + QStringLiteral(" denied writing to the drive.\n\n• If it's an SD card, slide the "
-                                               "write-protect (lock) switch on the side OFF.\n• Unmount the drive in "
-                                               "Disk Utility and try again.\n\n(") +
-               message + QStringLiteral(")");
+                                               "write-protect (lock) switch on the side OFF.\n• ") +
+               unmountAdvice() + QStringLiteral("\n\n(") + message + QStringLiteral(")");
     return error.value_or(QStringLiteral("The write did not complete.")) +
            QStringLiteral("\n\nMake sure the drive is plugged in and not write-protected, then try again.");
 }

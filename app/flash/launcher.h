@@ -33,3 +33,5 @@ extern "C" int qm_authorized_exec(const char* tool, const char* arg1, const char
 
 // The operating system's name in messages: "Linux", "macOS".
 QString platformName();
+// How to unmount a drive by hand with this system's own tools, as one sentence.
+QString unmountAdvice();

@@ -79,3 +79,5 @@ extern "C" int qm_authorized_exec(const char* tool, const char* arg1, const char
 }
 
 QString platformName() { return QStringLiteral("Linux"); }
+
+QString unmountAdvice() { return QStringLiteral("Eject the drive in the file manager and try again."); }

@@ -31,3 +31,5 @@ ElevatedRun qm_exec_through(const char*, const char* tool, const char* arg1, con
 }
 
 QString platformName() { return QStringLiteral("macOS"); }
+
+QString unmountAdvice() { return QStringLiteral("Unmount the drive in Disk Utility and try again."); }

@@ -92,7 +92,7 @@ int backupCheck(const QStringList& args) {
         return 1;
     }
     std::optional<QString> service = CloudSync::service(folder);
-    bool named = service && *service != QLatin1String("iCloud Drive") && CloudSync::clientRunning(*service);
+    bool named = service && CloudSync::uploadedByClient(*service);
     std::optional<QString> warning = CloudSync::check(folder);
     printLine(QStringLiteral("folder:  ") + folder);
     printLine(QStringLiteral("service: ") + (named ? *service : QStringLiteral("(none, or its client is not running)")));

@@ -139,7 +139,7 @@ TEST(FlashWrite, TheWritersLinesAndTheElevatorDecideTheOutcome) {
         {"", "ERR first\nDONE\n", 0, "Done — you can remove the drive.", done},
         {"", "ERR Permission denied\n", 1, "Failed: Permission denied",
          "Linux denied writing to the drive.\n\n• If it's an SD card, slide the write-protect (lock) switch on the side "
-         "OFF.\n• Unmount the drive in Disk Utility and try again.\n\n(Permission denied)"},
+         "OFF.\n• Eject the drive in the file manager and try again.\n\n(Permission denied)"},
         {"", "", 0, "Failed: the write did not complete.", "The write did not complete." + advice},
         {"", "ERR one\nP 1 0\nP 1 2 3\ngarbage\n" + longLine + "DONE\nERR  two \n", 1, "Failed: two", "two" + advice},
         {"exit 126", "", 0, "Cancelled.", ""},

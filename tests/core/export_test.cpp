@@ -81,7 +81,7 @@ TEST(Export, WholeDocumentDaysInDateOrderBackupSourceAndSmallBuffers) {
 TEST(Sign, MatchesAnIndependentHmacOverTimestampDotBody) {
     StatsDrive drive;
     std::mt19937 rng(5);
-    for (int round = 0; round < 500; ++round) {
+    for (int round = 0; round < 40; ++round) {  // HMAC itself is checked against OpenSSL in crypto_test
         const std::string ts = round ? std::to_string(rng()) : "0";
         const size_t len = round ? rng() % 3000 : 0;  // the first round signs an empty body
         std::vector<uint8_t> body(len + 1);

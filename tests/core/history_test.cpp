@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <climits>
 #include <cstring>
 #include <filesystem>
 #include <map>
@@ -244,30 +245,40 @@ TEST(Restore, AFullOrReadOnlyDriveLeavesDocumentAndHistoryAsTheyWere) {
     }
 }
 
-// A deck drive with logs and folders whose names lead elsewhere: what is within reads as the deck wrote it.
+// A deck drive with logs and folders whose names lead elsewhere: what is within reads as the deck wrote it,
+// on a drive mounted deep in the file system too. A drive too deep to reach is refused, not shown empty.
 TEST(DeckHistory, VersionsReadBackAndNamesNeverLeaveTheHistoryFolder) {
-    TempDir dir;
-    const deck::DocOptions o{.count = 2, .crlf = true, .hostile_name = true};
-    ASSERT_EQ(deck::write_documents(dir.path(), o, 7), "");
-    spit(dir / "stats.db", "the drive's statistics\n");
-    EXPECT_EQ(docs(dir.path()), (std::set<std::string>{"Novel.md", "Notes.txt", "Windows notes.txt", "Borrowed.txt"}));
-    for (const char* bad : {"notes\\..\\..\\Evil.txt", "../Novel.md", "a/b", ".", "..", "", "x\\y"}) {
-        EXPECT_EQ(History(dir.path(), bad).err, QM_EARG) << bad;
-        EXPECT_EQ(read_doc(dir.path(), bad), "rc -1") << bad;
-    }
-    for (const std::string& doc : docs(dir.path())) {
-        History hist(dir.path() + "//", doc);  // trailing slashes change nothing
-        const std::string log = slurp(dir / (".qmv/" + doc + "/history.log"));
-        std::string latest = "none";
-        for (const qm_version_entry& e : hist.entries()) {
-            const std::string f = e.file, text = hist.read(e.id);
-            if (f.find_first_of("/\\") != std::string::npos || f == "..") { hist.refused(e.id); continue; }
-            const std::string logged = std::to_string(e.id) + "\t" + std::to_string(e.parent) + "\tmain\t" +
-                                       char(e.kind) + "\t" + hash_of(text) + "\t" + std::to_string(e.length) + "\t";
-            EXPECT_NE(log.find(logged), std::string::npos) << "the deck logs each text's hash: " << logged;
-            latest = text;
+    TempDir top;
+    const std::string deep = top / (std::string(200, 'a') + "/" + std::string(200, 'b') + "/" + std::string(200, 'c'));
+    std::string too_deep = deep;
+    while (too_deep.size() < PATH_MAX) too_deep += "/" + std::string(200, 'd');
+    EXPECT_EQ(qm_qmv_docs(too_deep.c_str(), std::vector<char>(64).data(), 64), QM_EARG);
+    EXPECT_EQ(History(too_deep, "Novel.md").err, QM_EARG);
+    fs::create_directories(deep);
+    for (const std::string& root : {top.path(), deep}) {
+        const fs::path dir = root;
+        const deck::DocOptions o{.count = 2, .crlf = true, .hostile_name = true};
+        ASSERT_EQ(deck::write_documents(root, o, 7), "");
+        spit(dir / "stats.db", "the drive's statistics\n");
+        EXPECT_EQ(docs(root), (std::set<std::string>{"Novel.md", "Notes.txt", "Windows notes.txt", "Borrowed.txt"}));
+        for (const char* bad : {"notes\\..\\..\\Evil.txt", "../Novel.md", "a/b", ".", "..", "", "x\\y"}) {
+            EXPECT_EQ(History(root, bad).err, QM_EARG) << bad;
+            EXPECT_EQ(read_doc(root, bad), "rc -1") << bad;
         }
-        EXPECT_EQ(read_doc(dir.path(), doc), latest) << "the document is its latest version";
+        for (const std::string& doc : docs(root)) {
+            History hist(root + "//", doc);  // trailing slashes change nothing
+            const std::string log = slurp(dir / (".qmv/" + doc + "/history.log"));
+            std::string latest = "none";
+            for (const qm_version_entry& e : hist.entries()) {
+                const std::string f = e.file, text = hist.read(e.id);
+                if (f.find_first_of("/\\") != std::string::npos || f == "..") { hist.refused(e.id); continue; }
+                const std::string logged = std::to_string(e.id) + "\t" + std::to_string(e.parent) + "\tmain\t" +
+                                           char(e.kind) + "\t" + hash_of(text) + "\t" + std::to_string(e.length) + "\t";
+                EXPECT_NE(log.find(logged), std::string::npos) << "the deck logs each text's hash: " << logged;
+                latest = text;
+            }
+            EXPECT_EQ(read_doc(root, doc), latest) << "the document is its latest version";
+        }
     }
 }
 

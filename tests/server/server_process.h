@@ -1,8 +1,9 @@
 // A qm-server executable running as a process of its own on a free loopback port, stopped when
-// this object goes, however the test ends. posix_spawn rather than fork: the tests are threaded.
+// this object goes, and by the kernel when the test process dies first (killed by a timeout, say).
+// Between fork and exec the child makes only async-signal-safe calls: the tests are threaded.
 #pragma once
 #include <signal.h>
-#include <spawn.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -11,8 +12,6 @@
 #include <sstream>
 #include <string>
 #include <vector>
-
-extern char** environ;
 
 class ServerProcess {
 public:
@@ -25,12 +24,15 @@ public:
         argv.push_back(nullptr);
         int out[2];
         if (pipe(out) != 0) return;
-        posix_spawn_file_actions_t actions;
-        posix_spawn_file_actions_init(&actions);
-        posix_spawn_file_actions_adddup2(&actions, out[1], STDOUT_FILENO);
-        posix_spawn_file_actions_addclose(&actions, out[0]);
-        if (posix_spawn(&pid_, program.c_str(), &actions, nullptr, argv.data(), environ) != 0) pid_ = -1;
-        posix_spawn_file_actions_destroy(&actions);
+        pid_t parent = getpid();
+        pid_ = fork();
+        if (pid_ == 0) {
+            dup2(out[1], STDOUT_FILENO);
+            close(out[0]);
+            prctl(PR_SET_PDEATHSIG, SIGTERM);
+            if (getppid() == parent) execv(program.c_str(), argv.data());
+            _exit(127);
+        }
         close(out[1]);
         read_port(out[0]);
         close(out[0]);

@@ -24,8 +24,6 @@
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
-#include <fstream>
-#include <sstream>
 #include <memory>
 #include <optional>
 #include <string>
@@ -48,7 +46,8 @@ const char* const kEmail = "bench@example.org";
 const char* const kPassword = "bench password";
 
 int64_t unix_now() {
-    return std::chrono::duration_cast<std::chrono::seconds>(std::chrono::system_clock::now().time_since_epoch()).count();
+    using namespace std::chrono;
+    return duration_cast<seconds>(system_clock::now().time_since_epoch()).count();
 }
 
 double ms_since(Clock::time_point t) { return std::chrono::duration<double, std::milli>(Clock::now() - t).count(); }
@@ -335,15 +334,8 @@ double postgres_cpu_seconds(pid_t main) {
     for (const auto& entry : std::filesystem::directory_iterator("/proc")) {
         std::string name = entry.path().filename();
         if (name.find_first_not_of("0123456789") != std::string::npos) continue;
-        std::ifstream in(entry.path() / "stat");
-        std::string stat((std::istreambuf_iterator<char>(in)), {});
-        size_t close_paren = stat.rfind(')');
-        if (close_paren == std::string::npos) continue;
-        std::istringstream fields(stat.substr(close_paren + 2));
-        std::string state;
-        pid_t parent = 0;
-        fields >> state >> parent;
-        if (parent == main) total += ServerProcess::process_cpu_seconds(std::stoi(name));
+        pid_t pid = std::stoi(name);
+        if (ServerProcess::parent_of(pid) == main) total += ServerProcess::process_cpu_seconds(pid);
     }
     return total;
 }
@@ -358,7 +350,8 @@ void postgres_runs(Workload& w) {
     {
         ServerProcess a(QM_SERVER_PATH, {"--db", uri, "--max-per-address", "0"}),
             b(QM_SERVER_PATH, {"--db", uri, "--max-per-address", "0"});
-        if (!a.port() || !w.sign_in_and_register(a.port())) return void(std::printf("qm-server on PostgreSQL did not start\n"));
+        if (!a.port() || !w.sign_in_and_register(a.port()))
+            return void(std::printf("qm-server on PostgreSQL did not start\n"));
         double s0 = a.cpu_seconds(), d0 = postgres_cpu_seconds(pg.pid());
         one = publishes(w, {a.port()});
         server_cpu = (a.cpu_seconds() - s0) / (one.per_second * kSeconds);
@@ -456,7 +449,8 @@ long hostile_requests(int port, const Drive& d, const std::string& auth) {
     std::vector<std::thread> threads;
     for (int t = 0; t < 16; ++t)
         threads.emplace_back([&, t] {
-            for (int i = t; i < kHostile; i += 16) lingered += round_trip(port, kinds[size_t(i) % std::size(kinds)], true).first < 0;
+            for (int i = t; i < kHostile; i += 16)
+                lingered += round_trip(port, kinds[size_t(i) % std::size(kinds)], true).first < 0;
         });
     for (auto& t : threads) t.join();
     return lingered;

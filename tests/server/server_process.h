@@ -60,11 +60,7 @@ public:
     }
 
     static double process_cpu_seconds(pid_t pid) {
-        std::ifstream in("/proc/" + std::to_string(pid) + "/stat");
-        std::string stat((std::istreambuf_iterator<char>(in)), {});
-        size_t close_paren = stat.rfind(')');
-        if (close_paren == std::string::npos) return 0;
-        std::istringstream fields(stat.substr(close_paren + 2));
+        std::istringstream fields = stat_fields(pid);
         std::string skip;
         for (int i = 0; i < 11; ++i) fields >> skip;  // state .. cmajflt
         double user = 0, system = 0;
@@ -72,7 +68,24 @@ public:
         return (user + system) / double(sysconf(_SC_CLK_TCK));
     }
 
+    // 0 when there is no such process.
+    static pid_t parent_of(pid_t pid) {
+        std::istringstream fields = stat_fields(pid);
+        std::string state;
+        pid_t parent = 0;
+        fields >> state >> parent;
+        return parent;
+    }
+
 private:
+    // /proc/PID/stat from the field after the command name on (the name may hold spaces).
+    static std::istringstream stat_fields(pid_t pid) {
+        std::ifstream in("/proc/" + std::to_string(pid) + "/stat");
+        std::string stat((std::istreambuf_iterator<char>(in)), {});
+        size_t close_paren = stat.rfind(')');
+        return std::istringstream(close_paren == std::string::npos ? "" : stat.substr(close_paren + 2));
+    }
+
     // The service prints "qm-server: listening on http://127.0.0.1:PORT" once it can be reached.
     void read_port(int fd) {
         std::string seen;

@@ -4,7 +4,7 @@
 #include <vector>
 
 #include "bench_timer.h"
-#include "qm_core.h"
+#include "qm_core_internal.h"
 
 namespace {
 

@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "qm_core.h"
+#include "qm_core_internal.h"
 #include "ratio_reporter.h"
 
 namespace {

@@ -3,7 +3,7 @@
 
 #include <vector>
 
-#include "qm_core.h"
+#include "qm_core_internal.h"
 #include "ratio_reporter.h"
 
 namespace {

@@ -3,7 +3,7 @@
 #include <atomic>
 #include <cstring>
 
-#include "qm_core.h"
+#include "qm_core_internal.h"
 #include "sha256_impl.h"
 #include "util.h"
 
@@ -154,7 +154,7 @@ extern "C" int sha256_select(int impl) {
                          : impl == QM_SHA256_PORTABLE ? &kPortable
                          : impl == QM_SHA256_HARDWARE ? hardware_path()
                                                       : nullptr;
-    if (!p) return -1;
+    if (!p) return SHA256_EUNAVAILABLE;
     g_path.store(p, std::memory_order_release);
     return 0;
 }
@@ -206,6 +206,11 @@ extern "C" void sha256_final(sha256_ctx* ctx, uint8_t out[32]) {
     for (int i = 0; i < 8; ++i) store32_be(out + 4 * i, ctx->state[i]);
     wipe(ctx, sizeof *ctx);
 }
+
+// The app's names for the same streaming hash.
+extern "C" void qm_sha256_init(qm_sha256_ctx* ctx) { sha256_init(ctx); }
+extern "C" void qm_sha256_update(qm_sha256_ctx* ctx, const void* data, size_t len) { sha256_update(ctx, data, len); }
+extern "C" void qm_sha256_final(qm_sha256_ctx* ctx, uint8_t out[32]) { sha256_final(ctx, out); }
 
 extern "C" void sha256(const void* data, size_t len, uint8_t out[32]) {
     sha256_ctx c;

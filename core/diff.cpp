@@ -3,7 +3,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "qm_core.h"
+#include "qm_core_internal.h"
 
 namespace {
 
@@ -36,7 +36,7 @@ bool lines_equal(const char* a, const Line& x, const char* b, const Line& y) {
 }
 
 int32_t emit(qm_diff_row* rows, int32_t count, int32_t max_rows, int32_t op, int32_t a, int32_t b) {
-    if (count >= max_rows) return -1;
+    if (count >= max_rows) return DIFF_LINES_FAILED;
     rows[count] = qm_diff_row{op, a, b};
     return count + 1;
 }
@@ -86,9 +86,9 @@ int32_t walk(const char* a, const Line* la, int32_t n, const char* b, const Line
     while (i < n && j < m) {
         if (lines_equal(a, la[i], b, lb[j])) {
             count = flush_run(rows, count, max_rows, &runs);
-            if (count < 0) return -1;
+            if (count < 0) return DIFF_LINES_FAILED;
             count = emit(rows, count, max_rows, QM_DIFF_EQUAL, i++, j++);
-            if (count < 0) return -1;
+            if (count < 0) return DIFF_LINES_FAILED;
         } else if (L[size_t(i + 1) * w + size_t(j)] < L[size_t(i) * w + size_t(j + 1)]) {
             add_addition(&runs, j++);
         } else {
@@ -133,11 +133,11 @@ extern "C" size_t diff_scratch_needed(int32_t n, int32_t m) {
 
 extern "C" int32_t diff_lines(const char* a, int32_t alen, const char* b, int32_t blen, qm_diff_row* rows,
                               int32_t max_rows, void* scratch, size_t scratch_size) {
-    if (!a || !b || !rows || !scratch || max_rows < 1 || alen < 0 || blen < 0) return -1;
+    if (!a || !b || !rows || !scratch || max_rows < 1 || alen < 0 || blen < 0) return DIFF_LINES_FAILED;
     int32_t n = diff_count_lines(a, alen), m = diff_count_lines(b, blen);
     uintptr_t base = reinterpret_cast<uintptr_t>(scratch);
     size_t pad = size_t((8 - base % 8) % 8);
-    if (scratch_size < pad || scratch_size - pad < scratch_bytes(n, m)) return -1;
+    if (scratch_size < pad || scratch_size - pad < scratch_bytes(n, m)) return DIFF_LINES_FAILED;
     Line* la = reinterpret_cast<Line*>(base + pad);
     Line* lb = la + n;
     int32_t* L = reinterpret_cast<int32_t*>(lb + m);
@@ -147,16 +147,27 @@ extern "C" int32_t diff_lines(const char* a, int32_t alen, const char* b, int32_
     return walk(a, la, n, b, lb, m, L, rows, max_rows);
 }
 
+extern "C" size_t qm_diff_scratch_size(const char* a, int32_t alen, const char* b, int32_t blen) {
+    return diff_scratch_needed(diff_count_lines(a, alen), diff_count_lines(b, blen));
+}
+
+extern "C" int32_t qm_diff_with_scratch(const char* a, int32_t alen, const char* b, int32_t blen, qm_diff_row* rows,
+                                        int32_t max_rows, void* scratch, size_t scratch_size) {
+    if (!a || !b || !rows || !scratch || max_rows < 1 || alen < 0 || blen < 0) return QM_EARG;
+    int32_t count = diff_lines(a, alen, b, blen, rows, max_rows, scratch, scratch_size);
+    return count >= 0 ? count : QM_DIFF_TOO_LARGE;
+}
+
 extern "C" int32_t qm_diff(const char* a, int32_t alen, const char* b, int32_t blen, qm_diff_row* rows,
                            int32_t max_rows) {
-    if (!a || !b || !rows || max_rows < 1 || alen < 0 || blen < 0) return -1;
+    if (!a || !b || !rows || max_rows < 1 || alen < 0 || blen < 0) return QM_EARG;
     // No comparison needs more rows than both texts have lines, so the copy never grows past that.
     int64_t most = int64_t(diff_count_lines(a, alen)) + diff_count_lines(b, blen);
     int32_t room = most < max_rows ? int32_t(most) : max_rows;
     qm_diff_row* tmp = static_cast<qm_diff_row*>(std::malloc(size_t(room) * sizeof(qm_diff_row)));
-    if (!tmp) return -2;
+    if (!tmp) return QM_DIFF_TOO_LARGE;
     int32_t count = diff_lines(a, alen, b, blen, tmp, room, g_scratch, sizeof g_scratch);
     if (count >= 0) std::memcpy(rows, tmp, size_t(count) * sizeof(qm_diff_row));
     std::free(tmp);
-    return count >= 0 ? count : -2;
+    return count >= 0 ? count : QM_DIFF_TOO_LARGE;
 }

@@ -9,7 +9,7 @@
 #include <cstring>
 
 #include "drive_files.h"
-#include "qm_core.h"
+#include "qm_core_internal.h"
 #include "util.h"
 
 namespace {
@@ -39,7 +39,7 @@ int load_key(int drive_fd, qm_drive_key* out) {
     uint8_t buf[QM_KEY_FILE_SIZE];
     long n = drive_files::read_regular(qm, "drive.key", buf, sizeof buf);
     close(qm);
-    int rc = n == QM_KEY_FILE_SIZE ? drivekey_unpack(buf, unsigned(n), out) : -1;
+    int rc = n == QM_KEY_FILE_SIZE ? drivekey_unpack(buf, unsigned(n), out) : DRIVEKEY_EBAD;
     wipe(buf, sizeof buf);
     return rc;
 }
@@ -54,7 +54,7 @@ int write_key(int drive_fd, const uint8_t packed[QM_KEY_FILE_SIZE]) {
     char tmp[32];
     std::memcpy(tmp, ".drive.key-", 11);
     int fd = -1;
-    if (qm_random_bytes(nonce, sizeof nonce) == 0) {
+    if (qm_random_bytes(nonce, sizeof nonce) == QM_OK) {
         to_hex(nonce, sizeof nonce, tmp + 11);
         fd = openat(qm, tmp, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
     }
@@ -124,8 +124,8 @@ extern "C" void drivekey_pack(const qm_drive_key* k, uint8_t out[QM_KEY_FILE_SIZ
 }
 
 extern "C" int drivekey_unpack(const uint8_t* buf, unsigned len, qm_drive_key* out) {
-    if (!buf || !out || len < QM_KEY_FILE_SIZE) return -1;
-    if (std::memcmp(buf, kMagicKey, 8) != 0) return -1;
+    if (!buf || !out || len < QM_KEY_FILE_SIZE) return DRIVEKEY_EBAD;
+    if (std::memcmp(buf, kMagicKey, 8) != 0) return DRIVEKEY_EBAD;
     std::memcpy(out->drive_id, buf + 8, 16);
     std::memcpy(out->enc_key, buf + 24, 32);
     std::memcpy(out->mac_key, buf + 56, 32);
@@ -150,6 +150,17 @@ extern "C" int qm_is_drive(const char* path) {
     return ok;
 }
 
+extern "C" int qm_key_drive_id_hex(const char* path, char out[33]) {
+    if (!path || !out) return QM_EARG;
+    int drive = open_drive(path);
+    qm_drive_key k;
+    bool ok = drive >= 0 && load_key(drive, &k) == 0;
+    if (drive >= 0) close(drive);
+    if (ok) to_hex(k.drive_id, 16, out);
+    wipe(&k, sizeof k);
+    return ok ? QM_OK : QM_ENOTDRIVE;
+}
+
 extern "C" int qm_provision(const char* path, int force) {
     if (!path) return QM_EARG;
     int drive = open_drive(path);
@@ -158,8 +169,8 @@ extern "C" int qm_provision(const char* path, int force) {
     int rc = QM_OK;
     if (!force && load_key(drive, &k) == 0) {
         rc = QM_EHASKEY;
-    } else if (qm_random_bytes(k.drive_id, 16) || qm_random_bytes(k.enc_key, 32) || qm_random_bytes(k.mac_key, 32) ||
-               qm_random_bytes(k.upload_key, 32)) {
+    } else if (qm_random_bytes(k.drive_id, 16) != QM_OK || qm_random_bytes(k.enc_key, 32) != QM_OK ||
+               qm_random_bytes(k.mac_key, 32) != QM_OK || qm_random_bytes(k.upload_key, 32) != QM_OK) {
         rc = QM_ERANDOM;
     } else {
         uint8_t packed[QM_KEY_FILE_SIZE];
@@ -193,8 +204,8 @@ extern "C" qm_drive* qm_open(const char* path, int* err) {
     unsigned mask = 0;
     int pick = statsdb_pick(db, db_len < 0 ? 0 : unsigned(db_len), bak, bak_len < 0 ? 0 : unsigned(bak_len),
                             h->key.enc_key, h->key.mac_key, &h->stats, &h->seq, h->chain_tag, &mask);
-    if (pick == 0) return fail_open(QM_EBADSTATS, err, h, db, bak);
-    h->from_backup = pick == 2;
+    if (pick == STATSDB_PICK_NONE) return fail_open(QM_EBADSTATS, err, h, db, bak);
+    h->from_backup = pick == STATSDB_PICK_BAK;
     h->both_valid = mask == 3;
 
     h->days = static_cast<qm_day*>(std::calloc(QM_RING_SLOTS, sizeof(qm_day)));
@@ -271,12 +282,12 @@ extern "C" void u64_to_hex16(uint64_t v, char out[17]) {
 }
 
 extern "C" int hex16_to_u64(const char* s, uint64_t* out) {
-    if (!s || !out) return -1;
+    if (!s || !out) return HEX16_EBAD;
     uint64_t v = 0;
     for (int i = 0; i < 16; ++i) {
         char c = s[i];
         int d = c >= '0' && c <= '9' ? c - '0' : c >= 'a' && c <= 'f' ? c - 'a' + 10 : c >= 'A' && c <= 'F' ? c - 'A' + 10 : -1;
-        if (d < 0) return -1;
+        if (d < 0) return HEX16_EBAD;
         v = v << 4 | unsigned(d);
     }
     *out = v;

@@ -3,7 +3,7 @@
 #include <cstdio>
 #include <cstring>
 
-#include "qm_core.h"
+#include "qm_core_internal.h"
 
 namespace {
 

@@ -11,7 +11,7 @@
 #include <cstring>
 
 #include "drive_files.h"
-#include "qm_core.h"
+#include "qm_core_internal.h"
 #include "util.h"
 
 namespace drive_files = qm::drive_files;

@@ -7,7 +7,7 @@
 #include "qm_core.h"
 
 extern "C" int qm_random_bytes(void* buf, size_t n) {
-    if (!buf) return -1;
+    if (!buf) return QM_EARG;
     uint8_t* p = static_cast<uint8_t*>(buf);
     size_t got = 0;
     while (got < n) {
@@ -15,9 +15,9 @@ extern "C" int qm_random_bytes(void* buf, size_t n) {
         if (r < 0) {
             if (errno == EINTR) continue;
             std::memset(buf, 0, n);
-            return -1;
+            return QM_RANDOM_FAILED;
         }
         got += size_t(r);
     }
-    return 0;
+    return QM_OK;
 }

@@ -6,10 +6,10 @@
 #include "qm_core.h"
 
 extern "C" int qm_random_bytes(void* buf, size_t n) {
-    if (!buf) return -1;
+    if (!buf) return QM_EARG;
     if (SecRandomCopyBytes(kSecRandomDefault, n, buf) != errSecSuccess) {
         std::memset(buf, 0, n);
-        return -1;
+        return QM_RANDOM_FAILED;
     }
-    return 0;
+    return QM_OK;
 }

@@ -2,7 +2,7 @@
 // the rule that picks between them, the day ring and the calendar conversions.
 #include <cstring>
 
-#include "qm_core.h"
+#include "qm_core_internal.h"
 #include "util.h"
 
 namespace {
@@ -91,12 +91,12 @@ extern "C" void statsdb_encode(const qm_stats* s, const uint8_t enc_key[32], con
 
 extern "C" int statsdb_decode(const uint8_t* buf, unsigned len, const uint8_t enc_key[32], const uint8_t mac_key[32],
                               qm_stats* out, uint8_t id_out[16], uint32_t* seq_out, uint8_t tag_out[32]) {
-    if (!buf || len < QM_STATS_FILE_SIZE) return -1;
-    if (std::memcmp(buf, kMagic, 8) != 0) return -2;
-    if (load32_le(buf + 8) >= 3) return -3;
+    if (!buf || len < QM_STATS_FILE_SIZE) return STATSDB_ESHORT;
+    if (std::memcmp(buf, kMagic, 8) != 0) return STATSDB_EMAGIC;
+    if (load32_le(buf + 8) >= 3) return STATSDB_EVERSION;
     uint8_t tag[32];
     mac(mac_key, buf, kTagAt, tag);
-    if (!ct_equal(tag, buf + kTagAt, 32)) return -4;
+    if (!ct_equal(tag, buf + kTagAt, 32)) return STATSDB_ETAG;
 
     if (out) {  // decrypted on the stack, so decoding is reentrant; the copy is wiped
         uint8_t plain[QM_STATS_RECORD_SIZE];
@@ -126,10 +126,10 @@ extern "C" int statsdb_pick(const uint8_t* db, unsigned db_len, const uint8_t* b
     bool choose_bak = bak_ok && (!db_ok || bak_seq > db_seq);
     if (choose_bak && out) *out = bak_stats;
     wipe(&bak_stats, sizeof bak_stats);
-    if (!db_ok && !bak_ok) return 0;
+    if (!db_ok && !bak_ok) return STATSDB_PICK_NONE;
     if (seq_out) *seq_out = choose_bak ? bak_seq : db_seq;
     if (tag_out) std::memcpy(tag_out, choose_bak ? bak_tag : db_tag, 32);
-    return choose_bak ? 2 : 1;
+    return choose_bak ? STATSDB_PICK_BAK : STATSDB_PICK_DB;
 }
 
 extern "C" void statsdb_note_day(qm_stats* s, uint32_t day, uint32_t words, uint32_t secs) {

@@ -1,7 +1,7 @@
 // The signed update message, its Ed25519 check and the ordering of version strings.
 #include <cstring>
 
-#include "qm_core.h"
+#include "qm_core_internal.h"
 
 namespace {
 

@@ -362,15 +362,9 @@ QString folderName(const QString& volumeName) {
 }
 
 QString driveIdentity(const QmVolume& volume) {
-    QFile keyFile(volume.path + QStringLiteral("/.qm/drive.key"));
-    qm_drive_key key{};
-    if (keyFile.open(QIODevice::ReadOnly)) {
-        QByteArray bytes = keyFile.read(QM_KEY_FILE_SIZE + 1);
-        if (drivekey_unpack(reinterpret_cast<const uint8_t*>(bytes.constData()), static_cast<unsigned>(bytes.size()),
-                            &key) == 0)
-            return QStringLiteral("key ") +
-                   QString::fromLatin1(QByteArray(reinterpret_cast<const char*>(key.drive_id), sizeof key.drive_id).toHex());
-    }
+    char id[33];
+    if (qm_key_drive_id_hex(QFile::encodeName(volume.path).constData(), id) == QM_OK)
+        return QStringLiteral("key ") + QString::fromLatin1(id);
     QString uuid = Volumes::fileSystemId(volume.path);
     return uuid.isEmpty() ? QString() : QStringLiteral("fs ") + uuid;
 }

@@ -8,7 +8,7 @@
 
 QString Sha256::hex() {
     uint8_t digest[32];
-    sha256_final(&ctx_, digest);
+    qm_sha256_final(&ctx_, digest);
     return QString::fromLatin1(QByteArray(reinterpret_cast<const char*>(digest), 32).toHex());
 }
 

@@ -11,13 +11,13 @@
 
 class Sha256 {
 public:
-    Sha256() { sha256_init(&ctx_); }
-    void add(const void* data, size_t len) { sha256_update(&ctx_, data, len); }
+    Sha256() { qm_sha256_init(&ctx_); }
+    void add(const void* data, size_t len) { qm_sha256_update(&ctx_, data, len); }
     // 64 lower-case hex digits; call once.
     QString hex();
 
 private:
-    sha256_ctx ctx_;
+    qm_sha256_ctx ctx_;
 };
 
 namespace FileHash {

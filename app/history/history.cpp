@@ -93,11 +93,12 @@ std::optional<QList<DiffRow>> History::diff(const QString& a, const QString& b) 
     QByteArray ab = a.toUtf8(), bb = b.toUtf8();
     if (ab.size() > kTextCapacity || bb.size() > kTextCapacity) return std::nullopt;
     int32_t alen = int32_t(ab.size()), blen = int32_t(bb.size());
-    size_t scratch = diff_scratch_needed(diff_count_lines(ab.constData(), alen), diff_count_lines(bb.constData(), blen));
+    size_t scratch = qm_diff_scratch_size(ab.constData(), alen, bb.constData(), blen);
     if (scratch > QM_DIFF_SCRATCH_SIZE) return std::nullopt;
     std::vector<unsigned char> area(scratch);
     std::vector<qm_diff_row> rows(kDiffRows);
-    int32_t n = diff_lines(ab.constData(), alen, bb.constData(), blen, rows.data(), kDiffRows, area.data(), area.size());
+    int32_t n = qm_diff_with_scratch(ab.constData(), alen, bb.constData(), blen, rows.data(), kDiffRows, area.data(),
+                                     area.size());
     if (n < 0) return std::nullopt;
     QList<DiffRow> out;
     for (int32_t i = 0; i < n; ++i) {

@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-#include "qm_core.h"
+#include "qm_core_internal.h"
 #include "sha256_paths.h"
 
 namespace {

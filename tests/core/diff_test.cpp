@@ -8,20 +8,21 @@
 #include <tuple>
 #include <vector>
 
-#include "qm_core.h"
+#include "qm_core_internal.h"
 
 namespace {
 
 struct Row { int op, a, b; bool operator==(const Row&) const = default; };
 std::ostream& operator<<(std::ostream& o, const Row& r) { return o << "(" << r.op << "," << r.a << "," << r.b << ")"; }
 
-// qm_diff, or diff_lines in a scratch area of the caller's own; no rows on failure.
+// qm_diff, or qm_diff_with_scratch in an area of the caller's own; no rows on failure.
 std::vector<Row> diff(const std::string& a, const std::string& b, int max_rows = 5000, bool own = false) {
     const int32_t na = int32_t(a.size()), nb = int32_t(b.size());
     std::vector<qm_diff_row> rows(static_cast<size_t>(max_rows));
-    std::vector<uint8_t> scratch(diff_scratch_needed(diff_count_lines(a.data(), na), diff_count_lines(b.data(), nb)));
-    int n = own ? diff_lines(a.data(), na, b.data(), nb, rows.data(), max_rows, scratch.data(), scratch.size())
-                : qm_diff(a.data(), na, b.data(), nb, rows.data(), max_rows);
+    std::vector<uint8_t> scratch(qm_diff_scratch_size(a.data(), na, b.data(), nb));
+    qm_diff_row* r = rows.data();
+    int n = own ? qm_diff_with_scratch(a.data(), na, b.data(), nb, r, max_rows, scratch.data(), scratch.size())
+                : qm_diff(a.data(), na, b.data(), nb, r, max_rows);
     std::vector<Row> out;
     for (int i = 0; i < n; ++i) out.push_back({rows[size_t(i)].op, rows[size_t(i)].a_line, rows[size_t(i)].b_line});
     return out;
@@ -39,18 +40,19 @@ TEST(Diff, WorkedExamplesOnBothScratchAreas) {
         for (bool own : {false, true}) EXPECT_EQ(diff(c.a, c.b, 5000, own), c.rows) << "A=" << c.a << " B=" << c.b;
 }
 
-TEST(Diff, TooLargeOrTooManyRowsIsMinusTwoAndWritesNothing) {
+TEST(Diff, TooLargeOrTooManyRowsIsRefusedAndWritesNothing) {
     // The scratch area holds 1000 lines against 1000, not 1024 against 1024.
     EXPECT_EQ(diff(std::string(999, '\n'), std::string(999, '\n'), 2000).size(), 1000u);
     const std::string big(1023, '\n');
     std::vector<qm_diff_row> rows(3000), one(1, qm_diff_row{-7, -7, -7});
-    EXPECT_EQ(qm_diff(big.data(), 1023, big.data(), 1023, rows.data(), 3000), -2);
+    EXPECT_EQ(qm_diff(big.data(), 1023, big.data(), 1023, rows.data(), 3000), QM_DIFF_TOO_LARGE);
     EXPECT_EQ(diff("x", "y", 1), (std::vector<Row>{{1, 0, 0}})) << "exactly max_rows rows fit";
-    EXPECT_EQ(qm_diff("x\ny", 3, "z", 1, one.data(), 1), -2);
-    EXPECT_EQ(qm_diff("a\nb", 3, "a\nb", 3, one.data(), 1), -2) << "two equal rows do not fit in one";
+    EXPECT_EQ(qm_diff("x\ny", 3, "z", 1, one.data(), 1), QM_DIFF_TOO_LARGE);
+    EXPECT_EQ(qm_diff("a\nb", 3, "a\nb", 3, one.data(), 1), QM_DIFF_TOO_LARGE) << "two equal rows do not fit in one";
     EXPECT_EQ(one[0].op, -7) << "nothing written on failure";
-    std::vector<uint8_t> scratch(diff_scratch_needed(2, 2));
-    EXPECT_EQ(diff_lines("a\nb", 3, "a\nc", 3, one.data(), 1, scratch.data(), scratch.size() - 9), -1)
+    std::vector<uint8_t> scratch(qm_diff_scratch_size("a\nb", 3, "a\nc", 3));
+    EXPECT_EQ(qm_diff_with_scratch("a\nb", 3, "a\nc", 3, one.data(), 1, scratch.data(), scratch.size() - 9),
+              QM_DIFF_TOO_LARGE)
         << "an area that might lose its alignment padding is too small";
 }
 
@@ -103,7 +105,7 @@ TEST(DiffProperty, RowsReplayBothTextsAndEqualRowsAreALongestCommonSubsequence) 
             equal += r.op == 0, i += uses_a, j += uses_b;
         }
         ASSERT_EQ(std::tuple(i, j, equal), std::tuple(la.size(), lb.size(), lcs(la, lb)));
-        ASSERT_EQ(diff(a, b, 200, true), rows) << "diff_lines in the caller's scratch gives the same rows";
+        ASSERT_EQ(diff(a, b, 200, true), rows) << "the caller's scratch area gives the same rows";
     }
 }
 

@@ -7,7 +7,7 @@
 #include <tuple>
 #include <vector>
 
-#include "qm_core.h"
+#include "qm_core_internal.h"
 #include "temp_dir.h"
 
 namespace {

@@ -19,7 +19,7 @@
 #include <vector>
 
 #include "documents.h"
-#include "qm_core.h"
+#include "qm_core_internal.h"
 #include "temp_dir.h"
 
 namespace fs = std::filesystem;

@@ -2,7 +2,7 @@
 #pragma once
 #include <gtest/gtest.h>
 
-#include "qm_core.h"
+#include "qm_core_internal.h"
 
 class Sha256Paths : public ::testing::TestWithParam<int> {
 protected:

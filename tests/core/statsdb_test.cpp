@@ -8,7 +8,7 @@
 #include <tuple>
 #include <vector>
 
-#include "qm_core.h"
+#include "qm_core_internal.h"
 
 namespace {
 
@@ -58,24 +58,26 @@ TEST(StatsFile, RoundTripsEncryptedRepairsRingIndicesAndRefusesAnyChange) {
     ASSERT_EQ(decode(encode(s, k, 1), k, &back), 0);
     EXPECT_EQ(std::pair(back.ring_next, back.ring_used), std::pair(0u, 1024u));
     Bytes good = encode(sample_record(), k, 5), version = good;
-    EXPECT_EQ(decode(Bytes(good.begin(), good.end() - 1), k), -1);
-    EXPECT_EQ(statsdb_decode(nullptr, QM_STATS_FILE_SIZE, k.enc, k.mac, nullptr, nullptr, nullptr, nullptr), -1);
-    EXPECT_EQ(statsdb_decode(good.data(), QM_STATS_FILE_SIZE, k.enc, k.enc, &back, id, &seq, tag), -4) << "other keys";
+    EXPECT_EQ(decode(Bytes(good.begin(), good.end() - 1), k), STATSDB_ESHORT);
+    EXPECT_EQ(statsdb_decode(nullptr, QM_STATS_FILE_SIZE, k.enc, k.mac, nullptr, nullptr, nullptr, nullptr), STATSDB_ESHORT);
+    EXPECT_EQ(statsdb_decode(good.data(), QM_STATS_FILE_SIZE, k.enc, k.enc, &back, id, &seq, tag), STATSDB_ETAG);
     version[8] = 3;  // still refused as too new even when re-authenticated
     hmac_sha256_ctx c;
     hmac_sha256_init(&c, k.mac, 32);
     hmac_sha256_update(&c, version.data(), QM_STATS_FILE_SIZE - 32);
     hmac_sha256_final(&c, version.data() + QM_STATS_FILE_SIZE - 32);
-    EXPECT_EQ(decode(version, k), -3);
+    EXPECT_EQ(decode(version, k), STATSDB_EVERSION);
 
-    // Every bit of the header, nonce and tag and of sampled record bytes. Bits of the magic give -2;
-    // bits of the version give -3 when they make it 3 or more, else -4 like everything after it.
+    // Every bit of the header, nonce and tag and of sampled record bytes. Bits of the magic make it no
+    // statistics file; bits of the version a newer one when they make it 3 or more; any other bit
+    // fails the tag.
     for (size_t pos = 0; pos < QM_STATS_FILE_SIZE; pos += pos < 48 || pos >= QM_STATS_FILE_SIZE - 33 ? 1 : 61) {
         for (int bit = 0; bit < 8; ++bit) {
             Bytes f = good;
             f[pos] ^= uint8_t(1u << bit);
             const uint32_t v = f[8] | f[9] << 8 | f[10] << 16 | uint32_t(f[11]) << 24;
-            ASSERT_EQ(decode(f, k), pos < 8 ? -2 : pos < 12 && v >= 3 ? -3 : -4) << pos << " bit " << bit;
+            const int want = pos < 8 ? STATSDB_EMAGIC : pos < 12 && v >= 3 ? STATSDB_EVERSION : STATSDB_ETAG;
+            ASSERT_EQ(decode(f, k), want) << pos << " bit " << bit;
         }
     }
 }
@@ -100,7 +102,7 @@ TEST(StatsFile, PickChoosesByValidityThenSequence) {
         EXPECT_EQ(std::tuple(r, mask), std::tuple(c.pick, c.mask));
         if (!r) continue;
         EXPECT_EQ(std::tuple(out.words, seq), std::tuple(c.words, c.seq));
-        EXPECT_EQ(std::memcmp(tag, (r == 1 ? c.db : c.bak)->data() + QM_STATS_FILE_SIZE - 32, 32), 0);
+        EXPECT_EQ(std::memcmp(tag, (r == STATSDB_PICK_DB ? c.db : c.bak)->data() + QM_STATS_FILE_SIZE - 32, 32), 0);
     }
 }
 

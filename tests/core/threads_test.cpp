@@ -7,7 +7,7 @@
 #include <thread>
 #include <vector>
 
-#include "qm_core.h"
+#include "qm_core_internal.h"
 #include "statistics.h"
 #include "temp_dir.h"
 
@@ -45,8 +45,8 @@ TEST(Threads, OpensExportsHashesAndDiffsAgreeWithOneThread) {
         const std::string &a = texts[start], &b = texts[start + 1];
         const int32_t na = int32_t(a.size()), nb = int32_t(b.size());
         std::vector<qm_diff_row> rows(4096);
-        std::vector<uint8_t> scratch(diff_scratch_needed(200, 200));  // each thread its own; texts are shorter
-        int32_t n = diff_lines(a.data(), na, b.data(), nb, rows.data(), 4096, scratch.data(), scratch.size());
+        std::vector<uint8_t> scratch(qm_diff_scratch_size(a.data(), na, b.data(), nb));  // each thread its own
+        int32_t n = qm_diff_with_scratch(a.data(), na, b.data(), nb, rows.data(), 4096, scratch.data(), scratch.size());
         for (int32_t i = 0; i < n; ++i) out += std::to_string(rows[size_t(i)].op);
         return out + " " + std::to_string(n);
     };

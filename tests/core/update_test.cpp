@@ -4,7 +4,7 @@
 
 #include <string>
 
-#include "qm_core.h"
+#include "qm_core_internal.h"
 
 namespace {
 

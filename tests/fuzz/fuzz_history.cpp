@@ -13,7 +13,7 @@
 #include <string>
 #include <vector>
 
-#include "qm_core.h"
+#include "qm_core_internal.h"
 
 namespace {
 

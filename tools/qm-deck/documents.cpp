@@ -8,7 +8,7 @@
 #include <fstream>
 #include <vector>
 
-#include "qm_core.h"
+#include "qm_core_internal.h"
 
 namespace deck {
 namespace {

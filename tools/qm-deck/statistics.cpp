@@ -12,7 +12,7 @@
 #include <random>
 #include <vector>
 
-#include "qm_core.h"
+#include "qm_core_internal.h"
 
 namespace deck {
 namespace {

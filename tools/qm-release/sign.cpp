@@ -7,7 +7,7 @@
 #include <vector>
 
 #include "json.h"
-#include "qm_core.h"
+#include "qm_core_internal.h"
 #include "release_tool.h"
 
 namespace release {

@@ -15,7 +15,7 @@
 #include <random>
 
 #include "json.h"
-#include "qm_core.h"
+#include "qm_core_internal.h"
 #include "release_feed.h"
 #include "temp_dir.h"
 

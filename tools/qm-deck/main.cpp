@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "documents.h"
+#include "fuzz_seeds.h"
 #include "qm_core.h"
 #include "statistics.h"
 
@@ -15,6 +16,7 @@ namespace {
 const char kUsage[] =
     "usage: qm-deck make DIR [options]   write a drive as the deck does\n"
     "       qm-deck show DIR             print what the core reads from a drive\n"
+    "       qm-deck seeds DIR            write seed inputs for the fuzz targets\n"
     "       qm-deck --help               this text\n"
     "\n"
     "make options:\n"
@@ -196,7 +198,7 @@ int show_drive(const std::string& dir) {
 
 int main(int argc, char** argv) {
     std::vector<std::string> args(argv + 1, argv + argc);
-    if (args.empty()) return usage_error("say make, show or --help");
+    if (args.empty()) return usage_error("say make, show, seeds or --help");
     if (args[0] == "--help" || args[0] == "-h") {
         std::fputs(kUsage, stdout);
         return 0;
@@ -204,6 +206,12 @@ int main(int argc, char** argv) {
     if (args[0] == "show") {
         if (args.size() != 2) return usage_error("show needs exactly one drive folder");
         return show_drive(args[1]);
+    }
+    if (args[0] == "seeds") {
+        if (args.size() != 2) return usage_error("seeds needs exactly one folder");
+        std::string err = deck::write_fuzz_seeds(args[1]);
+        if (!err.empty()) std::fprintf(stderr, "qm-deck: %s\n", err.c_str());
+        return err.empty() ? 0 : 1;
     }
     if (args[0] == "make") {
         MakeOptions o;

@@ -156,14 +156,4 @@ TEST_F(Releases, StreamsArchivesByteForByteAndNothingElseFromTheFolder) {
     EXPECT_EQ(post("/api/v1/update/check?platform=macos&channel=beta%201", "").status, 405);
 }
 
-using NoReleases = ServiceFixture;
-
-TEST_F(NoReleases, AServiceStartedWithoutAFolderHasNoFeed) {
-    for (const char* path : {"/api/v1/update/check?platform=macos&channel=stable&version=1.0.0", "/releases/a.zip"}) {
-        Answer a = get(path);
-        EXPECT_EQ(a.status, 404) << path;
-        EXPECT_EQ(a.message(), "This service publishes no releases.") << path;
-    }
-}
-
 }  // namespace

@@ -273,40 +273,32 @@ TEST_F(PageInBrowser, ShowsThePublishedTotalsAndTheHeatMap) {
         EXPECT_NE(dom.find(shown), std::string::npos) << shown;
 }
 
-}  // namespace
-
 // Two qm-server processes on one PostgreSQL database are one service: what one accepted or
 // counted, the other knows.
-TEST(TwoInstances, OnOneDatabaseRefuseReplaysAndCountSignInsTogether) {
-    const char* const kOwnerPassword = "correct horse battery staple";
+class TwoInstances : public ServiceFixture {
+protected:
+    void SetUp() override {}  // the processes are the service
+};
+
+TEST_F(TwoInstances, OnOneDatabaseRefuseReplaysAndCountSignInsTogether) {
     SKIP_WITHOUT_POSTGRES();
     std::string db = shared_postgres().new_database_uri();
-    std::string add = std::string("printf '%s' '") + kOwnerPassword + "' | " QM_SERVER_PATH " add-user --db '" +
-                      db + "' --fast-hash-for-tests owner@example.org >/dev/null";
+    std::string add = std::string("printf '%s' '") + kPassword + "' | " QM_SERVER_PATH " add-user --db '" + db +
+                      "' --fast-hash-for-tests owner@example.org >/dev/null";
     ASSERT_EQ(std::system(add.c_str()), 0);
     ServerProcess a(QM_SERVER_PATH, {"--db", db, "--fast-hash-for-tests"}), b(QM_SERVER_PATH, {"--db", db, "--fast-hash-for-tests"});
     ASSERT_TRUE(a.port() && b.port());
-    httplib::Client to_a(a.url()), to_b(b.url());
-    auto login = [](httplib::Client& c, const std::string& password) {
-        auto r = c.Post("/api/v1/auth/login", "{\"email\":\"owner@example.org\",\"password\":\"" + password + "\"}",
-                        "application/json");
-        return r ? std::pair{r->status, r->body} : std::pair{0, std::string()};
-    };
-    auto [status, body] = login(to_a, kOwnerPassword);
-    ASSERT_EQ(status, 200) << body;
-    httplib::Headers auth{{"Authorization", "Bearer " + body.substr(10, 64)}};
-
     DeckDrive drive;
-    ASSERT_EQ(to_b.Post("/api/v1/drives/register", auth,
-                        "{\"drive_id\":\"" + drive.id() + "\",\"k_upload\":\"" + drive.key() + "\",\"label\":\"D\"}",
-                        "application/json")->status, 200);
-    std::string ts = std::to_string(unix_now()), export_json = drive.export_json();
-    httplib::Headers signed_upload = auth;
-    signed_upload.emplace("X-QM-Timestamp", ts);
-    signed_upload.emplace("X-QM-Signature", drive.sign(ts, export_json));
-    std::string path = "/api/v1/drives/" + drive.id() + "/stats";
-    EXPECT_EQ(to_a.Post(path, signed_upload, export_json, "application/json")->status, 200);
-    EXPECT_EQ(to_b.Post(path, signed_upload, export_json, "application/json")->status, 409) << "replayed to the other";
+    const std::string body = drive.export_json();
+    const int64_t now = unix_now();
+    talk_to(a.url());
+    std::string token = sign_in("owner@example.org");
+    talk_to(b.url());
+    ASSERT_EQ(register_drive(drive, token).status, 200);
+    talk_to(a.url());
+    EXPECT_EQ(publish(drive, token, body, now).status, 200);
+    talk_to(b.url());
+    EXPECT_EQ(publish(drive, token, body, now).status, 409) << "replayed to the other";
 
     // Wrong passwords in parallel, half to each: no more are evaluated than one source may try.
     const LoginLimits limits;
@@ -315,11 +307,15 @@ TEST(TwoInstances, OnOneDatabaseRefuseReplaysAndCountSignInsTogether) {
     for (int i = 0; i < 4 * limits.per_source; ++i)
         burst.emplace_back([&, i] {
             httplib::Client c(i % 2 ? b.url() : a.url());
-            evaluated += login(c, "guess").first == 401;
+            evaluated += from(c.Post("/api/v1/auth/login", "{\"email\":\"owner@example.org\",\"password\":\"guess\"}",
+                                     "application/json")).status == 401;
         });
     for (auto& t : burst) t.join();
     EXPECT_EQ(evaluated, limits.per_source);
 
-    EXPECT_EQ(to_b.Post("/api/v1/auth/logout", auth, "", "application/json")->status, 200);
-    EXPECT_EQ(to_a.Get("/api/v1/me", auth)->status, 401) << "signed out at the other";
+    EXPECT_EQ(post("/api/v1/auth/logout", "", token).status, 200);
+    talk_to(a.url());
+    EXPECT_EQ(get("/api/v1/me", token).status, 401) << "signed out at the other";
 }
+
+}  // namespace

@@ -4,6 +4,7 @@
 #include <filesystem>
 
 #include <QCheckBox>
+#include <QFileInfo>
 #include <QComboBox>
 #include <QLabel>
 #include <QSignalSpy>
@@ -118,7 +119,8 @@ QLabel* labelWithText(QWidget* w, const QString& text) {
     return nullptr;
 }
 
-TEST(BackupView, ButtonsFollowTheDriveAndDestinationAndTheSettingsChooseThem) {
+// The tab and the settings over one model, through a real run, check, put-back and a failure.
+TEST(BackupView, FollowsTheModelThroughRunsAndTheSettingsChooseTheFolder) {
     BackupSettings::setDestination(QString());
     BackupSettings::setAutomatic(true);
     TempDir dir, dest;
@@ -128,8 +130,14 @@ TEST(BackupView, ButtonsFollowTheDriveAndDestinationAndTheSettingsChooseThem) {
     BackupTab tab(&model);
     SettingsModel updates;
     SettingsTab settings(&updates, &model);
+    std::optional<QUrl> opened;
+    model.setOpener([&](const QUrl& url) {
+        opened = url;
+        return true;
+    });
     EXPECT_TRUE(labelWithText(&tab, "No folder chosen"));
     for (const char* b : {"Back up now", "Check the copies", "Open the folder"}) EXPECT_FALSE(button(&tab, b)->isEnabled());
+    EXPECT_TRUE(model.revealFolder());  // a reason, nothing opened
 
     // Cloud folders are looked for off the main thread when the settings show; the view follows.
     TempDir home;
@@ -141,24 +149,60 @@ TEST(BackupView, ButtonsFollowTheDriveAndDestinationAndTheSettingsChooseThem) {
     EXPECT_TRUE(model.detecting());
     ASSERT_TRUE(changed.wait(10000));
     qputenv("HOME", oldHome);
-    EXPECT_FALSE(model.detecting());
     ASSERT_TRUE(button(&settings, "Dropbox"));
     EXPECT_TRUE(labelWithText(&settings, "Found on this computer  -  not installed: Dropbox"));  // no client here
 
-    settings.backupSection()->setFolderPicker([&](QWidget*, const QString&) { return QString::fromStdString(dest.path()); });
+    // The drive's folder is looked for off the main thread too; nothing is there to open yet.
+    const QString chosen = QString::fromStdString(dest.path()), folder = chosen + "/Quillmate/Q";
+    settings.backupSection()->setFolderPicker([&](QWidget*, const QString&) { return chosen; });
     QTest::mouseClick(button(&settings, "Choose a folder..."), Qt::LeftButton);
-    EXPECT_EQ(model.destination(), QString::fromStdString(dest.path()));
-    EXPECT_TRUE(labelWithText(&tab, QString::fromStdString(dest.path())));
+    EXPECT_EQ(model.destination(), chosen);
+    EXPECT_TRUE(labelWithText(&tab, chosen));
+    ASSERT_TRUE(QTest::qWaitFor([&] { return !model.detecting(); }, 10000));
+    EXPECT_EQ(model.folder(), folder);
     EXPECT_TRUE(button(&tab, "Back up now")->isEnabled());
-    EXPECT_FALSE(button(&tab, "Open the folder")->isEnabled());  // nothing there yet
+    EXPECT_FALSE(button(&tab, "Open the folder")->isEnabled());
+    EXPECT_TRUE(model.revealFolder());
+    EXPECT_FALSE(opened);
 
+    // A check before any copy says so, and makes no backup instead.
     QSignalSpy reported(&model, &BackupModel::reported);
-    QTest::mouseClick(button(&tab, "Back up now"), Qt::LeftButton);
-    EXPECT_FALSE(button(&tab, "Check the copies")->isEnabled());
+    QTest::mouseClick(button(&tab, "Check the copies"), Qt::LeftButton);
     ASSERT_TRUE(reported.wait(20000));
+    EXPECT_EQ(model.status(), BackupModel::kNothingToCheckStatus);
+    EXPECT_FALSE(QFileInfo::exists(chosen + "/Quillmate"));
+
+    QTest::mouseClick(button(&tab, "Back up now"), Qt::LeftButton);
+    EXPECT_EQ(model.status(), BackupModel::kCopyingStatus);
+    EXPECT_FALSE(button(&tab, "Check the copies")->isEnabled());
+    model.runNow(false);  // ignored while the first one runs
+    ASSERT_TRUE(reported.wait(20000));
+    EXPECT_FALSE(model.busy());
+    EXPECT_FALSE(model.progress());
+    EXPECT_TRUE(model.status().startsWith("Copied ")) << model.status().toStdString();
+    EXPECT_TRUE(model.status().contains("), each one verified.\n"));
+    EXPECT_TRUE(labelWithText(&tab, model.status()));
+    EXPECT_FALSE(model.warning());
     EXPECT_TRUE(button(&tab, "Check the copies")->isEnabled());
     EXPECT_TRUE(button(&tab, "Open the folder")->isEnabled());
-    EXPECT_TRUE(labelWithText(&tab, model.status()));
+    EXPECT_EQ(model.revealFolder(), std::nullopt);
+    EXPECT_EQ(opened, QUrl::fromLocalFile(folder));
+    model.setOpener([](const QUrl&) { return false; });
+    EXPECT_EQ(model.revealFolder(), "The file manager could not be started. The copies are in " + folder);
+
+    QTest::mouseClick(button(&tab, "Check the copies"), Qt::LeftButton);
+    EXPECT_EQ(model.status(), BackupModel::kCheckingStatus);
+    ASSERT_TRUE(reported.wait(20000));
+    EXPECT_TRUE(model.status().startsWith("Already up to date (")) << model.status().toStdString();
+
+    // The writing put back onto the stick after a loss: busy while it runs, then its outcome.
+    std::filesystem::remove(dir / "Novel.md");
+    model.restoreFrom(folder);
+    EXPECT_TRUE(model.busy());
+    EXPECT_EQ(model.status(), BackupModel::kRestoringStatus);
+    ASSERT_TRUE(reported.wait(20000));
+    EXPECT_TRUE(model.status().startsWith("Put back 1 file (")) << model.status().toStdString();
+    EXPECT_TRUE(std::filesystem::exists(dir / "Novel.md"));
 
     BackupResult failed;
     failed.failures = {"a.md: gone"};

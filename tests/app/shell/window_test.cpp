@@ -47,11 +47,7 @@ TEST(RealWindow, FrameGrowthHistoryStatusAndARemovedDrive) {
     w.activateWindow();
     ASSERT_TRUE(QTest::qWaitForWindowActive(&w));
     ASSERT_TRUE(QTest::qWaitFor([&] { return !app.busy(); }, 20000));
-    EXPECT_EQ(w.windowTitle(), "Quillmate");
-    QStringList labels;
-    for (int i = 0; i < w.tabs()->count(); ++i) labels << w.tabs()->tabText(i);
-    EXPECT_EQ(labels, (QStringList{"Install", "Statistics", "History", "Backup", "Account", "Settings"}));
-    EXPECT_EQ(w.tabs()->currentIndex(), 0);
+    EXPECT_EQ(w.tabs()->currentIndex(), 0);  // its title and tabs are window_under_xvfb's
     EXPECT_EQ(w.tabs()->size(), QSize(580, 560));  // opens at its smallest
     for (DriveHeader* header : w.findChildren<DriveHeader*>())
         EXPECT_EQ(header->findChild<QComboBox*>()->currentText(), "Deck");

@@ -8,7 +8,7 @@
 #include <QComboBox>
 #include <QLabel>
 #include <QSignalSpy>
-#include <QListWidget>
+#include <QListView>
 #include <QMessageBox>
 #include <QPushButton>
 #include <QTest>
@@ -53,7 +53,10 @@ TEST(StatsView, ShowsWhatTheModelHoldsAfterALoad) {
     StatsModel model(&drives);
     StatsTab tab(&model);
     EXPECT_EQ(tab.total("Writing sessions"), "—");
-    EXPECT_EQ(tab.findChild<QListWidget*>()->item(0)->text(), "No writing days recorded yet.");
+    auto* days = tab.findChild<QListView*>();
+    auto* noDays = days->findChild<QLabel*>();
+    EXPECT_EQ(noDays->text(), "No writing days recorded yet.");
+    EXPECT_TRUE(noDays->isVisibleTo(&tab));
     EXPECT_EQ(tab.findChild<QComboBox*>()->currentText(), "No drives found");
     drives.pin({QmVolume{deckDrive(dir, deck::StatsState::Normal), "SAMPLE", true}});
     EXPECT_FALSE(button(&tab, "Refresh")->isEnabled());  // while the drive is read
@@ -61,9 +64,9 @@ TEST(StatsView, ShowsWhatTheModelHoldsAfterALoad) {
     EXPECT_TRUE(button(&tab, "Refresh")->isEnabled());
     EXPECT_EQ(tab.total("Writing sessions"), QLocale().toString(model.summary()->sessions));
     EXPECT_EQ(tab.total("Writing time"), StatsTab::duration(model.summary()->write_secs));
-    auto* days = tab.findChild<QListWidget*>();
-    EXPECT_EQ(days->count(), model.days().size());
-    EXPECT_TRUE(days->item(0)->text().startsWith(StatsText::date(model.days().last().day)));
+    EXPECT_FALSE(noDays->isVisibleTo(&tab));
+    EXPECT_EQ(days->model()->rowCount(), model.days().size());
+    EXPECT_TRUE(days->model()->index(0, 0).data().toString().startsWith(StatsText::date(model.days().last().day)));
     EXPECT_EQ(tab.findChild<QComboBox*>()->currentText(), "SAMPLE");
 }
 
@@ -77,15 +80,15 @@ TEST(HistoryView, ListsFollowTheModelAndTheConfirmationGatesTheRestore) {
     EXPECT_FALSE(button(&tab, "Put this version back")->isEnabled());
     drives.pin({QmVolume{deckDrive(dir, deck::StatsState::Normal, 2), "SAMPLE", true}});
     settle();
-    QList<QListWidget*> lists = tab.findChildren<QListWidget*>();
-    QListWidget* docs = lists[0];
-    QListWidget* versions = lists[1];
-    EXPECT_EQ(docs->count(), 2);
-    EXPECT_EQ(versions->count(), model.versions().size());
-    EXPECT_EQ(versions->item(0)->text(), HistoryModel::versionLabel(model.versions().first()));
+    QList<QListView*> lists = tab.findChildren<QListView*>();
+    QListView* docs = lists[0];
+    QListView* versions = lists[1];
+    EXPECT_EQ(docs->model()->rowCount(), 2);
+    EXPECT_EQ(versions->model()->rowCount(), model.versions().size());
+    EXPECT_EQ(versions->model()->index(0, 0).data(), VersionList::label(model.versions().first()));
     int before = int(model.versions().size());
 
-    versions->setCurrentRow(before - 1);  // the oldest version
+    versions->setCurrentIndex(versions->model()->index(before - 1, 0));  // the oldest version
     EXPECT_EQ(model.selected(), model.versions().last().id);
     settle();
     QTest::mouseClick(button(&tab, "Put this version back"), Qt::LeftButton);
@@ -100,15 +103,17 @@ TEST(HistoryView, ListsFollowTheModelAndTheConfirmationGatesTheRestore) {
     for (QAbstractButton* b : tab.confirmation()->buttons())
         if (b->text() == "Put this version back") b->click();
     settle();
-    EXPECT_EQ(versions->count(), before + 1);  // what a restore adds is history_model_test's
+    EXPECT_EQ(versions->model()->rowCount(), before + 1);  // what a restore adds is history_model_test's
+    EXPECT_EQ(versions->currentIndex().row(), 0);           // the restored copy, chosen by the model
 
     QTest::mouseClick(button(&tab, "Compare with now"), Qt::LeftButton);
     settle();
-    QListWidget* comparison = lists[2];
-    ASSERT_GT(comparison->count(), 0);
-    EXPECT_EQ(comparison->item(0)->foreground().color(), HistoryTab::colourOf(model.diffLines()[0].op));
+    QListView* comparison = lists[2];
+    ASSERT_GT(comparison->model()->rowCount(), 0);
+    EXPECT_EQ(comparison->model()->index(0, 0).data(Qt::ForegroundRole),
+              DiffLineList::colourOf(model.diffLines()[0].op));
 
-    docs->setCurrentRow(1);
+    docs->setCurrentIndex(docs->model()->index(1, 0));
     settle();
     EXPECT_EQ(model.document(), model.documents()[1]);
 }

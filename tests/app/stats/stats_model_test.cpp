@@ -2,7 +2,10 @@
 // heat map's calendar and colours.
 #include <gtest/gtest.h>
 
+#include <QAbstractItemModelTester>
 #include <QFile>
+#include <QItemSelectionModel>
+#include <QSignalSpy>
 #include <QTest>
 #include <filesystem>
 
@@ -57,13 +60,11 @@ TEST(StatsModelStatus, EachDriveStateSaysWhereTheFiguresCameFrom) {
 // No drive, and a drive gone before its load (the window's test removes one under the figures):
 // the status says which, and nothing of the drive stays on show.
 TEST(StatsModelStatus, NoDriveAndADriveThatHasGone) {
-    DriveSelection none;
-    StatsModel idle(&none);
-    EXPECT_EQ(idle.status(), "Plug in a Quillmate drive and press Refresh.");
     TempDir dir;
     QString root = deckDrive(dir, deck::StatsState::Normal);
     DriveSelection drives;
     StatsModel m(&drives);
+    EXPECT_EQ(m.status(), "Plug in a Quillmate drive and press Refresh.");
     std::filesystem::remove_all(dir.path());
     drives.pin({QmVolume{root, "Q", true}});
     EXPECT_TRUE(QTest::qWaitFor(
@@ -98,9 +99,43 @@ TEST(StatsModelLoading, DestroyingTheModelDuringALoadIsSafe) {
     auto* m = new StatsModel(&drives);
     drives.pin({QmVolume{deckDrive(dir, deck::StatsState::Normal), "Q", true}});
     ASSERT_TRUE(m->busy());
-    delete m;                                  // waits for the running read, delivers nothing
-    QTest::qWait(50);                          // no late delivery may reach the deleted model
+    delete m;                              // waits for the running read, delivers nothing
+    QCoreApplication::sendPostedEvents();  // no late delivery may reach the deleted model
     EXPECT_TRUE(QFile::exists(QString::fromStdString(dir / "stats.db")));
+}
+
+// The day list follows a reload of the same drive row by row, so a view keeps its selection; another
+// drive's days replace the list.
+TEST(StatsModelLoading, TheDayListKeepsItsSelectionAcrossReloadsOfOneDrive) {
+    TempDir a, b;
+    DriveSelection drives;
+    StatsModel m(&drives);
+    QAbstractItemModelTester tester(m.dayList(), QAbstractItemModelTester::FailureReportingMode::Fatal);
+    QItemSelectionModel chosen(m.dayList());
+    QSignalSpy inserted(m.dayList(), &QAbstractItemModel::rowsInserted);
+    const QString first = deckDrive(a, deck::StatsState::Normal, 0, 6);
+    loadPinned(drives, m, {QmVolume{first, "A", true}, QmVolume{deckDrive(b, deck::StatsState::Normal), "B", true}});
+    ASSERT_EQ(m.dayList()->rowCount(), 6);
+    chosen.select(m.dayList()->index(1), QItemSelectionModel::Select);
+    const QVariant day = chosen.selectedRows()[0].data(DayList::DayRole);
+    inserted.clear();
+
+    deck::StatsOptions more;
+    more.seed = 5;
+    more.days = 8;  // the same days and two older ones
+    ASSERT_EQ(deck::write_statistics(a.path(), more, true), "");
+    m.load();
+    ASSERT_TRUE(QTest::qWaitFor([&] { return !m.busy(); }, 20000));
+    ASSERT_EQ(m.dayList()->rowCount(), 8);
+    ASSERT_EQ(inserted.count(), 1);  // no reset: a view learns of rows this way
+    EXPECT_EQ(inserted[0].mid(1), (QVariantList{6, 7}));
+    ASSERT_EQ(chosen.selectedRows().size(), 1);
+    EXPECT_EQ(chosen.selectedRows()[0].data(DayList::DayRole), day);
+    for (int row = 0; row < 8; ++row) EXPECT_EQ(m.dayList()->rows()[row], m.days()[7 - row]);  // newest first
+
+    m.select(drives.volumes().last().path);
+    ASSERT_TRUE(QTest::qWaitFor([&] { return !m.busy() && m.dayList()->rowCount() == 60; }, 20000));
+    EXPECT_TRUE(chosen.selectedRows().isEmpty());
 }
 
 TEST(StatsText, DurationAtItsBoundaries) {

@@ -11,7 +11,6 @@
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
-#include <zlib.h>
 
 namespace {
 
@@ -165,30 +164,20 @@ bool TestMount::is_mounted(const std::string& mount_point) {
     return false;
 }
 
-bool kill_writer_midway(const std::vector<std::string>& args, uint64_t bytes) {
+uint64_t kill_writer_midway(const std::vector<std::string>& args, uint64_t bytes) {
     int fd = -1;
     pid_t pid = spawn(writer_argv(args), true, &fd);
     FILE* out = fdopen(fd, "r");
-    bool killed = false;
+    uint64_t killed_at_total = 0;
     char line[256];
-    while (!killed && std::fgets(line, sizeof line, out)) {
+    while (!killed_at_total && std::fgets(line, sizeof line, out)) {
         unsigned long long done = 0, total = 0;
         if (std::sscanf(line, "P %llu %llu", &done, &total) == 2 && done >= bytes && done < total) {
             kill(pid, SIGKILL);
-            killed = true;
+            killed_at_total = total;
         }
     }
     std::fclose(out);
     waitpid(pid, nullptr, 0);
-    return killed;
-}
-
-void write_gzip_with_zero_tail(const std::string& path, const std::string& head, uint64_t zero_bytes) {
-    gzFile gz = gzopen(path.c_str(), "wb6");
-    if (!gz) throw std::runtime_error("gzopen " + path);
-    gzwrite(gz, head.data(), static_cast<unsigned>(head.size()));
-    std::string zeros(1 << 20, '\0');
-    for (uint64_t done = 0; done < zero_bytes; done += zeros.size())
-        gzwrite(gz, zeros.data(), static_cast<unsigned>(std::min<uint64_t>(zeros.size(), zero_bytes - done)));
-    if (gzclose(gz) != Z_OK) throw std::runtime_error("gzclose " + path);
+    return killed_at_total;
 }

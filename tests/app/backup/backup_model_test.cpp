@@ -147,33 +147,6 @@ TEST_F(BackupModelStatus, WarningAfterARun) {
     }
 }
 
-TEST_F(BackupSchedules, WatchesTheDrivesFoldersAndFilesOnlyWhenAnAutomaticRunCouldHappen) {
-    TempDir drive, dest;
-    QString root = deckDrive(drive, deck::StatsState::Normal, 2);
-    ASSERT_TRUE(QDir().mkpath(root + "/notes/2024"));
-    spit(drive / "notes/2024/a.md", "a file in a folder");
-    DriveSelection drives;
-    BackupModel m(&drives);
-    m.start();
-    drives.pin({QmVolume{root, "Q", true}});
-    EXPECT_TRUE(m.schedule().watched().isEmpty());  // no destination yet
-
-    m.choose(q(dest));
-    QStringList watched = m.schedule().watched();
-    EXPECT_TRUE(watched.contains(root));
-    EXPECT_TRUE(watched.contains(root + "/notes/2024"));
-    EXPECT_TRUE(watched.contains(root + "/notes/2024/a.md"));
-    for (const QString& path : watched)  // the key and statistics are never copied
-        EXPECT_FALSE(path.startsWith(root + "/.qm/") || path == root + "/.qm") << path.toStdString();
-
-    m.setAutomatic(false);
-    EXPECT_TRUE(m.schedule().watched().isEmpty());
-    m.setAutomatic(true);
-    EXPECT_FALSE(m.schedule().watched().isEmpty());
-    drives.pin(QList<QmVolume>{});
-    EXPECT_TRUE(m.schedule().watched().isEmpty());
-}
-
 // Changes wait for a quiet time counted from the last of them; the timer repeats without any.
 // Real changes on the disk, on a clock the test turns.
 TEST_F(BackupSchedules, ChangesWaitForQuietAndTheTimerRepeats) {
@@ -261,15 +234,29 @@ TEST(BackupClocks, QtTimersRepeatAndMoveTheQuietMoment) {
     EXPECT_EQ(moved, 1);
 }
 
-TEST_F(BackupModelRun, AnAutomaticRunReportsWithoutBusyAndAHeldFolderSkipsQuietly) {
+// The drive is watched only while an automatic run could happen; such a run reports without
+// busy, and one that finds another run holding the folder copies nothing and says nothing.
+TEST_F(BackupModelRun, AutomaticRunsWatchReportAndStepAsideForAHeldFolder) {
     TempDir drive, dest;
     QString root = deckDrive(drive, deck::StatsState::Normal, 2);
+    spit(drive / "notes/2024/a.md", "a file in a folder");
     DriveSelection drives;
-    drives.pin({QmVolume{root, "Q", true}});
     auto* clock = new HandClock;
     BackupModel m(&drives, std::unique_ptr<BackupClock>(clock));
-    m.choose(q(dest));
     m.start();
+    drives.pin({QmVolume{root, "Q", true}});
+    EXPECT_TRUE(m.schedule().watched().isEmpty());  // no destination yet
+    m.choose(q(dest));
+    QStringList watched = m.schedule().watched();
+    for (const QString& path : {root, root + "/notes/2024", root + "/notes/2024/a.md"})
+        EXPECT_TRUE(watched.contains(path)) << path.toStdString();
+    for (const QString& path : watched)  // the key and statistics are never copied
+        EXPECT_FALSE(path.startsWith(root + "/.qm/") || path == root + "/.qm") << path.toStdString();
+    m.setAutomatic(false);
+    EXPECT_TRUE(m.schedule().watched().isEmpty());
+    m.setAutomatic(true);
+    EXPECT_FALSE(m.schedule().watched().isEmpty());
+
     QSignalSpy reported(&m, &BackupModel::reported);
     m.schedule().trigger();
     clock->advance(BackupSchedule::kQuietMs);
@@ -278,9 +265,7 @@ TEST_F(BackupModelRun, AnAutomaticRunReportsWithoutBusyAndAHeldFolderSkipsQuietl
     EXPECT_FALSE(m.busy());
     EXPECT_TRUE(m.status().startsWith("Copied ")) << m.status().toStdString();
 
-    // Another run holds the folder, as a headless run in another process would: this one copies
-    // nothing and says nothing.
-    spit(drive / "Later.md", "written meanwhile");
+    spit(drive / "Later.md", "written while a headless run in another process holds the folder");
     {
         BackupLock held(q(dest) + "/Quillmate/Q", false);
         ASSERT_TRUE(held.held());
@@ -292,6 +277,9 @@ TEST_F(BackupModelRun, AnAutomaticRunReportsWithoutBusyAndAHeldFolderSkipsQuietl
     EXPECT_EQ(reported.count(), 1);
     EXPECT_TRUE(m.status().startsWith("Copied "));
     EXPECT_FALSE(QFileInfo::exists(q(dest) + "/Quillmate/Q/Later.md"));
+
+    drives.pin(QList<QmVolume>{});
+    EXPECT_TRUE(m.schedule().watched().isEmpty());
 }
 
 }  // namespace

@@ -46,23 +46,39 @@ struct FakeMounts : StickMounts {
         mountedNow = canMount;
         return mountedNow ? data : std::nullopt;
     }
-    void plugInAgain() {
+    void plugIn(bool in = true) {
         std::lock_guard hold(lock);
-        mountedNow = true;
+        mountedNow = in;
     }
 };
 
-struct Answers : FlashDialogs {
+// Answers the model's and its keeper's questions as they are asked, unless told to leave them open.
+struct Answers {
     QList<FlashDialog> shown;
+    QList<int> closed;  // questions the model took back
     int answer = 1;
     std::function<int(const FlashDialog&)> decide;  // overrides answer when set
     QString folder;                                 // what a folder dialog returns
-    int ask(const FlashDialog& d) override {
-        shown << d;
-        if (decide) return decide(d);
-        return d.buttons.size() > 1 ? answer : 0;
+    bool leaveOpen = false;
+    void attach(FlashModel& m) {
+        WritingKeeper* keeper = &m.keeper();
+        QObject::connect(&m, &FlashModel::dialogRequested, [this, &m](const FlashDialog& d) {
+            if (record(d)) m.answer(d.id, pick(d));
+        });
+        QObject::connect(keeper, &WritingKeeper::dialogRequested, [this, keeper](const FlashDialog& d) {
+            if (record(d)) keeper->answer(d.id, pick(d));
+        });
+        QObject::connect(&m, &FlashModel::folderRequested, [this, &m](int id, const QString&) {
+            if (!leaveOpen) m.answerFolder(id, folder);
+        });
+        QObject::connect(&m, &FlashModel::dialogClosed, [this](int id) { closed << id; });
+        QObject::connect(keeper, &WritingKeeper::dialogClosed, [this](int id) { closed << id; });
     }
-    QString chooseFolder(const QString&) override { return folder; }
+    bool record(const FlashDialog& d) {
+        shown << d;
+        return d.id != 0 && !leaveOpen;
+    }
+    int pick(const FlashDialog& d) const { return decide ? decide(d) : answer; }
 };
 
 // Writes the bundled image and the writer a resource folder needs; the writer prints lines and
@@ -84,7 +100,7 @@ struct HeldWrite {
     std::shared_future<void> held = gate.get_future().share();
 
     HeldWrite() {
-        model.setDialogs(&answers);
+        answers.attach(model);
         model.setResourceFolder(QString::fromStdString(res.path()));
         giveResources(res, model.resourceName(), "");
         model.setLauncher([this](auto&&...) { return held.wait(), ElevatedRun{kAuthCanceled}; });

@@ -7,7 +7,6 @@
 #include <sys/sysmacros.h>
 #include <filesystem>
 #include <random>
-#include <stdexcept>
 #include <thread>
 #include <unistd.h>
 
@@ -66,8 +65,7 @@ std::string make_incompressible_image(const TempDir& dir) {
     std::mt19937_64 random(7);
     std::string bytes(6 * kMiB + 123, '\0');
     for (auto& b : bytes) b = static_cast<char>(random());
-    spit(dir / "random.img", bytes);
-    if (run_command({"gzip", "-f", "-n", dir / "random.img"}) != 0) throw std::runtime_error("gzip");
+    write_gzip_with_zero_tail(dir / "random.img.gz", bytes, 0);
     return dir / "random.img.gz";
 }
 
@@ -267,9 +265,6 @@ TEST_F(WriterOnLoopDevice, RefusesUnsuitableDisksWithoutWriting) {
         int holder = c.hold_open_exclusively ? open(loop.path().c_str(), O_RDONLY | O_EXCL) : -1;
         WriterRun run = c.installed_writer ? run_installed_writer({c.image, loop.path()})
                                            : run_writer({c.image, loop.path()});
-        if (c.installed_writer) {
-            EXPECT_NE(run_installed_writer({"--allow-regular-file", sample("uefi_fat32"), loop.path()}).exit_code, 0);
-        }
         if (holder >= 0) close(holder);
         EXPECT_NE(run.exit_code, 0);
         EXPECT_FALSE(run.done());

@@ -154,11 +154,8 @@ protected:
         GTEST_SKIP() << "SKIPPED: the account service (qm-server) is not part of this build";
 #else
         db_ = QString::fromStdString(data_ / "accounts.db");
-        for (const char* who : {"owner@example.org", "other@example.org"}) {
-            pid_t add = spawnWithInput({QM_SERVER_PATH, "add-user", "--db", db_, who}, (kPassword + "\n").toUtf8());
-            ASSERT_GT(add, 0);
-            ASSERT_EQ(exitStatusOf(add), 0);
-        }
+        for (const char* who : {"owner@example.org", "other@example.org"})
+            ASSERT_EQ(runProgram({QM_SERVER_PATH, "add-user", "--db", db_, who}, (kPassword + "\n").toUtf8()), 0);
         ASSERT_TRUE(service_.start(QM_SERVER_PATH, {"--db", db_})) << "the service never listened";
         base_ = service_.base();
         qputenv("QM_SERVER", base_.toUtf8());
@@ -196,7 +193,7 @@ protected:
 TEST_F(ServiceTest, AddUserRefusesAShortPassword) {
 #if defined(QM_SERVER_PATH)
     const QStringList args{QM_SERVER_PATH, "add-user", "--db", QString::fromStdString(data_ / "new.db"), "new@example.org"};
-    auto add = [&](const QString& password) { return exitStatusOf(spawnWithInput(args, (password + "\n").toUtf8())); };
+    auto add = [&](const QString& password) { return runProgram(args, (password + "\n").toUtf8()); };
     EXPECT_EQ(add("seven 7"), 1);
     EXPECT_EQ(add("Ünïcödé"), 1);  // 7 characters in 11 bytes
     EXPECT_EQ(add("eight 88"), 0);

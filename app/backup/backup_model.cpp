@@ -193,7 +193,8 @@ void BackupModel::runNow(bool deepVerify) {
         [this](std::optional<BackupResult> result) {
             --manualRuns_;
             if (result) return show(*result);
-            setStatus(kNothingToCheckStatus);
+            if (volume()) setStatus(kNothingToCheckStatus);
+            else refreshStatus();  // the drive went meanwhile: that is what the tab says
             emit changed();
             emit reported();
         });

@@ -90,6 +90,7 @@ TEST_F(BackupModelStatus, WaitingTextsGiveWayToReadyOnlyUntilARunReports) {
     // A drive that goes takes its outcome and warning along, also one of a run that ends later.
     r.cloudWarning = "Dropbox is not running";
     m.show(r);
+    m.runNow(true);  // a check that finds nothing to check, after the drive has gone
     drives.pin(QList<QmVolume>{});
     const QString gone = DriveSelection::goneText("Q");
     EXPECT_EQ(m.status(), gone);
@@ -99,6 +100,8 @@ TEST_F(BackupModelStatus, WaitingTextsGiveWayToReadyOnlyUntilARunReports) {
     EXPECT_EQ(m.status(), gone);
     EXPECT_FALSE(m.warning());
     EXPECT_FALSE(m.folder());
+    ASSERT_TRUE(QTest::qWaitFor([&] { return !m.busy(); }, 20000));
+    EXPECT_EQ(m.status(), gone);
     drives.pin({QmVolume{q(drive), "Q", true}});  // back: waiting texts give way again
     EXPECT_EQ(m.status(), BackupModel::kReadyStatus);
 

@@ -140,8 +140,8 @@ TEST(FlashStart, ConfirmationAndMissingResources) {
     EXPECT_FALSE(b.m.busy());
 }
 
-// Scans go on while the user is asked: the stick asked about is the one written, whatever the
-// picker shows by then, and a stick gone meanwhile takes its question with it.
+// Scans go on while the user is asked: the stick and image asked about are the ones written,
+// whatever the tab shows by then, and a stick gone meanwhile takes its question with it.
 TEST(FlashStart, TheStickAskedAboutOrNone) {
     const USBDrive smaller{"sdf", "Small", 8000000000, "/dev/sdf"};
     const struct { QList<USBDrive> meanwhile; bool written; } cases[] = {
@@ -156,6 +156,7 @@ TEST(FlashStart, TheStickAskedAboutOrNone) {
         b.m.flash();  // one question at a time
         b.scan(c.meanwhile);
         b.m.select(smaller.id);
+        b.m.setBoot(BootMode::bios);  // the image asked about stays too: only uefi_fat32 is there
         b.m.answer(b.answers.shown.last().id, 1);
         EXPECT_EQ(b.answers.shown.size(), 1);
         EXPECT_EQ(b.answers.closed, c.written ? QList<int>() : QList<int>{b.answers.shown[0].id});

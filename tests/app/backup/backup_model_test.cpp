@@ -107,6 +107,8 @@ TEST_F(BackupModelStatus, WaitingTextsGiveWayToReadyOnlyUntilARunReports) {
 
     m.choose(QString());
     EXPECT_EQ(m.status(), BackupModel::kNoDestinationStatus);
+    ASSERT_TRUE(QTest::qWaitFor([&] { return !m.detecting(); }, 10000));
+    EXPECT_FALSE(m.folder());  // the look for the drive's folder begun before is out of date
 
     BackupModel again(&drives);  // the choices were kept
     EXPECT_EQ(again.destination(), "");

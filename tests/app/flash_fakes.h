@@ -61,24 +61,20 @@ struct Answers {
     QString folder;                                 // what a folder dialog returns
     bool leaveOpen = false;
     void attach(FlashModel& m) {
-        WritingKeeper* keeper = &m.keeper();
-        QObject::connect(&m, &FlashModel::dialogRequested, [this, &m](const FlashDialog& d) {
-            if (record(d)) m.answer(d.id, pick(d));
-        });
-        QObject::connect(keeper, &WritingKeeper::dialogRequested, [this, keeper](const FlashDialog& d) {
-            if (record(d)) keeper->answer(d.id, pick(d));
-        });
+        attachTo(&m);
+        attachTo(&m.keeper());
         QObject::connect(&m, &FlashModel::folderRequested, [this, &m](int id, const QString&) {
             if (!leaveOpen) m.answerFolder(id, folder);
         });
-        QObject::connect(&m, &FlashModel::dialogClosed, [this](int id) { closed << id; });
-        QObject::connect(keeper, &WritingKeeper::dialogClosed, [this](int id) { closed << id; });
     }
-    bool record(const FlashDialog& d) {
-        shown << d;
-        return d.id != 0 && !leaveOpen;
+    template <typename Asker>  // the model or its keeper
+    void attachTo(Asker* asker) {
+        QObject::connect(asker, &Asker::dialogRequested, [this, asker](const FlashDialog& d) {
+            shown << d;
+            if (d.id != 0 && !leaveOpen) asker->answer(d.id, decide ? decide(d) : answer);
+        });
+        QObject::connect(asker, &Asker::dialogClosed, [this](int id) { closed << id; });
     }
-    int pick(const FlashDialog& d) const { return decide ? decide(d) : answer; }
 };
 
 // Writes the bundled image and the writer a resource folder needs; the writer prints lines and

@@ -12,7 +12,8 @@ struct WriterRun {
 };
 
 // qm-writer-test, which also takes loop devices and files; `env` adds "NAME=value" entries.
-WriterRun run_writer(const std::vector<std::string>& args, const std::vector<std::string>& env = {});
+WriterRun run_writer(const std::vector<std::string>& args, const std::vector<std::string>& env = {},
+                     const char* writer = QM_WRITER_PATH);
 // The writer as it lies in the app's resources.
 WriterRun run_installed_writer(const std::vector<std::string>& args);
 

@@ -14,7 +14,6 @@
 #include <filesystem>
 #include <fstream>
 #include <mutex>
-#include <sstream>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -155,9 +154,7 @@ private:
 
     static std::string tail(const std::string& path) {
         std::ifstream f(path);
-        std::stringstream all;
-        all << f.rdbuf();
-        std::string text = all.str();
+        std::string text((std::istreambuf_iterator<char>(f)), {});
         return text.size() > 600 ? "..." + text.substr(text.size() - 600) : text;
     }
 

@@ -13,6 +13,7 @@
 #include <QJsonObject>
 #include <QRandomGenerator>
 #include <QTemporaryDir>
+#include <QTest>
 #include <fcntl.h>
 
 #include "app_object.h"

@@ -33,13 +33,13 @@ QString failuresWarning(const QStringList& failures, const QString& one, const Q
 
 }  // namespace
 
-BackupModel::BackupModel(DriveSelection* drives, BackupSchedule::Timings timings, QObject* parent)
+BackupModel::BackupModel(DriveSelection* drives, std::unique_ptr<BackupClock> clock, QObject* parent)
     : QObject(parent),
       drives_(drives),
       destination_(BackupSettings::destination()),
       automatic_(BackupSettings::automatic()),
       opener_([](const QUrl& url) { return QDesktopServices::openUrl(url); }),
-      schedule_(timings) {
+      schedule_(std::move(clock)) {
     connect(drives_, &DriveSelection::changed, this, [this] {
         refreshStatus();
         schedule_.rewatch();
@@ -67,7 +67,7 @@ void BackupModel::detectServices() {
         return;
     }
     detecting_ = true;
-    detection_.post(
+    lookups_.post(
         [] {
             std::pair<QList<CloudFolder>, QList<CloudFolder>> lists{CloudFolders::detect(), {}};
             for (const CloudFolder& f : lists.first)
@@ -101,12 +101,7 @@ void BackupModel::setAutomatic(bool on) {
 
 void BackupModel::refreshStatus() {
     std::optional<QmVolume> v = volume();
-    std::optional<QString> folder;
-    if (v && !destination_.isEmpty()) folder = Backup::folderFor(destination_, *v);
-    if (folder != folder_) {
-        folder_ = folder;
-        emit changed();
-    }
+    lookUpFolder(v);
     if (!v && drives_->gone()) {
         // A drive that went takes what was shown of it along, the last run's outcome included.
         if (warning_) {
@@ -123,6 +118,31 @@ void BackupModel::refreshStatus() {
         // The outcome of the last run stays until the next one; only the waiting texts give way.
         setStatus(kReadyStatus);
     }
+}
+
+void BackupModel::lookUpFolder(const std::optional<QmVolume>& v) {
+    const int asked = ++folderAsked_;
+    if (!v || destination_.isEmpty()) {
+        setFolder(std::nullopt, false);
+        return;
+    }
+    ++folderLookups_;
+    lookups_.post(
+        [volume = *v, destination = destination_] {
+            QString folder = Backup::folderFor(destination, volume);
+            return std::pair{folder, QFileInfo(folder).isDir()};
+        },
+        [this, asked](std::pair<QString, bool> found) {
+            --folderLookups_;
+            if (asked == folderAsked_) setFolder(found.first, found.second);
+        });
+}
+
+void BackupModel::setFolder(const std::optional<QString>& folder, bool exists) {
+    if (folder == folder_ && exists == folderExists_) return;
+    folder_ = folder;
+    folderExists_ = exists;
+    emit changed();
 }
 
 void BackupModel::setWaiting(const QString& status) {
@@ -160,23 +180,23 @@ void BackupModel::startManual(const QString& status) {
 void BackupModel::runNow(bool deepVerify) {
     std::optional<QmVolume> v = volume();
     if (!v || busy()) return;
-    // A check on a drive never backed up here would make every copy first: a backup in disguise.
-    if (deepVerify && !QFileInfo::exists(Backup::folderFor(destination_, *v) + QLatin1Char('/') +
-                                         QLatin1String(BackupManifest::kFileName))) {
-        warning_.reset();
-        warningIsSerious_ = false;
-        setStatus(kNothingToCheckStatus);
-        emit changed();
-        return;
-    }
     startManual(deepVerify ? kCheckingStatus : kCopyingStatus);
     background_.post(
-        [volume = *v, destination = destination_, deepVerify, options = optionsFor(false)] {
+        [volume = *v, destination = destination_, deepVerify,
+         options = optionsFor(false)]() -> std::optional<BackupResult> {
+            // A check on a drive never backed up here would make every copy first: a backup in disguise.
+            if (deepVerify && !QFileInfo::exists(Backup::folderFor(destination, volume) + QLatin1Char('/') +
+                                                 QLatin1String(BackupManifest::kFileName)))
+                return std::nullopt;
             return Backup::run(volume, destination, deepVerify, options);
         },
-        [this](BackupResult result) {
+        [this](std::optional<BackupResult> result) {
             --manualRuns_;
-            show(result);
+            if (result) return show(*result);
+            if (volume()) setStatus(kNothingToCheckStatus);
+            else refreshStatus();  // the drive went meanwhile: that is what the tab says
+            emit changed();
+            emit reported();
         });
 }
 
@@ -246,7 +266,11 @@ void BackupModel::show(const RestoreResult& result) {
 
 void BackupModel::show(const BackupResult& result) {
     if (!showSummary(result.summary(), result.finished)) return;
-    if (!result.folder.isEmpty()) folder_ = result.folder;
+    if (!result.folder.isEmpty()) {
+        ++folderAsked_;  // a look begun before the run may not have seen the folder made
+        folder_ = result.folder;
+        folderExists_ = true;
+    }
     if (!result.failures.isEmpty()) {
         warning_ = failuresWarning(result.failures, QStringLiteral("One copy could not be verified: "),
                                    QStringLiteral("%1 copies could not be verified: "));

@@ -7,6 +7,7 @@
 #include <QString>
 #include <QUrl>
 #include <functional>
+#include <memory>
 #include <optional>
 
 #include "backup.h"
@@ -30,7 +31,7 @@ public:
     // Opens a folder in the file manager; true when it could.
     using Opener = std::function<bool(const QUrl&)>;
 
-    explicit BackupModel(DriveSelection* drives, BackupSchedule::Timings timings = {}, QObject* parent = nullptr);
+    explicit BackupModel(DriveSelection* drives, std::unique_ptr<BackupClock> clock = nullptr, QObject* parent = nullptr);
 
     DriveSelection* driveSelection() const { return drives_; }
     const QList<QmVolume>& volumes() const { return drives_->volumes(); }
@@ -46,15 +47,18 @@ public:
     bool busy() const { return manualRuns_ > 0; }
     // A run of either kind is under way.
     bool running() const { return manualRuns_ > 0 || automaticRunning_; }
-    // A look for cloud folders is under way.
-    bool detecting() const { return detecting_; }
+    // A look for cloud folders, or for the drive's folder in the destination, is under way.
+    bool detecting() const { return detecting_ || folderLookups_ > 0; }
     const std::optional<QString>& warning() const { return warning_; }
     bool warningIsSerious() const { return warningIsSerious_; }
     // How far the run under way has got; none between runs.
     const std::optional<BackupProgress>& progress() const { return progress_; }
     // The selected drive's folder inside the destination (the one its copies go to, told apart
-    // from other drives of the same name); none without a drive or a destination.
+    // from other drives of the same name); none without a drive or a destination. Looked for off
+    // the main thread, as it lists the destination and reads the drive's key; changed() tells.
     const std::optional<QString>& folder() const { return folder_; }
+    // The folder is there, made by an earlier run.
+    bool folderExists() const { return folderExists_; }
     BackupSchedule& schedule() { return schedule_; }
 
     // Starts the automatic runs (timer and watch) and looks for cloud folders.
@@ -77,6 +81,7 @@ public:
     std::optional<QString> revealFolder();
     void setOpener(Opener opener) { opener_ = std::move(opener); }
 
+    // The status for the drive and destination now, and a new look for the drive's folder.
     void refreshStatus();
     // A finished run's outcome as status and warning (manual and automatic runs alike).
     void show(const BackupResult& result);
@@ -88,6 +93,8 @@ signals:
     void reported();
 
 private:
+    void lookUpFolder(const std::optional<QmVolume>& volume);
+    void setFolder(const std::optional<QString>& folder, bool exists);
     void runAutomatic(const QmVolume& volume, const QString& destination);
     void setStatus(const QString& status);
     // A status that tells what is missing before a run can happen; it gives way once nothing is.
@@ -101,6 +108,9 @@ private:
     DriveSelection* drives_;
     QString destination_;
     std::optional<QString> folder_;
+    bool folderExists_ = false;
+    int folderAsked_ = 0;    // the latest look's number: an earlier one's answer is out of date
+    int folderLookups_ = 0;  // looks under way
     bool automatic_ = true;
     QList<CloudFolder> services_;
     QList<CloudFolder> missing_;
@@ -116,6 +126,7 @@ private:
     Opener opener_;
     BackupSchedule schedule_;
     BackgroundQueue background_;  // runs; last two: stopped first
-    // Its own thread, so a long run does not hold back the folders the settings show.
-    BackgroundQueue detection_;
+    // Its own thread, so a long run does not hold back the cloud folders the settings show, nor
+    // the drive's folder the tab shows.
+    BackgroundQueue lookups_;
 };

@@ -4,6 +4,7 @@
 #include <QFileInfo>
 #include <QSet>
 #include <QSettings>
+#include <QTimer>
 #include <algorithm>
 
 namespace {
@@ -16,9 +17,27 @@ const QString kAutomaticKey = QStringLiteral("backupAutomatic");
 // folder chosen as a drive; where it bites, version files go unwatched first.
 constexpr int kMaxWatched = 2000;
 
+class QtClock : public BackupClock {
+public:
+    void repeat(int ms, Fire fire) override { start(period_, ms, std::move(fire), false); }
+    void quiet(int ms, Fire fire) override { start(quiet_, ms, std::move(fire), true); }
+
+private:
+    static void start(QTimer& timer, int ms, Fire fire, bool once) {
+        timer.disconnect();
+        QObject::connect(&timer, &QTimer::timeout, std::move(fire));
+        timer.setSingleShot(once);
+        timer.start(ms);
+    }
+    QTimer period_;
+    QTimer quiet_;
+};
+
 QSettings store() { return QSettings(QStringLiteral("Quillmate"), QStringLiteral("Quillmate Flasher")); }
 
 }  // namespace
+
+std::unique_ptr<BackupClock> BackupClock::timers() { return std::make_unique<QtClock>(); }
 
 namespace BackupSettings {
 
@@ -29,12 +48,8 @@ void setAutomatic(bool on) { store().setValue(kAutomaticKey, on); }
 
 }  // namespace BackupSettings
 
-BackupSchedule::BackupSchedule(Timings timings, QObject* parent) : QObject(parent) {
-    period_.setInterval(timings.periodMs);
-    debounce_.setInterval(timings.debounceMs);
-    debounce_.setSingleShot(true);
-    connect(&period_, &QTimer::timeout, this, &BackupSchedule::runNow);
-    connect(&debounce_, &QTimer::timeout, this, &BackupSchedule::runNow);
+BackupSchedule::BackupSchedule(std::unique_ptr<BackupClock> clock, QObject* parent)
+    : QObject(parent), clock_(clock ? std::move(clock) : BackupClock::timers()) {
     connect(&watcher_, &QFileSystemWatcher::directoryChanged, this, [this](const QString& folder) {
         watchBelow(folder);  // a folder or file made since the last rewatch is watched too
         trigger();
@@ -50,7 +65,7 @@ BackupSchedule::BackupSchedule(Timings timings, QObject* parent) : QObject(paren
 void BackupSchedule::start(CurrentVolume currentVolume, Run run) {
     currentVolume_ = std::move(currentVolume);
     run_ = std::move(run);
-    period_.start();
+    clock_->repeat(kPeriodMs, [this] { runNow(); });
     rewatch();
 }
 
@@ -98,7 +113,7 @@ void BackupSchedule::watchBelow(const QString& folder) {
 
 QStringList BackupSchedule::watched() const { return watcher_.directories() + watcher_.files(); }
 
-void BackupSchedule::trigger() { debounce_.start(); }
+void BackupSchedule::trigger() { clock_->quiet(kQuietMs, [this] { runNow(); }); }
 
 void BackupSchedule::runNow() {
     if (!BackupSettings::automatic() || !currentVolume_ || !run_) return;
@@ -106,6 +121,5 @@ void BackupSchedule::runNow() {
     if (destination.isEmpty()) return;
     std::optional<QmVolume> volume = currentVolume_();
     if (!volume) return;
-    emit due();
     run_(*volume, destination);
 }

@@ -6,8 +6,8 @@
 #include <QObject>
 #include <QString>
 #include <QStringList>
-#include <QTimer>
 #include <functional>
+#include <memory>
 #include <optional>
 
 #include "volumes.h"
@@ -20,19 +20,30 @@ void setDestination(const QString& path);
 void setAutomatic(bool on);
 }  // namespace BackupSettings
 
-struct BackupTimings {
-    int periodMs = 300'000;  // the repeating run
-    int debounceMs = 3'000;  // quiet time after the last change before a run
+// What the schedule waits with: Qt's timers in the program; tests turn a clock by hand.
+class BackupClock {
+public:
+    using Fire = std::function<void()>;
+    virtual ~BackupClock() = default;
+    // fire() every ms from now on.
+    virtual void repeat(int ms, Fire fire) = 0;
+    // fire() once, ms from now; a call before then moves that moment rather than adding one.
+    virtual void quiet(int ms, Fire fire) = 0;
+
+    // Qt's timers: the program's clock.
+    static std::unique_ptr<BackupClock> timers();
 };
 
 class BackupSchedule : public QObject {
     Q_OBJECT
 public:
-    using Timings = BackupTimings;
+    static constexpr int kPeriodMs = 300'000;  // the repeating run
+    static constexpr int kQuietMs = 3'000;     // quiet time after the last change before a run
     using CurrentVolume = std::function<std::optional<QmVolume>()>;
     using Run = std::function<void(const QmVolume& volume, const QString& destination)>;
 
-    explicit BackupSchedule(Timings timings = {}, QObject* parent = nullptr);
+    // Without a clock, Qt's timers.
+    explicit BackupSchedule(std::unique_ptr<BackupClock> clock = nullptr, QObject* parent = nullptr);
 
     // Keeps both callbacks, starts the repeating timer and sets up the watch.
     void start(CurrentVolume currentVolume, Run run);
@@ -46,17 +57,12 @@ public:
     // The folders and files watched now, for tests.
     QStringList watched() const;
 
-signals:
-    // runNow() found everything in place and handed a run to the run callback.
-    void due();
-
 private:
     void watchBelow(const QString& folder);
 
     CurrentVolume currentVolume_;
     Run run_;
-    QTimer period_;
-    QTimer debounce_;
+    std::unique_ptr<BackupClock> clock_;
     QFileSystemWatcher watcher_;
     QString skipped_;  // the drive's .qm folder
     QString history_;  // the drive's .qmv folder, whose subfolders hold version files

@@ -98,7 +98,8 @@ BackupTab::BackupTab(BackupModel* model, QWidget* parent) : QWidget(parent), mod
 
 void BackupTab::showEvent(QShowEvent* e) {
     QWidget::showEvent(e);
-    // A cloud client installed meanwhile, or a folder made since, shows without a Refresh.
+    // A cloud client installed meanwhile, or a folder made since, shows without a Refresh; both
+    // are looked for off this thread and arrive through changed().
     model_->detectServices();
     model_->refreshStatus();
 }
@@ -117,7 +118,7 @@ void BackupTab::refreshFromModel() {
     backUp_->setEnabled(canRun);
     check_->setEnabled(canRun);
     std::optional<QString> folder = model_->folder();
-    open_->setEnabled(folder && QDir(*folder).exists());
+    open_->setEnabled(folder && model_->folderExists());
     putBack_->setEnabled(!model_->busy() && model_->volume());
     driveFolder_->setVisible(folder.has_value());
     if (folder) driveFolder_->setText(tr("This stick's copies: %1").arg(QDir::toNativeSeparators(*folder)));

@@ -7,4 +7,8 @@ namespace DiskFlush {
 
 void fileSystemOf(int) { ::sync(); }
 
+bool dataOf(int fd) { return ::fdatasync(fd) == 0; }
+
+std::optional<bool> renameNoReplace(int, const char*, const char*) { return std::nullopt; }
+
 }  // namespace DiskFlush

@@ -11,6 +11,7 @@
 #include <thread>
 #include <vector>
 
+#include "disk_flush.h"
 #include "file_hash.h"
 #include "file_writes.h"
 
@@ -29,32 +30,16 @@ bool roomFor(int dirFd, int64_t bytes) {
 }
 
 bool renameInto(int dirFd, const char* from, const QByteArray& to, bool noReplace) {
-#ifdef __linux__
     if (noReplace) {
-        if (::renameat2(dirFd, from, dirFd, to.constData(), RENAME_NOREPLACE) == 0) return true;
-        if (errno != EINVAL && errno != ENOSYS) return false;
-        // A file system without the flag: look, then rename; the window is this process's own.
-    }
-#endif
-    struct stat st {};
-    if (noReplace && ::fstatat(dirFd, to.constData(), &st, AT_SYMLINK_NOFOLLOW) == 0) {
-        errno = EEXIST;
-        return false;
+        if (std::optional<bool> renamed = DiskFlush::renameNoReplace(dirFd, from, to.constData())) return *renamed;
+        // No way to do it in one step: look, then rename; the window is this process's own.
+        struct stat st {};
+        if (::fstatat(dirFd, to.constData(), &st, AT_SYMLINK_NOFOLLOW) == 0) {
+            errno = EEXIST;
+            return false;
+        }
     }
     return ::renameat(dirFd, from, dirFd, to.constData()) == 0;
-}
-
-// Writes the file's data out and waits for it, so its pages are clean and can be dropped before
-// the read-back. The data alone: the names and sizes reach the disk with the one flush of the
-// whole file system that comes before the manifest names the copies, which is far cheaper than
-// a journal commit per file.
-bool flushData(int fd) {
-#ifdef __linux__
-    return ::sync_file_range(fd, 0, 0,
-                             SYNC_FILE_RANGE_WAIT_BEFORE | SYNC_FILE_RANGE_WRITE | SYNC_FILE_RANGE_WAIT_AFTER) == 0;
-#else
-    return ::fdatasync(fd) == 0;
-#endif
 }
 
 Outcome attempt(const Request& r, std::vector<char>& buf, Copied& out) {
@@ -86,8 +71,11 @@ Outcome attempt(const Request& r, std::vector<char>& buf, Copied& out) {
     if (outcome == Outcome::Verified) {
         timespec times[2] = {{0, UTIME_OMIT}, r.mtime};
         ::futimens(fd, times);
-        // On the disk, not in the cache: a full or failing disk reports it here at the latest.
-        if (!flushData(fd)) outcome = noRoom(errno) ? Outcome::DiskFull : Outcome::Failed;
+        // On the disk, not in the cache, so its pages are clean and can be dropped before the
+        // read-back; a full or failing disk reports it here at the latest. The data alone: names
+        // and sizes reach the disk with the one flush of the whole file system that comes before
+        // the manifest names the copies, far cheaper than a journal commit per file.
+        if (!DiskFlush::dataOf(fd)) outcome = noRoom(errno) ? Outcome::DiskFull : Outcome::Failed;
     }
     if (outcome == Outcome::Verified) {
         std::optional<QString> arrived = hashFromDisk(fd);

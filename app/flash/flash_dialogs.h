@@ -1,4 +1,5 @@
-// The flash model's modal questions and reports, answered by the view (or by a test).
+// What the flash model asks or tells the user. The model only says so, by a signal; the view
+// shows the dialog without blocking and hands a question's answer back by its id.
 #pragma once
 #include <QString>
 #include <QStringList>
@@ -10,14 +11,6 @@ struct FlashDialog {
     QString text;
     QStringList buttons;  // in the order shown; the first is the default
     int cancel = 0;       // the button Escape presses
+    int id = 0;           // a question's, to answer it by; 0 for a report that needs no answer
     bool operator==(const FlashDialog&) const = default;
-};
-
-class FlashDialogs {
-public:
-    virtual ~FlashDialogs() = default;
-    // Shows the dialog until it is answered; the index of the button pressed, or -1.
-    virtual int ask(const FlashDialog& dialog) = 0;
-    // Asks for a folder; empty when none was chosen.
-    virtual QString chooseFolder(const QString& caption) = 0;
 };

@@ -1,18 +1,22 @@
 #include "flash_model.h"
 
+#include <QDateTime>
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
-#include <QtEndian>
 #include <algorithm>
 #include <chrono>
 #include <cmath>
 #include <memory>
+#include <utility>
 
+#include "gzip_size.h"
 #include "launcher.h"
 #include "resources.h"
 
-QString displayText(BootMode mode) { return mode == BootMode::bios ? QStringLiteral("BIOS / Legacy") : QStringLiteral("UEFI"); }
+QString displayText(BootMode mode) {
+    return mode == BootMode::bios ? QStringLiteral("BIOS / Legacy") : QStringLiteral("UEFI");
+}
 QString displayText(FSChoice fs) { return fs == FSChoice::exfat ? QStringLiteral("exFAT") : QStringLiteral("FAT32"); }
 
 namespace {
@@ -40,7 +44,8 @@ QString pace(double done, double total, qint64 elapsedMs) {
 
 // The confirmation's words on a stick that holds writing.
 QString holdsWriting(const StickWriting& writing) {
-    QString count = writing.documents == 1 ? QStringLiteral("1 document") : QStringLiteral("%1 documents").arg(writing.documents);
+    QString count = writing.documents == 1 ? QStringLiteral("1 document")
+                                           : QStringLiteral("%1 documents").arg(writing.documents);
     return QStringLiteral("\n\nThis stick holds writing: ") + count + QStringLiteral(". ") + kBackUpFirst +
            QStringLiteral(" copies it into your backup folder, keeps the drive's key and statistics on this computer, "
                           "and puts it all back on the new stick.");
@@ -83,7 +88,7 @@ FlashModel::FlashModel(std::unique_ptr<DiskScanner> scanner, QObject* parent)
 }
 
 std::optional<USBDrive> FlashModel::selectedDrive() const {
-    for (const USBDrive& d : drives_)
+    for (const USBDrive& d : drives())
         if (selection_ && d.id == *selection_) return d;
     return std::nullopt;
 }
@@ -93,13 +98,15 @@ int FlashModel::hiddenCount() const {
 }
 
 QString FlashModel::notes() const {
-    QString boot = boot_ == BootMode::bios
-                       ? QStringLiteral("BIOS / Legacy: older PCs, or newer PCs with Legacy / CSM boot enabled in firmware.")
-                       : QStringLiteral("UEFI: PCs from roughly 2012 on. Turn OFF Secure Boot in firmware. If it won't boot, "
-                                        "try the BIOS version.");
-    QString fs = fs_ == FSChoice::exfat
-                     ? QStringLiteral("exFAT: best for cards larger than 32 GB; read/write on Windows and macOS.")
-                     : QStringLiteral("FAT32: most compatible everywhere; single files limited to 4 GB (fine for documents).");
+    QString boot =
+        boot_ == BootMode::bios
+            ? QStringLiteral("BIOS / Legacy: older PCs, or newer PCs with Legacy / CSM boot enabled in firmware.")
+            : QStringLiteral("UEFI: PCs from roughly 2012 on. Turn OFF Secure Boot in firmware. If it won't boot, "
+                             "try the BIOS version.");
+    QString fs =
+        fs_ == FSChoice::exfat
+            ? QStringLiteral("exFAT: best for cards larger than 32 GB; read/write on Windows and macOS.")
+            : QStringLiteral("FAT32: most compatible everywhere; single files limited to 4 GB (fine for documents).");
     return boot + QStringLiteral("\n\n") + fs;
 }
 
@@ -108,16 +115,24 @@ QString FlashModel::resourceName() const {
            QLatin1String(fs_ == FSChoice::exfat ? "exfat" : "fat32");
 }
 
-std::optional<qint64> FlashModel::imageSize() const {
-    constexpr qint64 kSmallestGzip = 18;  // header and trailer
+std::optional<qint64> FlashModel::imageSize() {
     if (!resources_) return std::nullopt;
-    QFile image(QDir(*resources_).filePath(QStringLiteral("images/") + resourceName() + QStringLiteral(".img.gz")));
-    if (!image.open(QIODevice::ReadOnly) || image.size() < kSmallestGzip || !image.seek(image.size() - 4))
-        return std::nullopt;
-    QByteArray trailer = image.read(4);
-    if (trailer.size() != 4) return std::nullopt;
-    // A gzip file is hardly ever larger than what it holds, so its own size is a floor as well.
-    return std::max<qint64>(qFromLittleEndian<quint32>(trailer.constData()), image.size());
+    QString path = QDir(*resources_).filePath(QStringLiteral("images/") + resourceName() + QStringLiteral(".img.gz"));
+    if (std::optional<qint64> size = GzipSize::fromTrailer(path)) return size;
+    QFileInfo image(path);
+    if (!image.isFile()) return std::nullopt;
+    // A replaced image is counted again.
+    QString key = path + u'|' + QString::number(image.size()) + u'|' +
+                  QString::number(image.lastModified().toMSecsSinceEpoch());
+    if (!imageSizes_.contains(key)) {
+        imageSizes_.insert(key, std::nullopt);
+        counting_.post([path] { return GzipSize::counted(path); },
+                       [this, key](std::optional<qint64> size) {
+                           imageSizes_.insert(key, size);
+                           if (size) emit changed();
+                       });
+    }
+    return imageSizes_.value(key);
 }
 
 void FlashModel::refresh() {
@@ -136,14 +151,17 @@ void FlashModel::applyScan(QList<USBDrive> found) {
     std::stable_sort(found.begin(), found.end(), [](const USBDrive& a, const USBDrive& b) { return a.size < b.size; });
     allDrives_ = std::move(found);
     applyFilter();
+    dropPendingIfGone();
 }
 
 void FlashModel::applyFilter() {
-    drives_.clear();
+    QList<USBDrive> shownDrives;
     for (const USBDrive& d : allDrives_)
-        if (showAll_ || d.size != 0) drives_.append(d);
-    if (!selectedDrive()) selection_ = drives_.isEmpty() ? std::nullopt : std::optional<QString>(drives_.first().id);
-    qsizetype shown = drives_.size(), hidden = allDrives_.size() - shown;
+        if (showAll_ || d.size != 0) shownDrives.append(d);
+    driveList_.update(shownDrives);
+    if (!selectedDrive())
+        selection_ = shownDrives.isEmpty() ? std::nullopt : std::optional<QString>(shownDrives.first().id);
+    qsizetype shown = shownDrives.size(), hidden = allDrives_.size() - shown;
     if (!busy_) {  // during a write the status line belongs to the write
         if (shown > 0)
             status_ = QStringLiteral("%1 external USB drive(s) found").arg(shown) +
@@ -152,6 +170,16 @@ void FlashModel::applyFilter() {
             status_ = hidden > 0 ? QStringLiteral("%1 empty drive(s) hidden — click Show all.").arg(hidden)
                                  : QStringLiteral("No USB drives found.");
     }
+    emit changed();
+}
+
+// A drive asked about that a scan no longer lists is not written: its question goes away.
+void FlashModel::dropPendingIfGone() {
+    if (!pending_ || listed(allDrives_, pending_->drive)) return;
+    int id = pending_->id;
+    pending_.reset();
+    status_ = QStringLiteral("The drive went away before the write began; nothing was written.");
+    emit dialogClosed(id);
     emit changed();
 }
 
@@ -176,11 +204,11 @@ void FlashModel::setFs(FSChoice fs) {
 }
 
 void FlashModel::tell(FlashDialog::Kind kind, const QString& title, const QString& text) {
-    if (dialogs_) dialogs_->ask(FlashDialog{kind, title, text, {QStringLiteral("OK")}});
+    emit dialogRequested(FlashDialog{kind, title, text, {QStringLiteral("OK")}});
 }
 
 void FlashModel::flash() {
-    if (busy_) return;
+    if (busy_ || pending_) return;
     std::optional<USBDrive> drive = selectedDrive();
     if (!drive) {
         status_ = QStringLiteral("Select a USB drive first.");
@@ -202,41 +230,78 @@ void FlashModel::flash() {
                          {QStringLiteral("Cancel"), QStringLiteral("Erase & Flash")}};
     if (writing) question = {FlashDialog::Kind::Warning, question.title, confirm,
                              {kBackUpFirst, QStringLiteral("Erase anyway"), QStringLiteral("Cancel")}, 2};
-    int answer = dialogs_ ? dialogs_->ask(question) : -1;
-    bool backUpFirst = writing && answer == 0;
-    if (answer != 1 && !backUpFirst) return;  // "Erase & Flash" and "Erase anyway" are both the second
+    question.id = ++lastQuestion_;
+    pending_ = Pending{question.id, *drive, resourceName(), writing};
+    emit changed();
+    emit dialogRequested(question);  // last: the answer may come at once
+}
 
+void FlashModel::answer(int id, int button) {
+    if (!pending_ || pending_->id != id) return;
+    bool backUpFirst = pending_->writing && button == 0;
+    if (button != 1 && !backUpFirst) {  // "Erase & Flash" and "Erase anyway" are both the second
+        pending_.reset();
+        emit changed();
+        return;
+    }
+    if (!backUpFirst) {
+        Pending confirmed = *std::exchange(pending_, std::nullopt);
+        return goOn(confirmed, std::nullopt);
+    }
+    QString folder = keeper_.destination();
+    if (folder.isEmpty()) return askFolder();
+    Pending confirmed = *std::exchange(pending_, std::nullopt);
+    goOn(confirmed, folder);
+}
+
+void FlashModel::askFolder() {
+    pending_->id = ++lastQuestion_;
+    emit folderRequested(pending_->id, QStringLiteral("Choose a folder for the backup of your writing"));
+}
+
+void FlashModel::answerFolder(int id, const QString& folder) {
+    if (!pending_ || pending_->id != id) return;
+    Pending confirmed = *std::exchange(pending_, std::nullopt);
+    if (folder.isEmpty()) {
+        status_ = QStringLiteral("Nothing was written: no folder was chosen for the backup.");
+        emit changed();
+        return;
+    }
+    keeper_.keepDestination(folder);
+    goOn(confirmed, folder);
+}
+
+// After the confirmation: the resources are checked and the write starts.
+void FlashModel::goOn(const Pending& confirmed, const std::optional<QString>& backupFolder) {
+    emit changed();  // no longer asking
     // Canonical: the writer opens the image by a path without links, so nothing can redirect it.
-    QString image = resources_ ? QFileInfo(QDir(*resources_).filePath(QStringLiteral("images/") + resourceName() +
+    QString image = resources_ ? QFileInfo(QDir(*resources_).filePath(QStringLiteral("images/") + confirmed.resource +
                                                                       QStringLiteral(".img.gz")))
                                      .canonicalFilePath()
                                : QString();
     if (image.isEmpty()) {
         tell(FlashDialog::Kind::Critical, kFailedTitle,
-             QStringLiteral("Bundled image '") + resourceName() + QStringLiteral("' is missing from this app."));
+             QStringLiteral("Bundled image '") + confirmed.resource + QStringLiteral("' is missing from this app."));
         return;
     }
     QString writer = QDir(*resources_).filePath(QStringLiteral("qm-writer"));
     if (!QFileInfo::exists(writer)) {
-        tell(FlashDialog::Kind::Critical, kFailedTitle, QStringLiteral("The privileged writer is missing from this app."));
+        tell(FlashDialog::Kind::Critical, kFailedTitle,
+             QStringLiteral("The privileged writer is missing from this app."));
         return;
     }
     std::optional<KeepWriting::Plan> plan;
-    if (backUpFirst) {
-        std::optional<QString> destination = keeper_.backupDestination();
-        if (!destination) {
-            status_ = QStringLiteral("Nothing was written: no folder was chosen for the backup.");
-            emit changed();
-            return;
-        }
-        plan = KeepWriting::Plan{writing->volume, *destination, drive->devicePath, drive->model, writing->documents};
+    if (backupFolder) {
+        const USBDrive& drive = confirmed.drive;
+        plan = KeepWriting::Plan{confirmed.writing->volume, *backupFolder, drive.devicePath, drive.model,
+                                 confirmed.writing->documents};
     }
     if (std::optional<QString> refusal = startGate_ ? startGate_() : std::nullopt) {
         status_ = *refusal;
         emit changed();
         return;
     }
-    start(*drive, writer, image, plan);
+    start(confirmed.drive, writer, image, plan);
 }
 
 void FlashModel::start(const USBDrive& drive, const QString& writer, const QString& image,
@@ -346,7 +411,8 @@ void FlashModel::finish(const Outcome& outcome, const USBDrive& drive) {
     }
     if (outcome.launchStatus != 0) {
         bool cancelled = outcome.launchStatus == kAuthCanceled;
-        status_ = cancelled ? QStringLiteral("Cancelled.") : QStringLiteral("Failed: could not get administrator privileges.");
+        status_ = cancelled ? QStringLiteral("Cancelled.")
+                            : QStringLiteral("Failed: could not get administrator privileges.");
         emit changed();
         if (!cancelled)
             tell(FlashDialog::Kind::Critical, kFailedTitle,

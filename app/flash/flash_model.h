@@ -1,8 +1,10 @@
 // The Install tab's model: the external drives and the chosen one, the boot mode and file
 // system, and the write itself: unmount, the writer run with administrator rights, and its
-// progress, read back and outcome. Drive scans and the write run in the background.
+// progress, read back and outcome. Drive scans and the write run in the background. The model
+// never waits on the user: it asks by a signal and goes on when the answer comes.
 #pragma once
 #include <QElapsedTimer>
+#include <QHash>
 #include <QList>
 #include <QObject>
 #include <functional>
@@ -11,6 +13,7 @@
 
 #include "background_queue.h"
 #include "disk_scanner.h"
+#include "drive_list.h"
 #include "flash_dialogs.h"
 #include "launcher.h"
 #include "writer_protocol.h"
@@ -34,16 +37,14 @@ public:
     explicit FlashModel(std::unique_ptr<DiskScanner> scanner = DiskScanner::platform(), QObject* parent = nullptr);
 
     // What the model needs from outside, replaceable for tests.
-    void setDialogs(FlashDialogs* dialogs) {
-        dialogs_ = dialogs;
-        keeper_.setDialogs(dialogs);
-    }
     void setResourceFolder(std::optional<QString> folder) { resources_ = std::move(folder); }
     void setLauncher(Launcher launcher) { launch_ = std::move(launcher); }
     void setStartGate(StartGate gate) { startGate_ = std::move(gate); }
 
     const QList<USBDrive>& allDrives() const { return allDrives_; }
-    const QList<USBDrive>& drives() const { return drives_; }
+    const QList<USBDrive>& drives() const { return driveList_.drives(); }
+    // The same drives as an item model, for the picker.
+    DriveList* driveList() { return &driveList_; }
     const std::optional<QString>& selection() const { return selection_; }
     bool showAll() const { return showAll_; }
     BootMode boot() const { return boot_; }
@@ -54,6 +55,8 @@ public:
     const QString& detail() const { return detail_; }
     bool busy() const { return busy_; }
     bool scanning() const { return scanning_ > 0; }
+    // A question about the write is waiting for its answer.
+    bool asking() const { return pending_.has_value(); }
     // Writing kept across a reflash: backed up before the erase, put back after the write.
     WritingKeeper& keeper() { return keeper_; }
     const WritingKeeper& keeper() const { return keeper_; }
@@ -62,10 +65,10 @@ public:
     int hiddenCount() const;
     QString notes() const;
     QString resourceName() const;
-    // The chosen image's size on the disk, as its gzip trailer tells: a lower bound for an image
-    // that may be larger than 4 GiB, since the trailer keeps the size modulo that. None without a
-    // readable image.
-    std::optional<qint64> imageSize() const;
+    // The chosen image's size on the disk; none without a readable image, and until an image
+    // whose gzip trailer cannot tell (it keeps the size modulo 4 GiB) has been counted in the
+    // background.
+    std::optional<qint64> imageSize();
 
     // Lists the external drives again in the background; the selection stays while its id is listed.
     void refresh();
@@ -74,11 +77,24 @@ public:
     void select(const QString& id);
     void setBoot(BootMode mode);
     void setFs(FSChoice fs);
-    // Confirms, checks the resources and starts the write in the background.
+    // Asks for the confirmation; the write starts once it is answered.
     void flash();
+
+public slots:
+    // The button pressed on the dialog with this id (-1: none); an answer to a question no
+    // longer open is ignored.
+    void answer(int id, int button);
+    // The folder chosen for the backup (empty: none).
+    void answerFolder(int id, const QString& folder);
 
 signals:
     void changed();
+    // Show this dialog; a question (id not 0) is answered through answer().
+    void dialogRequested(const FlashDialog& dialog);
+    // Ask for a folder for the backup; answered through answerFolder().
+    void folderRequested(int id, const QString& caption);
+    // The question with this id is void (its drive went away): close it unanswered.
+    void dialogClosed(int id);
     // A write has ended, well or not.
     void finished();
 
@@ -92,7 +108,17 @@ private:
         std::optional<QString> notKept;         // the writing could not be backed up: nothing was written
         std::optional<KeptSet> kept;            // kept before the write
     };
+    // A write confirmed, or being confirmed: the drive and image as they were when asked.
+    struct Pending {
+        int id = 0;
+        USBDrive drive;
+        QString resource;
+        std::optional<StickWriting> writing;
+    };
     void applyScan(QList<USBDrive> found);
+    void dropPendingIfGone();
+    void askFolder();
+    void goOn(const Pending& pending, const std::optional<QString>& backupFolder);
     void start(const USBDrive& drive, const QString& writer, const QString& image,
                const std::optional<KeepWriting::Plan>& plan);
     Outcome doFlash(const QString& writer, const QString& image, const USBDrive& drive, const QString& whole,
@@ -102,14 +128,14 @@ private:
     void showReport(const WriterLine& line);
     void finish(const Outcome& outcome, const USBDrive& drive);
     void tell(FlashDialog::Kind kind, const QString& title, const QString& text);
+    void countImage(const QString& path);
 
     std::unique_ptr<DiskScanner> scanner_;
-    FlashDialogs* dialogs_ = nullptr;
     std::optional<QString> resources_;
     Launcher launch_;
     StartGate startGate_;
     QList<USBDrive> allDrives_;
-    QList<USBDrive> drives_;
+    DriveList driveList_;
     std::optional<QString> selection_;
     bool showAll_ = false;
     BootMode boot_ = BootMode::uefi;
@@ -119,8 +145,12 @@ private:
     QString detail_;
     bool busy_ = false;
     int scanning_ = 0;
+    std::optional<Pending> pending_;
+    int lastQuestion_ = 0;
+    QHash<QString, std::optional<qint64>> imageSizes_;  // by path; none while being counted
     QElapsedTimer phaseClock_;  // since the first report of the phase (writing, checking)
     WriterLine::Kind phase_ = WriterLine::Other;
     WritingKeeper keeper_;
+    BackgroundQueue counting_;    // images' sizes: seconds for a large one, which scans need not wait for
     BackgroundQueue background_;  // last: stopped first
 };

@@ -21,7 +21,6 @@ constexpr double kGiB = 1073741824.0;  // drives' sizes are shown in these, labe
 }  // namespace
 
 FlashView::FlashView(FlashModel* model, QWidget* parent) : QWidget(parent), model_(model) {
-    model_->setDialogs(this);
     auto* layout = new QVBoxLayout(this);
     layout->setContentsMargins(20, 20, 20, 20);
     layout->setSpacing(10);
@@ -32,6 +31,8 @@ FlashView::FlashView(FlashModel* model, QWidget* parent) : QWidget(parent), mode
     auto* row = new QHBoxLayout;
     picker_ = new QComboBox;
     picker_->setSizeAdjustPolicy(QComboBox::AdjustToContents);
+    picker_->setModel(model_->driveList());
+    picker_->setPlaceholderText(tr("No USB drives found"));
     showAll_ = new QPushButton;
     refresh_ = new QPushButton(tr("Refresh"));
     row->addWidget(picker_, 1);
@@ -79,7 +80,7 @@ FlashView::FlashView(FlashModel* model, QWidget* parent) : QWidget(parent), mode
     layout->addStretch();
 
     connect(picker_, &QComboBox::activated, this, [this](int index) {
-        QVariant id = picker_->itemData(index);
+        QVariant id = picker_->itemData(index, DriveList::IdRole);
         if (id.isValid()) model_->select(id.toString());
     });
     connect(showAll_, &QPushButton::clicked, this, [this] { model_->setShowAll(!model_->showAll()); });
@@ -90,6 +91,16 @@ FlashView::FlashView(FlashModel* model, QWidget* parent) : QWidget(parent), mode
     connect(putBack_, &QPushButton::clicked, &model_->keeper(), [this] { model_->keeper().putBack(); });
     connect(model_, &FlashModel::changed, this, &FlashView::refreshFromModel);
     connect(&model_->keeper(), &WritingKeeper::changed, this, &FlashView::refreshFromModel);
+    connect(model_, &FlashModel::dialogRequested, this, [this](const FlashDialog& d) {
+        present(model_, d, [this, id = d.id](int button) { model_->answer(id, button); });
+    });
+    connect(model_, &FlashModel::folderRequested, this, &FlashView::chooseFolder);
+    connect(model_, &FlashModel::dialogClosed, this, [this](int id) { closeQuestion(model_, id); });
+    WritingKeeper* keeper = &model_->keeper();
+    connect(keeper, &WritingKeeper::dialogRequested, this, [this, keeper](const FlashDialog& d) {
+        present(keeper, d, [keeper, id = d.id](int button) { keeper->answer(id, button); });
+    });
+    connect(keeper, &WritingKeeper::dialogClosed, this, [this, keeper](int id) { closeQuestion(keeper, id); });
     refreshFromModel();
 }
 
@@ -108,20 +119,41 @@ QButtonGroup* FlashView::segmented(const QStringList& texts, QGroupBox* box, QLa
     return group;
 }
 
-int FlashView::ask(const FlashDialog& dialog) {
+void FlashView::present(const QObject* from, const FlashDialog& dialog, std::function<void(int)> answered) {
     static const QMessageBox::Icon icons[] = {QMessageBox::Warning, QMessageBox::Critical, QMessageBox::Information};
-    QMessageBox box(icons[int(dialog.kind)], dialog.title, dialog.text, QMessageBox::NoButton, this);
+    auto* box = new QMessageBox(icons[int(dialog.kind)], dialog.title, dialog.text, QMessageBox::NoButton, this);
+    box->setAttribute(Qt::WA_DeleteOnClose);
     QList<QPushButton*> buttons;
     for (QString text : dialog.buttons)  // "&&": the texts are shown as written, "&" takes no key
-        buttons << box.addButton(text.replace(QLatin1Char('&'), QStringLiteral("&&")),
-                                 buttons.size() == dialog.cancel ? QMessageBox::RejectRole : QMessageBox::AcceptRole);
-    if (!buttons.isEmpty()) box.setDefaultButton(buttons.first());  // Return takes the safe answer
-    if (dialog.cancel >= 0 && dialog.cancel < buttons.size()) box.setEscapeButton(buttons[dialog.cancel]);
-    box.exec();
-    return int(buttons.indexOf(static_cast<QPushButton*>(box.clickedButton())));
+        buttons << box->addButton(text.replace(QLatin1Char('&'), QStringLiteral("&&")),
+                                  buttons.size() == dialog.cancel ? QMessageBox::RejectRole : QMessageBox::AcceptRole);
+    if (!buttons.isEmpty()) box->setDefaultButton(buttons.first());  // Return takes the safe answer
+    if (dialog.cancel >= 0 && dialog.cancel < buttons.size()) box->setEscapeButton(buttons[dialog.cancel]);
+    if (dialog.id != 0) open_.insert({from, dialog.id}, box);
+    connect(box, &QMessageBox::finished, this, [this, box, buttons, from, id = dialog.id, answered] {
+        open_.remove({from, id});
+        answered(int(buttons.indexOf(static_cast<QPushButton*>(box->clickedButton()))));
+    });
+    box->open();
 }
 
-QString FlashView::chooseFolder(const QString& caption) { return QFileDialog::getExistingDirectory(this, caption); }
+void FlashView::chooseFolder(int id, const QString& caption) {
+    auto* dialog = new QFileDialog(this, caption);
+    dialog->setAttribute(Qt::WA_DeleteOnClose);
+    dialog->setFileMode(QFileDialog::Directory);
+    dialog->setOption(QFileDialog::ShowDirsOnly);
+    open_.insert({model_, id}, dialog);
+    connect(dialog, &QFileDialog::finished, this, [this, dialog, id](int result) {
+        open_.remove({model_, id});
+        QStringList chosen = dialog->selectedFiles();
+        model_->answerFolder(id, result == QDialog::Accepted && !chosen.isEmpty() ? chosen.first() : QString());
+    });
+    dialog->open();
+}
+
+void FlashView::closeQuestion(const QObject* from, int id) {
+    if (QPointer<QDialog> dialog = open_.take({from, id})) dialog->reject();
+}
 
 QString FlashView::noDriveHint() const {
     if (!model_->drives().isEmpty()) return QString();
@@ -137,15 +169,14 @@ void FlashView::showEvent(QShowEvent* e) {
     listed_ = true;
 }
 
-void FlashView::fillPicker() {
-    picker_->clear();
-    if (model_->drives().isEmpty()) picker_->addItem(tr("No USB drives found"));
-    for (const USBDrive& d : model_->drives()) picker_->addItem(driveLine(d), d.id);
-    if (model_->selection()) picker_->setCurrentIndex(std::max(0, picker_->findData(*model_->selection())));
+// The combo box follows the rows itself; which of them is current is the model's selection.
+void FlashView::showSelection() {
+    int row = model_->selection() ? model_->driveList()->row(*model_->selection()) : -1;
+    if (picker_->currentIndex() != row) picker_->setCurrentIndex(row);
 }
 
 void FlashView::refreshFromModel() {
-    fillPicker();
+    showSelection();
     bool busy = model_->busy();
     int hidden = model_->hiddenCount();
     showAll_->setVisible(model_->showAll() || hidden > 0);
@@ -165,7 +196,7 @@ void FlashView::refreshFromModel() {
     detail_->setText(model_->detail());
     status_->setText(model_->status());
     const WritingKeeper& keeper = model_->keeper();
-    install_->setEnabled(!busy && !keeper.working() && model_->selectedDrive().has_value());
+    install_->setEnabled(!busy && !model_->asking() && !keeper.working() && model_->selectedDrive().has_value());
     QString kept = keeper.status();
     kept_->setVisible(!kept.isEmpty());
     keptText_->setText(kept);

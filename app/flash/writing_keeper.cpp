@@ -1,6 +1,7 @@
 #include "writing_keeper.h"
 
 #include <chrono>
+#include <utility>
 
 namespace {
 
@@ -13,7 +14,8 @@ QString documents(int n) { return n == 1 ? QStringLiteral("1 document") : QStrin
 
 // "“Deck” (12 documents)": the writing as the user last saw it on the stick.
 QString described(const KeptSet& set) {
-    QString name = set.volumeName.isEmpty() ? QStringLiteral("the stick") : QStringLiteral("“%1”").arg(set.volumeName);
+    QString name =
+        set.volumeName.isEmpty() ? QStringLiteral("the stick") : QStringLiteral("“%1”").arg(set.volumeName);
     return name + QStringLiteral(" (") + documents(set.documents) + u')';
 }
 
@@ -46,16 +48,6 @@ std::optional<StickWriting> WritingKeeper::writingOn(const USBDrive& drive) cons
     QList<QmVolume> found = Volumes::classify(mounts_->mounted(drive.devicePath));
     if (found.isEmpty()) return std::nullopt;
     return StickWriting{found.first(), KeepWriting::documentCount(found.first().path)};
-}
-
-std::optional<QString> WritingKeeper::backupDestination() {
-    QString folder = currentDestination_ ? currentDestination_() : QString();
-    if (!folder.isEmpty()) return folder;
-    folder = dialogs_ ? dialogs_->chooseFolder(QStringLiteral("Choose a folder for the backup of your writing"))
-                      : QString();
-    if (folder.isEmpty()) return std::nullopt;
-    if (chooseDestination_) chooseDestination_(folder);
-    return folder;
 }
 
 std::optional<KeptSet> WritingKeeper::shown() const {
@@ -153,10 +145,16 @@ void WritingKeeper::found(const QHash<QString, QString>& rootsByDisk, bool justW
     bool same = rootsByDisk == roots_;
     roots_ = rootsByDisk;
     if (!same) emit changed();
+    if (offered_ && !roots_.contains(offered_->disk)) {  // unplugged while asked: offered again when back
+        offerWhenFound_.insert(offered_->folder);
+        offered_.reset();
+        emit dialogClosed(offerId_);
+    }
+    if (offered_) return;  // one at a time
     for (const KeptSet& set : QList<KeptSet>(pending_)) {
         if (!roots_.contains(set.disk) || !offerWhenFound_.remove(set.folder)) continue;
         offer(set, justWritten);
-        if (working()) return;  // one at a time
+        return;
     }
 }
 
@@ -165,8 +163,15 @@ void WritingKeeper::offer(const KeptSet& set, bool justWritten) {
                    QStringLiteral("Put the writing from ") + described(set) +
                    QStringLiteral(" back on the stick now? The documents and their histories come from the backup "
                                   "folder, the drive's key and statistics from this computer.");
-    FlashDialog question{FlashDialog::Kind::Information, kPutBack, text, {kPutBack, QStringLiteral("Later")}, 1};
-    if (dialogs_ && dialogs_->ask(question) == 0) putBackOnto(set, roots_.value(set.disk));
+    offered_ = set;
+    emit dialogRequested({FlashDialog::Kind::Information, kPutBack, text, {kPutBack, QStringLiteral("Later")}, 1,
+                          ++offerId_});
+}
+
+void WritingKeeper::answer(int id, int button) {
+    if (!offered_ || id != offerId_) return;
+    KeptSet set = *std::exchange(offered_, std::nullopt);
+    if (button == 0 && !working() && roots_.contains(set.disk)) putBackOnto(set, roots_.value(set.disk));
 }
 
 void WritingKeeper::putBack() {
@@ -182,7 +187,8 @@ void WritingKeeper::putBackOnto(const KeptSet& set, const QString& root) {
     Backup::RunOptions options;
     options.progress = Backup::throttled(kProgressInterval, [this](const BackupProgress& p) {
         background_.deliver([this, p] {
-            progress_ = QStringLiteral("Putting your writing back… %1 of %2 files").arg(p.filesDone).arg(p.filesTotal);
+            progress_ =
+                QStringLiteral("Putting your writing back… %1 of %2 files").arg(p.filesDone).arg(p.filesTotal);
             emit changed();
         });
     });
@@ -200,12 +206,12 @@ void WritingKeeper::putBackOnto(const KeptSet& set, const QString& root) {
                          else
                              tell(FlashDialog::Kind::Critical, QStringLiteral("Putting your writing back failed"),
                                   outcome.message +
-                                      QStringLiteral("\n\nNothing kept was deleted: the drive's key and statistics stay "
-                                                     "on this computer and the documents in the backup folder, ready "
-                                                     "for another try."));
+                                      QStringLiteral("\n\nNothing kept was deleted: the drive's key and statistics "
+                                                     "stay on this computer and the documents in the backup folder, "
+                                                     "ready for another try."));
                      });
 }
 
 void WritingKeeper::tell(FlashDialog::Kind kind, const QString& title, const QString& text) {
-    if (dialogs_) dialogs_->ask(FlashDialog{kind, title, text, {QStringLiteral("OK")}});
+    emit dialogRequested(FlashDialog{kind, title, text, {QStringLiteral("OK")}});
 }

@@ -1,6 +1,6 @@
 // The Install tab's memory of writing kept across a reflash: the sets waiting to go back on
 // their stick (this session's and those left from earlier ones), whether that stick is mounted,
-// and putting a set back. No widgets: questions and reports go through FlashDialogs.
+// and putting a set back. No widgets: questions and reports are signals, answered by id.
 #pragma once
 #include <QHash>
 #include <QList>
@@ -33,7 +33,6 @@ public:
 
     explicit WritingKeeper(QObject* parent = nullptr);
 
-    void setDialogs(FlashDialogs* dialogs) { dialogs_ = dialogs; }
     void setMounts(std::shared_ptr<StickMounts> mounts) { mounts_ = std::move(mounts); }
     void setDestination(CurrentDestination current, ChooseDestination choose);
     // Where sets are kept; the sets already there are waiting again.
@@ -42,9 +41,11 @@ public:
 
     // The writing on a stick's mounted partitions, if any. Reads the stick: quick, main thread.
     std::optional<StickWriting> writingOn(const USBDrive& drive) const;
-    // The backup folder; when none is chosen yet the user is asked for one, which is kept. None
-    // when they choose nothing.
-    std::optional<QString> backupDestination();
+    // The backup folder chosen, or empty; and keeping one chosen just now.
+    QString destination() const { return currentDestination_ ? currentDestination_() : QString(); }
+    void keepDestination(const QString& folder) {
+        if (chooseDestination_) chooseDestination_(folder);
+    }
 
     const QList<KeptSet>& pending() const { return pending_; }
     // The set the tab shows: the first whose stick is mounted, else the first.
@@ -67,8 +68,16 @@ public:
     // Puts the shown set back on its stick ("Put your writing back").
     void putBack();
 
+public slots:
+    // The button pressed on the offer with this id (0 puts the writing back).
+    void answer(int id, int button);
+
 signals:
     void changed();
+    // Show this dialog; an offer (id not 0) is answered through answer().
+    void dialogRequested(const FlashDialog& dialog);
+    // The offer with this id is void (its stick went away): close it unanswered.
+    void dialogClosed(int id);
 
 private:
     enum class Work { None, Mounting, PuttingBack };
@@ -77,7 +86,6 @@ private:
     void tell(FlashDialog::Kind kind, const QString& title, const QString& text);
     void found(const QHash<QString, QString>& rootsByDisk, bool justWritten);
 
-    FlashDialogs* dialogs_ = nullptr;
     std::shared_ptr<StickMounts> mounts_;
     CurrentDestination currentDestination_;
     ChooseDestination chooseDestination_;
@@ -85,6 +93,8 @@ private:
     QList<KeptSet> pending_;
     QHash<QString, QString> roots_;  // disk -> its data partition's mount, while mounted
     QSet<QString> offerWhenFound_;   // sets (by folder) whose stick was written in this session
+    std::optional<KeptSet> offered_;  // the set whose offer is open
+    int offerId_ = 0;
     Work work_ = Work::None;
     QString progress_;
     bool looking_ = false;

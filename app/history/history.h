@@ -17,6 +17,7 @@ struct DocVersion {
     QString file;
     QString when;
     QString tag;
+    bool operator==(const DocVersion&) const = default;
 };
 
 // Why a version's text or the document could not be read.

@@ -7,18 +7,6 @@ const QString HistoryModel::kNoHistoryStatus = QStringLiteral(
     "No snapshot history on this drive yet. Save a named document on the deck and it will start keeping one.");
 const QString HistoryModel::kTooLargeStatus = QStringLiteral("These versions are too large to compare here.");
 
-QString HistoryModel::kindLabel(QChar kind) {
-    if (kind == QLatin1Char('t')) return QStringLiteral("saved point");
-    if (kind == QLatin1Char('x')) return QStringLiteral("changed elsewhere");
-    return QStringLiteral("auto");
-}
-
-QString HistoryModel::versionLabel(const DocVersion& v) {
-    QString label = QStringLiteral("#%1   ").arg(v.id) + v.when + QStringLiteral("   ") + kindLabel(v.kind);
-    if (!v.tag.isEmpty()) label += QStringLiteral("   ") + v.tag;
-    return label;
-}
-
 namespace {
 
 using State = HistoryModel::State;
@@ -189,6 +177,7 @@ void HistoryModel::loadDocuments() {
         ++generation_;  // whatever was on its way belonged to a drive that is gone
         state_ = State{};
         if (selection_->gone()) state_.status = DriveSelection::goneText(*selection_->gone());
+        updateLists();
         emit changed();
         return;
     }
@@ -239,7 +228,28 @@ void HistoryModel::apply(State state, int generation) {
         state.status = DriveSelection::goneText(volume ? volume->name : root().value_or(QString()));
         selection_->rescan();
     }
-    if (generation == generation_) state_ = std::move(state);
+    if (generation == generation_) {
+        state_ = std::move(state);
+        updateLists();
+    }
     emit changed();
     if (generation == generation_) emit settled();
+}
+
+void HistoryModel::updateLists() {
+    // The lists of another drive or document are other lists: nothing of them stays, not even a
+    // view's selection.
+    if (root() != listedRoot_) {
+        documentRows_.reset(state_.documents);
+        listedRoot_ = root();
+    } else {
+        documentRows_.sync(state_.documents, [](const QString& doc) { return doc; });
+    }
+    if (state_.document != versionsOf_) {
+        versionRows_.reset(state_.versions);
+        versionsOf_ = state_.document;
+    } else {
+        versionRows_.sync(state_.versions, [](const DocVersion& v) { return v.id; });
+    }
+    diffRows_.replace(state_.diffLines);
 }

@@ -9,14 +9,7 @@
 
 #include "background_queue.h"
 #include "drive_selection.h"
-#include "history.h"
-
-// One line of a comparison as shown: a changed row becomes a deleted and an added line.
-struct DiffLine {
-    QString text;
-    DiffOp op = DiffOp::equal;  // equal, del or add
-    bool operator==(const DiffLine&) const = default;
-};
+#include "history_lists.h"
 
 class HistoryModel : public QObject {
     Q_OBJECT
@@ -24,11 +17,6 @@ public:
     static const QString kNoDriveStatus;
     static const QString kNoHistoryStatus;
     static const QString kTooLargeStatus;
-    // "saved point", "changed elsewhere" or "auto".
-    static QString kindLabel(QChar kind);
-    // The versions list's row text: number (as tags such as "reverted to version 4" name it),
-    // when, kind label and tag.
-    static QString versionLabel(const DocVersion& v);
 
     explicit HistoryModel(DriveSelection* selection, QObject* parent = nullptr);
 
@@ -42,6 +30,10 @@ public:
     const QString& text() const { return state_.text; }
     const QList<DiffLine>& diffLines() const { return state_.diffLines; }
     bool showingDiff() const { return state_.showingDiff; }
+    // The documents, versions and comparison lines as item models for the views.
+    DocumentList* documentList() { return &documentRows_; }
+    VersionList* versionList() { return &versionRows_; }
+    DiffLineList* diffLineList() { return &diffRows_; }
     const QString& status() const { return state_.status; }
     // What the last restore put back, until the next choice; empty otherwise.
     const QString& notice() const { return state_.notice; }
@@ -86,9 +78,15 @@ private:
     using Step = State (*)(const QString& root, State state);
     void run(Step step, bool restore = false);
     void apply(State state, int generation);
+    void updateLists();
 
     DriveSelection* selection_;
     State state_;
+    DocumentList documentRows_;
+    VersionList versionRows_;
+    DiffLineList diffRows_;
+    std::optional<QString> listedRoot_;    // the drive whose documents are listed
+    std::optional<QString> versionsOf_;    // the document whose versions are listed
     int generation_ = 0;
     int pending_ = 0;
     int restoring_ = 0;

@@ -2,7 +2,7 @@
 
 #include <QHBoxLayout>
 #include <QLabel>
-#include <QListWidget>
+#include <QListView>
 #include <QMessageBox>
 #include <QPlainTextEdit>
 #include <QPushButton>
@@ -12,15 +12,27 @@
 #include "drive_header.h"
 #include "labels.h"
 
-QColor HistoryTab::colourOf(DiffOp op) {
-    switch (op) {
-        case DiffOp::del:
-        case DiffOp::change: return QColor(Qt::red);
-        case DiffOp::add: return QColor(0, 160, 0);
-        case DiffOp::equal: break;
-    }
-    return QColor::fromRgbF(0.35f, 0.35f, 0.35f);
+namespace {
+
+// Marks the model's choice in a list, unless it is marked already.
+void showChoice(QAbstractItemView* view, int row) {
+    QItemSelectionModel* selection = view->selectionModel();
+    QModelIndex index = view->model()->index(row, 0);
+    if (!index.isValid()) return selection->clear();
+    if (selection->currentIndex() != index || !selection->isSelected(index))
+        selection->setCurrentIndex(index, QItemSelectionModel::ClearAndSelect);
 }
+
+// Calls chosen with a row the user selects; a row removed under the selection chooses nothing.
+template <typename Chosen>
+void onChoice(QAbstractItemView* view, Chosen chosen) {
+    QObject::connect(view->selectionModel(), &QItemSelectionModel::selectionChanged, view,
+                     [chosen](const QItemSelection& selected) {
+                         if (!selected.isEmpty()) chosen(selected.indexes().first());
+                     });
+}
+
+}  // namespace
 
 HistoryTab::HistoryTab(HistoryModel* model, QWidget* parent) : QWidget(parent), model_(model) {
     auto* layout = new QVBoxLayout(this);
@@ -33,12 +45,14 @@ HistoryTab::HistoryTab(HistoryModel* model, QWidget* parent) : QWidget(parent), 
     auto* docColumn = new QVBoxLayout;
     // The smallest window shows the lists and the text at these sizes; a larger one shares the
     // room out, the text taking most of the height and the versions most of the width.
-    documents_ = new QListWidget;
+    documents_ = new QListView;
+    documents_->setModel(model_->documentList());
     documents_->setMinimumSize(200, 120);
     docColumn->addWidget(Labels::caption(tr("Document")));
     docColumn->addWidget(documents_);
     auto* verColumn = new QVBoxLayout;
-    versions_ = new QListWidget;
+    versions_ = new QListView;
+    versions_->setModel(model_->versionList());
     versions_->setMinimumHeight(120);
     QFont vf = versions_->font();
     vf.setPointSize(12);
@@ -54,7 +68,8 @@ HistoryTab::HistoryTab(HistoryModel* model, QWidget* parent) : QWidget(parent), 
     shown_ = new QStackedLayout(shown);
     reading_ = new QPlainTextEdit;
     reading_->setReadOnly(true);
-    comparison_ = new QListWidget;
+    comparison_ = new QListView;
+    comparison_->setModel(model_->diffLineList());
     comparison_->setSelectionMode(QAbstractItemView::NoSelection);
     // Long lines wrap rather than scroll sideways, as the reading text does.
     comparison_->setWordWrap(true);
@@ -82,11 +97,9 @@ HistoryTab::HistoryTab(HistoryModel* model, QWidget* parent) : QWidget(parent), 
     notice_->setTextInteractionFlags(Qt::TextSelectableByMouse);
     layout->addWidget(notice_);
 
-    connect(documents_, &QListWidget::currentRowChanged, this, [this](int row) {
-        if (!filling_ && row >= 0 && row < model_->documents().size()) model_->selectDocument(model_->documents()[row]);
-    });
-    connect(versions_, &QListWidget::currentRowChanged, this, [this](int row) {
-        if (!filling_ && row >= 0 && row < model_->versions().size()) model_->selectVersion(model_->versions()[row].id);
+    onChoice(documents_, [this](const QModelIndex& row) { model_->selectDocument(row.data().toString()); });
+    onChoice(versions_, [this](const QModelIndex& row) {
+        model_->selectVersion(row.data(VersionList::IdRole).toInt());
     });
     connect(view, &QPushButton::clicked, this, [this] { model_->show(false); });
     connect(compare, &QPushButton::clicked, this, [this] { model_->show(true); });
@@ -96,40 +109,26 @@ HistoryTab::HistoryTab(HistoryModel* model, QWidget* parent) : QWidget(parent), 
 }
 
 void HistoryTab::refreshFromModel() {
-    filling_ = true;
-    fillLists();
+    showChoices();
     fillShownText();
     restore_->setEnabled(model_->selected().has_value());
     status_->setText(model_->status());
     notice_->setText(model_->notice());
     notice_->setVisible(!model_->notice().isEmpty());
-    filling_ = false;
 }
 
-void HistoryTab::fillLists() {
-    documents_->clear();
-    documents_->addItems(model_->documents());
-    if (model_->document()) documents_->setCurrentRow(int(model_->documents().indexOf(*model_->document())));
-    versions_->clear();
-    for (const DocVersion& v : model_->versions()) {
-        versions_->addItem(HistoryModel::versionLabel(v));
-        versions_->item(versions_->count() - 1)->setToolTip(HistoryModel::versionLabel(v));
-        if (model_->selected() == v.id) versions_->setCurrentRow(versions_->count() - 1);
-    }
+void HistoryTab::showChoices() {
+    const QStringList& docs = model_->documentList()->rows();
+    showChoice(documents_, model_->document() ? int(docs.indexOf(*model_->document())) : -1);
+    showChoice(versions_, model_->selected() ? model_->versionList()->rowOf(*model_->selected()) : -1);
 }
 
 void HistoryTab::fillShownText() {
     shown_->setCurrentIndex(model_->showingDiff() ? 1 : 0);
     // The model also changes when only busy does: a 4 MiB text is laid out again only when new.
-    if (model_->text() == shownText_ && model_->diffLines() == shownDiff_) return;
+    if (model_->text() == shownText_) return;
     shownText_ = model_->text();
-    shownDiff_ = model_->diffLines();
     reading_->setPlainText(shownText_);
-    comparison_->clear();
-    for (const DiffLine& line : model_->diffLines()) {
-        auto* item = new QListWidgetItem(line.text, comparison_);
-        item->setForeground(colourOf(line.op));
-    }
 }
 
 void HistoryTab::askToRestore() {

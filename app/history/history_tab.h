@@ -5,8 +5,9 @@
 #include "history_model.h"
 
 class DriveHeader;
+class QAbstractItemView;
 class QLabel;
-class QListWidget;
+class QListView;
 class QMessageBox;
 class QPlainTextEdit;
 class QPushButton;
@@ -17,29 +18,25 @@ class HistoryTab : public QWidget {
 public:
     explicit HistoryTab(HistoryModel* model, QWidget* parent = nullptr);
 
-    // The colour a comparison line is drawn in.
-    static QColor colourOf(DiffOp op);
     // The restore confirmation while it is open (the tab's `confirming` state), else null.
     QMessageBox* confirmation() const { return confirmation_; }
 
 private:
     void refreshFromModel();
-    void fillLists();
+    void showChoices();
     void fillShownText();
     void askToRestore();
 
     HistoryModel* model_;
     DriveHeader* header_;
-    QListWidget* documents_;
-    QListWidget* versions_;
+    QListView* documents_;
+    QListView* versions_;
     QStackedLayout* shown_;
     QPlainTextEdit* reading_;
-    QListWidget* comparison_;
+    QListView* comparison_;
     QPushButton* restore_;
     QLabel* status_;
     QLabel* notice_;  // what a restore put back
     QString shownText_;
-    QList<DiffLine> shownDiff_;
     QMessageBox* confirmation_ = nullptr;
-    bool filling_ = false;
 };

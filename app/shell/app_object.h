@@ -7,17 +7,23 @@
 
 #include "account_model.h"
 #include "backup_model.h"
+#include "cloud_client.h"
 #include "drive_selection.h"
 #include "flash_model.h"
 #include "history_model.h"
 #include "settings_model.h"
 #include "stats_model.h"
 
+// Publishes a drive's statistics through the account service's client: sign-in check,
+// registration of the drive, upload.
+StatsModel::Publisher publishThrough(CloudClient& cloud);
+
 class QuillmateFlasherApp {
 public:
     FlashModel flash;
     DriveSelection drives;
-    StatsModel stats{&drives};
+    CloudClient statsCloud;  // the statistics' publishing
+    StatsModel stats{&drives, publishThrough(statsCloud)};
     HistoryModel history{&drives};
     BackupModel backup{&drives};
     AccountModel account;

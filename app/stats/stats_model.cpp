@@ -1,5 +1,7 @@
 #include "stats_model.h"
 
+#include <QPointer>
+
 #include "volumes.h"
 
 const QString StatsModel::kNoDriveStatus = QStringLiteral("Plug in a Quillmate drive and press Refresh.");
@@ -28,7 +30,8 @@ QString status_after_failure(QmError e) {
 
 }  // namespace
 
-StatsModel::StatsModel(DriveSelection* selection, QObject* parent) : QObject(parent), selection_(selection) {
+StatsModel::StatsModel(DriveSelection* selection, Publisher publisher, QObject* parent)
+    : QObject(parent), selection_(selection), publisher_(std::move(publisher)) {
     connect(selection_, &DriveSelection::changed, this, &StatsModel::load);
 }
 
@@ -82,35 +85,28 @@ void StatsModel::apply(Reading reading, int generation) {
     summary_ = reading.summary;
     days_ = std::move(reading.days);
     status_ = std::move(reading.status);
+    // Another drive's days are another list; the same drive's keep a view's selection and place.
+    QList<DayRow> newestFirst(days_.rbegin(), days_.rend());
+    if (selection_->path() != listedDrive_) {
+        dayRows_.reset(newestFirst);
+        listedDrive_ = selection_->path();
+    } else {
+        dayRows_.sync(newestFirst, [](const DayRow& d) { return d.day; });
+    }
     emit changed();
     emit loaded();
 }
 
-QString StatsModel::publishWith(CloudSession& session, const QmVolume& volume) {
-    if (!session.signedIn()) return QStringLiteral("Sign in on the Account tab first.");
-    QmError error = QmError::ok;
-    std::unique_ptr<Drive> drive = Drive::open(volume.path, &error);
-    if (!drive) return qmErrorMessage(error);
-    CloudSession::Registration registration =
-        session.registerDrive(drive->driveIdHex(), drive->uploadKeyHex(), volume.name);
-    if (registration.status == 409)
-        return QStringLiteral(
-            "That drive belongs to another account. To publish it, "
-            "sign in with that account on the Account tab.");
-    if (!registration.ok) return registration.message;
-    return session.upload(*drive).message;
-}
-
 void StatsModel::publish() {
     std::optional<QmVolume> volume = selection_->volume();
-    if (busy() || !volume) return;
+    if (busy() || !volume || !publisher_) return;
     publishing_ = true;
     emit changed();
-    cloud_.run([volume = *volume](CloudSession& session) { return publishWith(session, volume); },
-               [this](QString status) {
-                   publishing_ = false;
-                   status_ = std::move(status);
-                   emit changed();
-                   emit published();
-               });
+    publisher_(*volume, [model = QPointer<StatsModel>(this)](QString status) {
+        if (!model) return;
+        model->publishing_ = false;
+        model->status_ = std::move(status);
+        emit model->changed();
+        emit model->published();
+    });
 }

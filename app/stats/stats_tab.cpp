@@ -2,7 +2,7 @@
 
 #include <QGridLayout>
 #include <QLabel>
-#include <QListWidget>
+#include <QListView>
 #include <QPushButton>
 #include <QVBoxLayout>
 
@@ -62,16 +62,21 @@ StatsTab::StatsTab(StatsModel* model, QWidget* parent) : QWidget(parent), model_
     heatmap_ = new Heatmap;
     layout->addWidget(heatmap_);
 
-    dayList_ = new QListWidget;
+    dayList_ = new QListView;
     dayList_->setFont(Labels::monospaced(10));
+    dayList_->setModel(model_->dayList());
     layout->addWidget(dayList_, 1);
+    // Where the first day's line would be.
+    noDays_ = new QLabel(tr("No writing days recorded yet."), dayList_->viewport());
+    noDays_->setContentsMargins(3, 0, 0, 0);
+    noDays_->adjustSize();
 
     // A day chosen on the map is shown in the list, and the list's current day marked on the map.
     connect(heatmap_, &Heatmap::dayChosen, this, &StatsTab::showDay);
-    connect(dayList_, &QListWidget::currentRowChanged, this, [this](int row) {
-        const QList<DayRow>& days = shownDays_;
-        if (row >= 0 && row < days.size()) heatmap_->setCurrentDay(days[days.size() - 1 - row].day);
-    });
+    connect(dayList_->selectionModel(), &QItemSelectionModel::currentRowChanged, this,
+            [this](const QModelIndex& row) {
+                if (row.isValid()) heatmap_->setCurrentDay(row.data(DayList::DayRole).toUInt());
+            });
     connect(publish_, &QPushButton::clicked, model_, &StatsModel::publish);
     connect(model_, &StatsModel::changed, this, &StatsTab::refreshFromModel);
     refreshFromModel();
@@ -96,31 +101,22 @@ void StatsTab::fillTotals() {
 }
 
 void StatsTab::fillDays() {
-    // The model also changes when only busy does: the list keeps its place unless the days are new.
-    if (dayList_->count() > 0 && model_->days() == shownDays_) return;
+    noDays_->setVisible(model_->days().isEmpty());
+    // The model also changes when only busy does: the map is drawn again only for new days.
+    if (model_->days() == shownDays_) return;
     shownDays_ = model_->days();
     heatmap_->setDays(shownDays_);
-    dayList_->clear();
-    if (shownDays_.isEmpty()) {
-        dayList_->addItem(tr("No writing days recorded yet."));
-        return;
-    }
-    for (auto it = shownDays_.rbegin(); it != shownDays_.rend(); ++it)  // newest first
-        dayList_->addItem(StatsText::dayLine(*it));
 }
 
 void StatsTab::showDay(uint32_t day) {
-    // Newest first: the first row not newer than the day is the day itself, or where it would be.
-    int row = 0;
-    for (auto it = shownDays_.rbegin(); it != shownDays_.rend() && it->day > day; ++it) ++row;
-    if (shownDays_.isEmpty()) return;
-    row = std::min(row, int(dayList_->count()) - 1);  // older than every line: the oldest
-    QListWidgetItem* item = dayList_->item(row);
-    if (shownDays_[shownDays_.size() - 1 - row].day == day) {
-        dayList_->setCurrentItem(item);
+    int row = model_->dayList()->rowAtOrBefore(day);
+    if (row < 0) return;
+    QModelIndex index = model_->dayList()->index(row);
+    if (index.data(DayList::DayRole).toUInt() == day) {
+        dayList_->setCurrentIndex(index);
     } else {  // a day without writing has no line: its neighbours are shown, none chosen
-        dayList_->setCurrentItem(nullptr);
+        dayList_->selectionModel()->clear();
         heatmap_->setCurrentDay(day);
     }
-    dayList_->scrollToItem(item, QAbstractItemView::PositionAtCenter);
+    dayList_->scrollTo(index, QAbstractItemView::PositionAtCenter);
 }

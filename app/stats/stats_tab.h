@@ -7,7 +7,7 @@
 
 class DriveHeader;
 class QLabel;
-class QListWidget;
+class QListView;
 class QPushButton;
 class Heatmap;
 class PublishedAddress;
@@ -36,6 +36,7 @@ private:
     PublishedAddress* published_;
     QMap<QString, QLabel*> totals_;
     Heatmap* heatmap_;
-    QListWidget* dayList_;
+    QListView* dayList_;
+    QLabel* noDays_;
     QList<DayRow> shownDays_;
 };

@@ -54,7 +54,8 @@ private:
 
 // The one bundle folder the archive unpacked to, when there is exactly one.
 std::optional<QString> unpackedBundle(const QString& scratch) {
-    QFileInfoList entries = QDir(scratch).entryInfoList(QDir::AllEntries | QDir::Hidden | QDir::System | QDir::NoDotAndDotDot);
+    QFileInfoList entries =
+        QDir(scratch).entryInfoList(QDir::AllEntries | QDir::Hidden | QDir::System | QDir::NoDotAndDotDot);
     if (entries.size() != 1) return std::nullopt;
     const QFileInfo& e = entries.first();
     if (e.isSymLink() || !e.isDir() || !e.fileName().endsWith(QLatin1String(".app"))) return std::nullopt;
@@ -79,7 +80,8 @@ std::vector<std::string> restartEnvironment(const RestartRequest& restart, const
     const std::string started = std::string(RestartState::kStartedVariable) + "=";
     std::vector<std::string> env;
     for (char** e = environ; *e; ++e)
-        if (std::strncmp(*e, place.c_str(), place.size()) != 0 && std::strncmp(*e, started.c_str(), started.size()) != 0)
+        if (std::strncmp(*e, place.c_str(), place.size()) != 0 &&
+            std::strncmp(*e, started.c_str(), started.size()) != 0)
             env.emplace_back(*e);
     if (!restart.windowPlace.isEmpty()) env.push_back(place + restart.windowPlace.toStdString());
     env.push_back(started + startedFlag);
@@ -169,7 +171,8 @@ InstallOutcome installBundle(const UpdateIdentity& id, const UpdateInfo& info, V
     if (!unpacked) return failed(UpdateTexts::kUnpackFailed);
 
     std::optional<BundleManifest> manifest = Bundle::readManifest(*unpacked);
-    if (!manifest || manifest->version != info.version || !executableFile(QDir(*unpacked).filePath(id.executableInBundle)))
+    const QString program = QDir(*unpacked).filePath(id.executableInBundle);
+    if (!manifest || manifest->version != info.version || !executableFile(program))
         return failed(UpdateTexts::kBundleCheckFailed);
     if (manifest->updatePublicKey != id.publicKeyHex) return failed(UpdateTexts::kOtherDeveloper);
 

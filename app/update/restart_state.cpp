@@ -38,7 +38,8 @@ std::optional<Place> decode(const QString& text) {
         bool number = false;
         const int value = item.mid(eq + 1).toInt(&number);
         // Far beyond any screen, and well inside an int whatever is added to it later.
-        if (eq < 0 || !number || qAbs(value) > 1'000'000 || !kKeys.contains(key) || v.contains(key)) return std::nullopt;
+        if (eq < 0 || !number || qAbs(value) > 1'000'000 || !kKeys.contains(key) || v.contains(key))
+            return std::nullopt;
         v.insert(key, value);
     }
     auto has = [&](const char* key) { return v.contains(QLatin1String(key)); };

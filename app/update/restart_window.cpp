@@ -15,14 +15,17 @@ namespace {
 // Reports the window's first paint, once it has been done, and goes.
 class FirstPaint : public QObject {
 public:
-    FirstPaint(QWidget* window, QString flag) : QObject(window), flag_(std::move(flag)) { window->installEventFilter(this); }
+    FirstPaint(QWidget* window, QString flag) : QObject(window), flag_(std::move(flag)) {
+        window->installEventFilter(this);
+    }
 
     bool eventFilter(QObject* watched, QEvent* event) override {
         if (event->type() == QEvent::Paint && watched == parent()) {
             watched->removeEventFilter(this);
             QTimer::singleShot(0, this, [this] {
                 if (!RestartState::reportStarted(flag_))
-                    std::fprintf(stderr, "update: could not tell the copy that started this one: %s\n", qPrintable(flag_));
+                    std::fprintf(stderr, "update: could not tell the copy that started this one: %s\n",
+                                 qPrintable(flag_));
                 deleteLater();
             });
         }

@@ -44,7 +44,8 @@ std::optional<int64_t> sizeField(const QJsonObject& o) {
 bool acceptedURL(const QString& url, const QString& baseURL) {
     // A development service without TLS is trusted only at its own address, not at one that
     // merely begins like it ("http://127.0.0.1:8080.example").
-    return url.startsWith(QLatin1String("https://")) || (!baseURL.isEmpty() && url.startsWith(baseURL + QLatin1Char('/')));
+    return url.startsWith(QLatin1String("https://")) ||
+           (!baseURL.isEmpty() && url.startsWith(baseURL + QLatin1Char('/')));
 }
 
 std::optional<UpdateInfo> readInfo(const QJsonObject& o, const QString& version, const QString& baseURL) {

@@ -85,9 +85,10 @@ std::optional<QString> Updater::justUpdatedTo(const QStringList& arguments) {
 int Updater::runCommandLineCheck(const QStringList& arguments) {
     UpdateIdentity id = UpdateIdentity::current();
     // No key at all is a build's placeholder; a key that is there but unusable was mistyped.
-    const char* keyNote = UpdateFeed::hexBytes(id.publicKeyHex, 32) ? ""
-                          : id.publicKeyHex.isEmpty()               ? "  (PLACEHOLDER, nothing will verify)"
-                                                                    : "  (MALFORMED: not 64 hex digits, nothing will verify)";
+    const char* keyNote = "";
+    if (id.publicKeyHex.isEmpty()) keyNote = "  (PLACEHOLDER, nothing will verify)";
+    else if (!UpdateFeed::hexBytes(id.publicKeyHex, 32))
+        keyNote = "  (MALFORMED: not 64 hex digits, nothing will verify)";
     std::printf("platform: %s\nchannel:  %s\nversion:  %s\nserver:   %s\nkey:      %s%s\n",
                 qPrintable(UpdateIdentity::kPlatform), qPrintable(id.channel), qPrintable(id.version),
                 qPrintable(id.baseURL), id.publicKeyHex.isEmpty() ? "(none)" : qPrintable(id.publicKeyHex), keyNote);

@@ -24,7 +24,8 @@ public:
     void keep() { keep_ = true; }
 
 private:
-    VerifiedArchive(int fd, QString folder, QString path) : fd_(fd), folder_(std::move(folder)), path_(std::move(path)) {}
+    VerifiedArchive(int fd, QString folder, QString path)
+        : fd_(fd), folder_(std::move(folder)), path_(std::move(path)) {}
     int fd_;
     QString folder_;
     QString path_;

@@ -46,23 +46,35 @@ struct FakeMounts : StickMounts {
         mountedNow = canMount;
         return mountedNow ? data : std::nullopt;
     }
-    void plugInAgain() {
+    void plugIn(bool in = true) {
         std::lock_guard hold(lock);
-        mountedNow = true;
+        mountedNow = in;
     }
 };
 
-struct Answers : FlashDialogs {
+// Answers the model's and its keeper's questions as they are asked, unless told to leave them open.
+struct Answers {
     QList<FlashDialog> shown;
+    QList<int> closed;  // questions the model took back
     int answer = 1;
     std::function<int(const FlashDialog&)> decide;  // overrides answer when set
     QString folder;                                 // what a folder dialog returns
-    int ask(const FlashDialog& d) override {
-        shown << d;
-        if (decide) return decide(d);
-        return d.buttons.size() > 1 ? answer : 0;
+    bool leaveOpen = false;
+    void attach(FlashModel& m) {
+        attachTo(&m);
+        attachTo(&m.keeper());
+        QObject::connect(&m, &FlashModel::folderRequested, [this, &m](int id, const QString&) {
+            if (!leaveOpen) m.answerFolder(id, folder);
+        });
     }
-    QString chooseFolder(const QString&) override { return folder; }
+    template <typename Asker>  // the model or its keeper
+    void attachTo(Asker* asker) {
+        QObject::connect(asker, &Asker::dialogRequested, [this, asker](const FlashDialog& d) {
+            shown << d;
+            if (d.id != 0 && !leaveOpen) asker->answer(d.id, decide ? decide(d) : answer);
+        });
+        QObject::connect(asker, &Asker::dialogClosed, [this](int id) { closed << id; });
+    }
 };
 
 // Writes the bundled image and the writer a resource folder needs; the writer prints lines and
@@ -84,7 +96,7 @@ struct HeldWrite {
     std::shared_future<void> held = gate.get_future().share();
 
     HeldWrite() {
-        model.setDialogs(&answers);
+        answers.attach(model);
         model.setResourceFolder(QString::fromStdString(res.path()));
         giveResources(res, model.resourceName(), "");
         model.setLauncher([this](auto&&...) { return held.wait(), ElevatedRun{kAuthCanceled}; });

@@ -1,8 +1,13 @@
-// The service's JSON reader and its reading of a drive's export, on the core's own exports.
-#include <gtest/gtest.h>
+// What the service reads: JSON, a drive's export (the core's own), release descriptions and the
+// release feed's folder, whose archives are streamed over loopback exactly as they are on disk.
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <random>
 
 #include "json.h"
 #include "published_stats.h"
+#include "release_feed.h"
 #include "service_fixture.h"
 
 namespace {
@@ -88,6 +93,152 @@ TEST(Export, RefusesDocumentsThatAreNotAnExport) {
     std::string many = head + "\"days\":[";
     for (size_t i = 0; i <= kMaxPublishedDays; ++i) many += (i ? "," : "") + std::string(day);
     EXPECT_NE(std::get<std::string>(read_export(many + "]}", id)).find("more days"), std::string::npos);
+}
+
+std::string description(const std::string& platform, const std::string& channel, const std::string& version) {
+    return "{\"platform\":\"" + platform + "\",\"channel\":\"" + channel + "\",\"version\":\"" + version +
+           "\",\"notes\":\"Fixes \\\"Install\\\".\\nFaster.\",\"filename\":\"QuillmateFlasher-" + version +
+           ".zip\",\"url\":\"https://example.org/r.zip\",\"size\":1234,\"sha256\":\"" + std::string(64, 'a') +
+           "\",\"signature\":\"" + std::string(128, 'B') + "\",\"mandatory\":false}";
+}
+
+std::string with(std::string text, const std::string& from, const std::string& to) {
+    size_t at = text.find(from);
+    EXPECT_NE(at, std::string::npos) << from;
+    return at == std::string::npos ? text : text.replace(at, from.size(), to);
+}
+
+std::string answered_version(const ServiceResponse& res) {
+    auto doc = json::parse(res.body);
+    return doc ? doc->string_at("version").value_or("(none)") : "(not JSON: " + res.body + ")";
+}
+
+TEST(ReleaseDescription, IsAReleaseOnlyWithEveryFieldWellTyped) {
+    const std::string good = description("macos", "stable", "1.2.0");
+    auto release = read_release(good);
+    ASSERT_TRUE(std::holds_alternative<Release>(release)) << std::get<std::string>(release);
+    EXPECT_EQ(std::get<Release>(release).signature, std::string(128, 'b'));  // served as the app compares it
+    EXPECT_EQ(json::parse(release_json(std::get<Release>(release)))->string_at("notes"), "Fixes \"Install\".\nFaster.");
+
+    const std::string sha(64, 'a'), sig(128, 'B');
+    const std::pair<std::string, std::string> broken[] = {
+        {"{", "["},
+        {"\"size\":1234", "\"size\":-1"},
+        {"\"size\":1234", "\"size\":\"1234\""},
+        {"\"size\":1234", "\"size\":1e3"},
+        {",\"mandatory\":false", ""},
+        {"\"mandatory\":false", "\"mandatory\":0"},
+        {"\"notes\"", "\"note\""},
+        {"\"channel\":\"stable\"", "\"channel\":\"\""},
+        {"\"filename\":\"QuillmateFlasher-1.2.0.zip\"", "\"filename\":\"../QuillmateFlasher.zip\""},
+        {"\"filename\":\"QuillmateFlasher-1.2.0.zip\"", "\"filename\":\"QuillmateFlasher.exe\""},
+        {sha, std::string(64, 'A')},  // the signed message carries the lower-case digest
+        {sha, std::string(63, 'a')},
+        {sig, std::string(127, 'b')},
+        {sig, std::string(127, 'b') + "g"},
+    };
+    for (auto& [from, to] : broken)
+        EXPECT_TRUE(std::holds_alternative<std::string>(read_release(with(good, from, to)))) << from << " -> " << to;
+}
+
+TEST(ReleaseFeedFolder, AnswersTheNewestReleaseOfThePlatformAndChannelAsked) {
+    TempDir dir;
+    spit(dir / "a.json", description("macos", "stable", "1.2.0"));
+    spit(dir / "b.json", description("macos", "stable", "1.10.0"));
+    spit(dir / "c.json", description("macos", "beta", "2.0.0"));
+    spit(dir / "d.json", description("linux", "stable", "3.0.0"));
+    spit(dir / "bad.json", with(description("macos", "stable", "9.0.0"), "false", "null"));
+    spit(dir / "big.json", description("macos", "stable", "8.0.0") + std::string(64 * 1024, ' '));
+    spit(dir / ".half-written.json", description("macos", "stable", "7.0.0"));
+    spit(dir / "notes.txt", description("macos", "stable", "6.0.0"));
+    ReleaseFeed feed(dir.path());
+
+    using Query = std::map<std::string, std::string>;
+    struct Case {
+        Query query;
+        int status;
+        std::string version;
+    } cases[] = {
+        {{{"platform", "macos"}, {"channel", "stable"}, {"version", "1.0.0"}}, 200, "1.10.0"},
+        {{{"platform", "macos"}, {"channel", "beta"}, {"version", "3.0.0"}}, 200, "2.0.0"},  // newest, even if older
+        {{{"platform", "linux"}, {"channel", "stable"}}, 200, "3.0.0"},
+        // No release for that platform or channel: the asked version back, so the app is up to date.
+        {{{"platform", "macos"}, {"channel", "Stable"}, {"version", "1.0.0"}}, 200, "1.0.0"},
+        {{{"platform", "windows"}, {"channel", "stable"}, {"version", "1.0 & more"}}, 200, "1.0 & more"},
+        {{{"channel", "stable"}, {"version", "1.0.0"}}, 400, "(none)"},
+        {{{"platform", "macos"}, {"channel", ""}}, 400, "(none)"},
+    };
+    testing::internal::CaptureStderr();
+    for (const Case& c : cases) {
+        ServiceResponse res = feed.check(c.query);
+        EXPECT_EQ(res.status, c.status) << res.body;
+        EXPECT_EQ(answered_version(res), c.version) << res.body;
+    }
+    std::string log = testing::internal::GetCapturedStderr();
+    auto mentions = [&](const std::string& name) {
+        size_t n = 0;
+        for (size_t at = log.find(name); at != std::string::npos; at = log.find(name, at + 1)) ++n;
+        return n;
+    };
+    // One line per bad file, however often the folder is read; files that are no description are not bad.
+    EXPECT_EQ(mentions("/bad.json"), 1u) << log;
+    EXPECT_EQ(mentions("/big.json"), 1u) << log;
+    EXPECT_EQ(mentions("half-written") + mentions("notes.txt"), 0u) << log;
+    EXPECT_EQ(feed.check(cases[0].query).body, release_json(std::get<Release>(read_release(description("macos", "stable", "1.10.0")))));
+
+    // Published, corrected or withdrawn while the service runs: the next request sees it.
+    spit(dir / "e.json", description("macos", "stable", "1.11.0"));
+    EXPECT_EQ(answered_version(feed.check(cases[0].query)), "1.11.0");
+    spit(dir / "bad.json", description("macos", "stable", "9.0.0"));
+    EXPECT_EQ(answered_version(feed.check(cases[0].query)), "9.0.0");
+    unlink((dir / "bad.json").c_str());
+    EXPECT_EQ(answered_version(feed.check(cases[0].query)), "1.11.0");
+}
+
+class Releases : public ServiceFixture {
+protected:
+    void SetUp() override {
+        releases_dir_ = outer_ / "feed";
+        mkdir(releases_dir_.c_str(), 0755);
+        start();
+    }
+    std::string feed(const std::string& name) const { return releases_dir_ + "/" + name; }
+    TempDir outer_;
+};
+
+TEST_F(Releases, StreamsArchivesByteForByteAndNothingElseFromTheFolder) {
+    std::string archive(3 * 1024 * 1024 + 17, '\0');  // many pieces of the front's buffer
+    std::mt19937 random(7);
+    for (char& c : archive) c = char(random());
+    spit(feed("QuillmateFlasher-1.0.0.zip"), archive);
+    spit(outer_ / "secret.zip", "not for anyone");
+    spit(feed("secret"), "not for anyone");
+    spit(feed(".hidden.zip"), "x");
+    spit(feed("notes.txt"), "x");
+    mkdir(feed("folder.zip").c_str(), 0755);
+    ASSERT_EQ(symlink("../secret.zip", feed("outside.zip").c_str()), 0);
+    ASSERT_EQ(symlink("QuillmateFlasher-1.0.0.zip", feed("inside.zip").c_str()), 0);
+
+    auto r = client_->Get("/releases/QuillmateFlasher-1.0.0.zip");
+    ASSERT_TRUE(r);
+    EXPECT_EQ(r->status, 200);
+    EXPECT_EQ(r->get_header_value("Content-Type"), "application/zip");
+    EXPECT_EQ(r->get_header_value("Content-Length"), std::to_string(archive.size()));
+    EXPECT_TRUE(r->body == archive) << "the archive arrived changed, " << r->body.size() << " bytes";
+
+    for (const char* name : {"..%2Fsecret.zip", "%2e%2e%2fsecret.zip", "..%5Csecret.zip", "secret%00.zip", ".hidden.zip",
+                             "notes.txt", "folder.zip", "outside.zip", "inside.zip", "missing.zip", ""}) {
+        Answer a = get(std::string("/releases/") + name);
+        EXPECT_EQ(a.status, 404) << name;
+        EXPECT_EQ(a.message(), "There is no release archive by that name.") << name;
+    }
+
+    // Over HTTP the query arrives percent-decoded and is matched exactly.
+    spit(feed("beta.json"), description("macos", "beta 1", "1.3.0"));
+    Answer check = get("/api/v1/update/check?platform=macos&channel=beta%201&version=1.0.0");
+    EXPECT_EQ(check.status, 200);
+    EXPECT_EQ(json::parse(check.body)->string_at("version"), "1.3.0") << check.body;
+    EXPECT_EQ(post("/api/v1/update/check?platform=macos&channel=beta%201", "").status, 405);
 }
 
 }  // namespace

@@ -207,6 +207,12 @@ TEST_F(FrontTls, AcceptsOnlyTls12WithForwardSecrecyAnd13AndAsksForHttpsOnly) {
             EXPECT_NE(out.find("Strict-Transport-Security: max-age=63072000"), std::string::npos) << out;
         }
     }
+    // The same service, to a client that checks the certificate; plain HTTP on this port is no request.
+    EXPECT_EQ(get("/api/v1/me", sign_in("owner@example.org")).status, 200);
+    RawClient plain(port_, "127.0.0.1");
+    plain.send(kMe + "\r\n");
+    int status = status_of(plain.answer(2s));
+    EXPECT_TRUE(status == 0 || status == 400) << "plain HTTP was answered on the TLS port: " << status;
 }
 
 }  // namespace

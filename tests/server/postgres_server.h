@@ -1,32 +1,24 @@
-// A private PostgreSQL server for tests: a fresh cluster in a temporary folder, listening on
-// 127.0.0.1 only, on a free port, tuned for speed instead of durability. One per test binary,
-// started on first use; each test takes a new database of its own. A watchdog process removes the
-// server and its folder when the test binary ends, however it ends.
+// A private PostgreSQL server for tests: a fresh cluster in a temporary folder, reached only through
+// a socket in that folder, tuned for speed instead of durability. One per test binary, started on
+// first use; each test takes a new database of its own. A watchdog process removes the server and
+// its folder when the test binary ends, however it ends.
 #pragma once
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <libpq-fe.h>
-#include <netinet/in.h>
 #include <pwd.h>
-#include <spawn.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <atomic>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <mutex>
-#include <sstream>
 #include <stdexcept>
 #include <string>
 #include <vector>
 
-extern char** environ;
+#include "server_process.h"
 
 class PostgresServer {
 public:
@@ -36,9 +28,12 @@ public:
         } catch (const std::exception& e) {
             why_not_ = e.what();
         }
-        if (!available() && watchdog_ <= 0 && !dir_.empty()) std::filesystem::remove_all(dir_);
     }
-    ~PostgresServer() { stop(); }
+    ~PostgresServer() {
+        if (watchdog_ <= 0) return;
+        close(watchdog_pipe_);  // the watchdog takes it from here
+        waitpid(watchdog_, nullptr, 0);
+    }
     PostgresServer(const PostgresServer&) = delete;
     PostgresServer& operator=(const PostgresServer&) = delete;
 
@@ -59,6 +54,7 @@ public:
         return name;
     }
     std::string new_database_uri() { return uri(new_database()); }
+    std::string uri(const std::string& database) const { return "postgresql://qm@/" + database + "?host=" + dir_; }
 
     // Runs statement as the superuser in database; the first value of its first row ("" when
     // none). Throws std::runtime_error when it fails.
@@ -77,14 +73,11 @@ public:
         return value;
     }
 
-    std::string uri(const std::string& database) const {
-        return "postgresql://qm@127.0.0.1:" + std::to_string(port_) + "/" + database;
-    }
-
 private:
+    static constexpr const char* kBin = "/usr/lib/postgresql/15/bin/";
+
     std::string start() {
-        std::string bin = "/usr/lib/postgresql/15/bin";
-        if (access((bin + "/initdb").c_str(), X_OK) != 0) return bin + "/initdb is not there";
+        if (access((kBin + std::string("initdb")).c_str(), X_OK) != 0) return std::string(kBin) + "initdb is not there";
         std::string tmpl = (std::filesystem::temp_directory_path() / "qm-pg-XXXXXX").string();
         if (!mkdtemp(tmpl.data())) return "cannot make a folder " + tmpl + ": " + std::strerror(errno);
         dir_ = tmpl;
@@ -92,32 +85,28 @@ private:
         server_uid_ = geteuid();
         if (server_uid_ == 0) {
             passwd* pw = getpwnam("postgres");
-            if (!pw) return "running as root, and there is no postgres user to run the server as";
-            if (chown(dir_.c_str(), pw->pw_uid, pw->pw_gid) != 0) return "cannot hand " + dir_ + " to postgres";
+            if (!pw || chown(dir_.c_str(), pw->pw_uid, pw->pw_gid) != 0) {
+                std::filesystem::remove_all(dir_);
+                return "running as root, and " + dir_ + " cannot go to a postgres user to run the server as";
+            }
             as_server_ = {"/usr/sbin/runuser", "-u", "postgres", "--"};
             server_uid_ = pw->pw_uid;
         }
-        if (std::string why = start_watchdog(bin); !why.empty()) return why;
+        if (std::string why = start_watchdog(); !why.empty()) return why;
         std::string data = dir_ + "/data";
-        if (std::string why = new_cluster(bin, data); !why.empty()) return why;
+        if (std::string why = new_cluster(data); !why.empty()) return why;
         std::ofstream(data + "/postgresql.conf", std::ios::app)
-            << "listen_addresses = '127.0.0.1'\nunix_socket_directories = '" << dir_ << "'\n"
+            << "listen_addresses = ''\nunix_socket_directories = '" << dir_ << "'\n"
             << "fsync = off\nsynchronous_commit = off\nfull_page_writes = off\nmax_connections = 200\n"
             << "shared_buffers = 32MB\n";
-        // The free port is found before the server takes it; another program may win the race.
-        for (int tries = 0; tries < 3; ++tries) {
-            port_ = free_port();
-            std::ofstream(data + "/postgresql.conf", std::ios::app) << "port = " << port_ << "\n";
-            if (run({bin + "/pg_ctl", "-D", data, "-l", dir_ + "/server.log", "-w", "-t", "60", "start"},
-                    dir_ + "/pg_ctl.log") == 0)
-                return "";
-        }
-        return "the server did not start: " + tail(dir_ + "/server.log");
+        if (run({kBin + std::string("pg_ctl"), "-D", data, "-l", dir_ + "/server.log", "-w", "-t", "60", "start"}) != 0)
+            return "the server did not start: " + tail(dir_ + "/server.log");
+        return "";
     }
 
     // initdb takes over a second, so each test binary copies a cluster made once for the machine,
     // kept in the temporary folder. Only one that the server's user owns is trusted.
-    std::string new_cluster(const std::string& bin, const std::string& data) {
+    std::string new_cluster(const std::string& data) {
         std::string kept = (std::filesystem::temp_directory_path() / "qm-pg-cluster-15-").string() +
                            std::to_string(server_uid_);
         auto trusted = [&] {
@@ -126,93 +115,46 @@ private:
         };
         if (!trusted()) {
             std::string made = dir_ + "/cluster";
-            if (run({bin + "/initdb", "-D", made, "-U", "qm", "-A", "trust", "-E", "UTF8", "--no-locale", "--no-sync",
-                     "--no-instructions", "--wal-segsize=1"},
-                    dir_ + "/initdb.log") != 0)
-                return "initdb failed: " + tail(dir_ + "/initdb.log");
+            if (run({kBin + std::string("initdb"), "-D", made, "-U", "qm", "-A", "trust", "-E", "UTF8", "--no-locale",
+                     "--no-sync", "--no-instructions", "--wal-segsize=1"}) != 0)
+                return "initdb failed: " + tail(dir_ + "/run.log");
             // Whole or not at all; when another test binary was quicker, its cluster is as good.
             if (rename(made.c_str(), kept.c_str()) != 0 && !trusted())
-                return run({"/bin/mv", made, data}, dir_ + "/mv.log") == 0 ? "" : "cannot move the new cluster";
+                return rename(made.c_str(), data.c_str()) == 0 ? "" : "cannot move the new cluster";
         }
-        return run({"/bin/cp", "-a", kept, data}, dir_ + "/cp.log") == 0 ? "" : "cannot copy " + kept;
-    }
-
-    void stop() {
-        if (watchdog_ <= 0) return;
-        close(watchdog_pipe_);  // the watchdog takes it from here
-        waitpid(watchdog_, nullptr, 0);
-        watchdog_ = 0;
+        return run({"/bin/cp", "-a", kept, data}) == 0 ? "" : "cannot copy " + kept;
     }
 
     // A shell that waits for this process to end (its end of a pipe closes), then stops the server
     // immediately and removes the folder. In a session of its own, so that Ctrl-C spares it.
-    std::string start_watchdog(const std::string& bin) {
+    std::string start_watchdog() {
         int fds[2];
         if (pipe2(fds, O_CLOEXEC) != 0) return "cannot make a pipe";
         std::string as;
         for (const std::string& word : as_server_) as += word + " ";
-        std::string script = "read _; " + as + bin + "/pg_ctl -D " + dir_ + "/data stop -m immediate >/dev/null 2>&1; "
+        std::string script = "read _; " + as + kBin + "pg_ctl -D " + dir_ + "/data stop -m immediate >/dev/null 2>&1; "
                              "rm -rf " + dir_;
-        posix_spawn_file_actions_t actions;
-        posix_spawn_file_actions_init(&actions);
-        posix_spawn_file_actions_adddup2(&actions, fds[0], 0);
-        posix_spawn_file_actions_addopen(&actions, 1, "/dev/null", O_WRONLY, 0);
-        posix_spawnattr_t attr;
-        posix_spawnattr_init(&attr);
-        posix_spawnattr_setflags(&attr, POSIX_SPAWN_SETSID);
-        const char* argv[] = {"/bin/sh", "-c", script.c_str(), nullptr};
-        int rc = posix_spawn(&watchdog_, "/bin/sh", &actions, &attr, const_cast<char**>(argv), environ);
-        posix_spawn_file_actions_destroy(&actions);
-        posix_spawnattr_destroy(&attr);
+        watchdog_ = spawn_process({"/usr/bin/setsid", "-w", "/bin/sh", "-c", script}, fds[0], -1, -1, false);
         close(fds[0]);
         watchdog_pipe_ = fds[1];
-        if (rc != 0) {
-            watchdog_ = 0;
-            std::filesystem::remove_all(dir_);
-            return "cannot start the cleanup process";
-        }
-        return "";
+        if (watchdog_ > 0) return "";
+        std::filesystem::remove_all(dir_);
+        return "cannot start the cleanup process";
     }
 
-    // Runs a program as the server's user, its output into log; its exit status.
-    int run(const std::vector<std::string>& args, const std::string& log) {
+    // Runs a program as the server's user, its output into run.log; its exit status.
+    int run(const std::vector<std::string>& args) {
         std::vector<std::string> all = as_server_;
         all.insert(all.end(), args.begin(), args.end());
-        std::vector<char*> argv;
-        for (std::string& a : all) argv.push_back(a.data());
-        argv.push_back(nullptr);
-        posix_spawn_file_actions_t actions;
-        posix_spawn_file_actions_init(&actions);
-        posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
-        posix_spawn_file_actions_addopen(&actions, 1, log.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-        posix_spawn_file_actions_adddup2(&actions, 1, 2);
-        pid_t pid = 0;
-        int rc = posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), environ);
-        posix_spawn_file_actions_destroy(&actions);
-        int status = 0;
-        if (rc != 0 || waitpid(pid, &status, 0) != pid) return -1;
-        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    }
-
-    static int free_port() {
-        int s = socket(AF_INET, SOCK_STREAM, 0);
-        sockaddr_in a{};
-        a.sin_family = AF_INET;
-        a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        socklen_t n = sizeof a;
-        int port = bind(s, reinterpret_cast<sockaddr*>(&a), n) == 0 &&
-                           getsockname(s, reinterpret_cast<sockaddr*>(&a), &n) == 0
-                       ? ntohs(a.sin_port)
-                       : 0;
-        close(s);
-        return port;
+        int log = open((dir_ + "/run.log").c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+        int status = exit_status(spawn_process(all, -1, log, log));
+        close(log);
+        return status;
     }
 
     static std::string tail(const std::string& path) {
         std::ifstream f(path);
-        std::stringstream all;
-        all << f.rdbuf();
-        std::string text = all.str();
+        std::string text((std::istreambuf_iterator<char>(f)), {});
         return text.size() > 600 ? "..." + text.substr(text.size() - 600) : text;
     }
 
@@ -221,7 +163,6 @@ private:
     uid_t server_uid_ = 0;
     pid_t watchdog_ = 0;
     int watchdog_pipe_ = -1;
-    int port_ = 0;
     std::atomic<int> databases_{0};
     std::mutex mutex_;
 };

@@ -8,80 +8,52 @@
 set -uo pipefail
 server=$1 site=$2
 export PATH=$PATH:/usr/sbin:/sbin
-
 nginx=$(command -v nginx) || { echo "SKIPPED: nginx is not installed (scripts/bootstrap installs it)"; exit 77; }
 
 work=$(mktemp -d /tmp/qm-proxy-XXXXXX)
 chmod 755 "$work"  # nginx's workers run as nobody
 pids=()
-cleanup() {
-  local p
-  for p in "${pids[@]}"; do kill "$p" 2>/dev/null; wait "$p" 2>/dev/null; done
-  rm -rf "$work"
-}
-trap cleanup EXIT
-
+trap 'for p in "${pids[@]}"; do kill "$p" 2>/dev/null; wait "$p" 2>/dev/null; done; rm -rf "$work"' EXIT
 failed=0
 fail() { echo "FAIL: $*"; failed=1; }
+die() { echo "FAIL: $*"; cat "$work"/*.log 2>/dev/null; exit 1; }
 port_open() { (exec 3<>"/dev/tcp/127.0.0.1/$1") 2>/dev/null; }
-free_port() {
-  local p
-  while :; do
-    p=$((20000 + RANDOM % 40000))
-    port_open "$p" || { echo "$p"; return; }
-  done
-}
-wait_for_port() {  # port what
-  local i
-  for ((i = 0; i < 100; i++)); do port_open "$1" && return 0; sleep 0.1; done
-  echo "FAIL: $2 never listened on port $1"
-  cat "$work"/*.log 2>/dev/null
-  exit 1
-}
+free_port() { local p; while p=$((20000 + RANDOM % 40000)); port_open "$p"; do :; done; echo "$p"; }
+wait_for_port() { for _ in {1..100}; do port_open "$1" && return; sleep 0.1; done; die "$2 never listened on port $1"; }
 
 host=account.quillmate.org password='a password for the proxy test'
 service_port=$(free_port) https_port=$(free_port) http_port=$(free_port)
-base=https://$host:$https_port
-
 openssl req -x509 -newkey rsa:2048 -nodes -days 2 -subj "/CN=$host" -addext "subjectAltName=DNS:$host" \
-  -keyout "$work/privkey.pem" -out "$work/fullchain.pem" 2>/dev/null || { echo "FAIL: openssl made no certificate"; exit 1; }
+  -keyout "$work/privkey.pem" -out "$work/fullchain.pem" 2>/dev/null || die "openssl made no certificate"
 
 # The site as shipped, on this test's ports and certificate; every substitution must have matched.
-sed -e "s|^    listen 443 ssl;|    listen 127.0.0.1:$https_port ssl;|" \
-    -e "s|^    listen 80;|    listen 127.0.0.1:$http_port;|" \
-    -e '/^    listen \[::\]:/d' \
-    -e "s|^    server 127.0.0.1:8080;|    server 127.0.0.1:$service_port;|" \
+sed -e "s|^    listen 443 ssl;|    listen 127.0.0.1:$https_port ssl;|" -e "s|^    listen 80;|    listen 127.0.0.1:$http_port;|" \
+    -e '/^    listen \[::\]:/d' -e "s|^    server 127.0.0.1:8080;|    server 127.0.0.1:$service_port;|" \
     -e "s|/etc/ssl/qm-server/|$work/|" "$site" >"$work/site.conf"
 for line in "listen 127.0.0.1:$https_port ssl;" "listen 127.0.0.1:$http_port;" "server 127.0.0.1:$service_port;" \
             "ssl_certificate $work/fullchain.pem;" "ssl_certificate_key $work/privkey.pem;"; do
-  grep -qF "$line" "$work/site.conf" || { echo "FAIL: the site file no longer has the line this test rewrites to: $line"; exit 1; }
+  grep -qF "$line" "$work/site.conf" || die "the site file no longer has the line this test rewrites to: $line"
 done
-
 mkdir -p "$work/tmp" "$work/releases"
 chmod 1777 "$work/tmp"
-user=""
-[[ $(id -u) == 0 ]] && user="user nobody $(id -gn nobody);"
 cat >"$work/nginx.conf" <<EOF
-$user
+$([[ $(id -u) == 0 ]] && echo "user nobody $(id -gn nobody);")
 worker_processes 1;
 pid $work/nginx.pid;
 error_log $work/nginx.log;
 events { worker_connections 64; }
 http {
   access_log off;
-  client_body_temp_path $work/tmp/body;
-  proxy_temp_path $work/tmp/proxy;
-  fastcgi_temp_path $work/tmp/fastcgi;
-  uwsgi_temp_path $work/tmp/uwsgi;
-  scgi_temp_path $work/tmp/scgi;
+  client_body_temp_path $work/tmp/body; proxy_temp_path $work/tmp/proxy; fastcgi_temp_path $work/tmp/fastcgi;
+  uwsgi_temp_path $work/tmp/uwsgi; scgi_temp_path $work/tmp/scgi;
   include $work/site.conf;
 }
 EOF
 nginx_args=(-p "$work/" -c "$work/nginx.conf" -e "$work/nginx.log")
-"$nginx" -t -q "${nginx_args[@]}" || { fail "nginx -t refuses the site"; cat "$work/nginx.log"; exit 1; }
+"$nginx" -t -q "${nginx_args[@]}" || die "nginx -t refuses the site"
 
 printf '%s\n' "$password" | "$server" add-user --db "$work/accounts.db" --fast-hash-for-tests owner@example.org \
-  >/dev/null || { echo "FAIL: add-user"; exit 1; }
+  >/dev/null || die "add-user"
 head -c 3000000 /dev/urandom >"$work/releases/QuillmateFlasher-9.9.9.zip"
 timeout 100 "$server" --db "$work/accounts.db" --listen "127.0.0.1:$service_port" --base-url "https://$host" \
   --trusted-proxy 127.0.0.1 --releases "$work/releases" --fast-hash-for-tests >"$work/service.log" 2>&1 &
@@ -96,9 +68,8 @@ request() {  # path [curl options...]
   local path=$1
   shift
   status=$(curl -sS --max-time 20 --cacert "$work/fullchain.pem" --resolve "$host:$https_port:127.0.0.1" \
-             -o "$work/body" -D "$work/headers" -w '%{http_code}' "$@" "$base$path")
+             -o "$work/body" -D "$work/headers" -w '%{http_code}' "$@" "https://$host:$https_port$path")
 }
-body_has() { grep -qF "$1" "$work/body"; }
 
 request /api/v1/auth/login -H 'Content-Type: application/json' \
   --data "{\"email\":\"owner@example.org\",\"password\":\"$password\"}"
@@ -107,7 +78,7 @@ token=$(sed -n 's/.*"token" *: *"\([^"]*\)".*/\1/p' "$work/body")
 [[ -n $token ]] || fail "the sign-in's answer holds no token"
 grep -qi '^strict-transport-security: max-age=[1-9]' "$work/headers" || fail "no HSTS header: $(cat "$work/headers")"
 request /api/v1/me -H "Authorization: Bearer $token"
-[[ $status == 200 ]] && body_has owner@example.org || fail "the token did not reach the service: $status"
+[[ $status == 200 ]] && grep -qF owner@example.org "$work/body" || fail "the token did not reach the service: $status"
 request /api/v1/auth/logout --data "" -H "Authorization: Bearer $token"
 [[ $status == 200 ]] || fail "sign-out through nginx answered $status"
 request /api/v1/me -H "Authorization: Bearer $token"
@@ -128,11 +99,9 @@ EOF
 head -c $((1024 * 1024 + 1)) /dev/zero >"$work/big"
 request /api/v1/auth/login -H 'Content-Type: application/json' --data-binary "@$work/big"
 [[ $status == 413 ]] || fail "a body over 1 MiB answered $status"
-
 request /releases/QuillmateFlasher-9.9.9.zip
 [[ $status == 200 ]] && cmp -s "$work/body" "$work/releases/QuillmateFlasher-9.9.9.zip" ||
   fail "the release archive came through nginx as $status, $(stat -c %s "$work/body") bytes"
-
 redirect=$(curl -sS --max-time 20 -o /dev/null -w '%{http_code} %{redirect_url}' "http://127.0.0.1:$http_port/d/x")
 [[ $redirect == "301 https://127.0.0.1/d/x" ]] || fail "plain HTTP answered $redirect"
 

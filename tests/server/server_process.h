@@ -1,38 +1,57 @@
-// A qm-server executable running as a process of its own on a free loopback port, stopped when
-// this object goes, and by the kernel when the test process dies first (killed by a timeout, say).
-// Between fork and exec the child makes only async-signal-safe calls: the tests are threaded.
+// Programs the server's and the application's tests start, qm-server among them. posix_spawn rather
+// than fork: forking a multi-threaded test process is what ThreadSanitizer cannot follow. What runs
+// under setpriv --pdeathsig gets SIGTERM from the kernel when the test process dies first (killed by
+// a timeout, say), so no test leaves a program behind.
 #pragma once
+#include <fcntl.h>
 #include <signal.h>
-#include <sys/prctl.h>
+#include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <cstdio>
+#include <cstdlib>
 #include <fstream>
 #include <sstream>
 #include <string>
 #include <vector>
 
+extern char** environ;
+
+// Starts args[0] with the given descriptors as its standard input, output and error (-1: this
+// process's own). -1 when it did not start.
+inline pid_t spawn_process(std::vector<std::string> args, int in = -1, int out = -1, int err = -1,
+                           bool dies_with_us = true) {
+    if (dies_with_us) args.insert(args.begin(), {"/usr/bin/setpriv", "--pdeathsig", "TERM", "--"});
+    std::vector<char*> argv;
+    for (std::string& a : args) argv.push_back(a.data());
+    argv.push_back(nullptr);
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    const int from[] = {in, out, err};
+    for (int to = 0; to < 3; ++to)
+        if (from[to] >= 0) posix_spawn_file_actions_adddup2(&actions, from[to], to);
+    pid_t pid = -1;
+    if (posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), environ) != 0) pid = -1;
+    posix_spawn_file_actions_destroy(&actions);
+    return pid;
+}
+
+// The exit status of a child, -1 when it did not exit by itself.
+inline int exit_status(pid_t pid) {
+    int status = 0;
+    if (pid <= 0 || waitpid(pid, &status, 0) != pid) return -1;
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+// `qm-server args... --listen 127.0.0.1:0` on the port the system picks, stopped when this goes.
 class ServerProcess {
 public:
-    // Runs `qm-server args... --listen 127.0.0.1:0` and waits for the port it prints.
     ServerProcess(const std::string& program, std::vector<std::string> args) {
         args.insert(args.begin(), program);
         args.insert(args.end(), {"--listen", "127.0.0.1:0"});
-        std::vector<char*> argv;
-        for (auto& a : args) argv.push_back(a.data());
-        argv.push_back(nullptr);
         int out[2];
-        if (pipe(out) != 0) return;
-        pid_t parent = getpid();
-        pid_ = fork();
-        if (pid_ == 0) {
-            dup2(out[1], STDOUT_FILENO);
-            close(out[0]);
-            prctl(PR_SET_PDEATHSIG, SIGTERM);
-            if (getppid() == parent) execv(program.c_str(), argv.data());
-            _exit(127);
-        }
+        if (pipe2(out, O_CLOEXEC) != 0) return;
+        pid_ = spawn_process(args, -1, out[1]);
         close(out[1]);
         read_port(out[0]);
         close(out[0]);
@@ -53,10 +72,9 @@ public:
     int stop() {
         if (pid_ <= 0) return -1;
         kill(pid_, SIGTERM);
-        int status = 0;
-        waitpid(pid_, &status, 0);
+        int status = exit_status(pid_);
         pid_ = -1;
-        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+        return status;
     }
 
     static double process_cpu_seconds(pid_t pid) {
@@ -91,9 +109,7 @@ private:
         std::string seen;
         char c;
         while (pid_ > 0 && read(fd, &c, 1) == 1 && c != '\n') seen += c;
-        size_t colon = seen.rfind(':');
-        if (seen.find("listening on") != std::string::npos && colon != std::string::npos)
-            port_ = std::atoi(seen.c_str() + colon + 1);
+        if (seen.find("listening on") != std::string::npos) port_ = std::atoi(seen.c_str() + seen.rfind(':') + 1);
     }
 
     pid_t pid_ = -1;

@@ -111,11 +111,15 @@ protected:
         options.releases_dir = releases_dir_;
         service_ = std::make_unique<Service>(*storage_, options);
         thread_ = std::thread([this] { front_->serve(*service_); });
-        client_ = std::make_unique<httplib::Client>(base_);
-        if (tls) client_->set_ca_cert_path(front_options.tls_cert.c_str());
+        talk_to(base_, tls ? front_options.tls_cert : "");
+        for (int i = 0; i < 200 && !client_->Get("/"); ++i) std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    // Where the helpers below send their requests: this fixture's service unless told otherwise.
+    void talk_to(const std::string& base, const std::string& ca_cert = "") {
+        client_ = std::make_unique<httplib::Client>(base);
+        if (!ca_cert.empty()) client_->set_ca_cert_path(ca_cert.c_str());
         client_->set_connection_timeout(5);
         client_->set_read_timeout(30);
-        for (int i = 0; i < 200 && !client_->Get("/"); ++i) std::this_thread::sleep_for(std::chrono::milliseconds(10));
     }
 
     void SetUp() override { start(); }

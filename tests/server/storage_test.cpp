@@ -195,6 +195,15 @@ TEST(PgStorage, ConnectFailuresSayWhyWithoutThePassword) {
     }
 }
 
+// Polls query (its first value) until it gives want, for up to five seconds.
+bool wait_for(const std::string& query, const std::string& db, const std::string& want) {
+    for (int i = 0; i < 500; ++i) {
+        if (shared_postgres().sql(query, db) == want) return true;
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    return false;
+}
+
 TEST(PgStorage, WorksOnAfterTheServerEndsItsConnections) {
     SKIP_WITHOUT_POSTGRES();
     std::string db = shared_postgres().new_database();
@@ -220,21 +229,9 @@ TEST(PgStorage, WorksOnAfterTheServerEndsItsConnections) {
     std::string ended = shared_postgres().sql(
         "SELECT count(pg_terminate_backend(pid)) FROM pg_stat_activity WHERE datname = '" + db + "'");
     EXPECT_NE(ended, "0");
-    for (int i = 0; i < 500 && shared_postgres().sql("SELECT count(*) FROM pg_stat_activity WHERE datname = '" + db +
-                                                     "'") != "0";
-         ++i)
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    EXPECT_TRUE(wait_for("SELECT count(*) FROM pg_stat_activity WHERE datname = '" + db + "'", "postgres", "0"));
     EXPECT_EQ(busy(1), 4);
     EXPECT_TRUE(storage.account_by_email("owner@example.org"));
-}
-
-// Polls query (its first value) until it gives want, for up to five seconds.
-bool wait_for(const std::string& query, const std::string& db, const std::string& want) {
-    for (int i = 0; i < 500; ++i) {
-        if (shared_postgres().sql(query, db) == want) return true;
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
-    return false;
 }
 
 TEST(PgStorage, AnOperationCutOffBeforeItsCommitRunsAgainOnANewConnection) {

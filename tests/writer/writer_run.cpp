@@ -11,19 +11,17 @@
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
-#include <zlib.h>
 
 namespace {
 
-// Starts `argv` with its stdout on the returned pipe (stderr, and stdout unless wanted, discarded).
-pid_t spawn(const std::vector<std::string>& argv, bool want_stdout, int* stdout_fd,
-            const std::vector<std::string>& env = {}) {
+// Starts `argv` with its stdout on the returned pipe (stderr discarded).
+pid_t spawn(const std::vector<std::string>& argv, int* stdout_fd, const std::vector<std::string>& env = {}) {
     int pipefd[2];
     if (pipe(pipefd) != 0) throw std::runtime_error("pipe");
     pid_t pid = fork();
     if (pid == 0) {
         int devnull = open("/dev/null", O_WRONLY);
-        dup2(want_stdout ? pipefd[1] : devnull, STDOUT_FILENO);
+        dup2(pipefd[1], STDOUT_FILENO);
         dup2(devnull, STDERR_FILENO);
         close(pipefd[0]);
         for (const auto& e : env) putenv(const_cast<char*>(e.c_str()));
@@ -44,17 +42,9 @@ std::vector<std::string> writer_argv(const std::vector<std::string>& args, const
     return argv;
 }
 
-WriterRun collect(int exit_code, const std::string& out) {
-    WriterRun run;
-    run.exit_code = exit_code;
-    std::istringstream in(out);
-    for (std::string line; std::getline(in, line);) run.lines.push_back(line);
-    return run;
-}
-
 int run_with_env(const std::vector<std::string>& argv, const std::vector<std::string>& env, std::string* out) {
     int fd = -1;
-    pid_t pid = spawn(argv, true, &fd, env);
+    pid_t pid = spawn(argv, &fd, env);
     for (char buf[65536]; ssize_t n = read(fd, buf, sizeof buf);) {
         if (n < 0) break;
         out->append(buf, static_cast<size_t>(n));
@@ -74,16 +64,17 @@ int run_command(const std::vector<std::string>& argv, std::string* out) {
     return code;
 }
 
-WriterRun run_writer(const std::vector<std::string>& args, const std::vector<std::string>& env) {
+WriterRun run_writer(const std::vector<std::string>& args, const std::vector<std::string>& env, const char* writer) {
     std::string out;
-    int code = run_with_env(writer_argv(args), env, &out);
-    return collect(code, out);
+    WriterRun run;
+    run.exit_code = run_with_env(writer_argv(args, writer), env, &out);
+    std::istringstream in(out);
+    for (std::string line; std::getline(in, line);) run.lines.push_back(line);
+    return run;
 }
 
 WriterRun run_installed_writer(const std::vector<std::string>& args) {
-    std::string out;
-    int code = run_with_env(writer_argv(args, QM_INSTALLED_WRITER_PATH), {}, &out);
-    return collect(code, out);
+    return run_writer(args, {}, QM_INSTALLED_WRITER_PATH);
 }
 
 std::string WriterRun::err_line() const {
@@ -165,30 +156,20 @@ bool TestMount::is_mounted(const std::string& mount_point) {
     return false;
 }
 
-bool kill_writer_midway(const std::vector<std::string>& args, uint64_t bytes) {
+uint64_t kill_writer_midway(const std::vector<std::string>& args, uint64_t bytes) {
     int fd = -1;
-    pid_t pid = spawn(writer_argv(args), true, &fd);
+    pid_t pid = spawn(writer_argv(args), &fd);
     FILE* out = fdopen(fd, "r");
-    bool killed = false;
+    uint64_t killed_at_total = 0;
     char line[256];
-    while (!killed && std::fgets(line, sizeof line, out)) {
+    while (!killed_at_total && std::fgets(line, sizeof line, out)) {
         unsigned long long done = 0, total = 0;
         if (std::sscanf(line, "P %llu %llu", &done, &total) == 2 && done >= bytes && done < total) {
             kill(pid, SIGKILL);
-            killed = true;
+            killed_at_total = total;
         }
     }
     std::fclose(out);
     waitpid(pid, nullptr, 0);
-    return killed;
-}
-
-void write_gzip_with_zero_tail(const std::string& path, const std::string& head, uint64_t zero_bytes) {
-    gzFile gz = gzopen(path.c_str(), "wb6");
-    if (!gz) throw std::runtime_error("gzopen " + path);
-    gzwrite(gz, head.data(), static_cast<unsigned>(head.size()));
-    std::string zeros(1 << 20, '\0');
-    for (uint64_t done = 0; done < zero_bytes; done += zeros.size())
-        gzwrite(gz, zeros.data(), static_cast<unsigned>(std::min<uint64_t>(zeros.size(), zero_bytes - done)));
-    if (gzclose(gz) != Z_OK) throw std::runtime_error("gzclose " + path);
+    return killed_at_total;
 }

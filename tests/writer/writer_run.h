@@ -12,16 +12,14 @@ struct WriterRun {
 };
 
 // qm-writer-test, which also takes loop devices and files; `env` adds "NAME=value" entries.
-WriterRun run_writer(const std::vector<std::string>& args, const std::vector<std::string>& env = {});
+WriterRun run_writer(const std::vector<std::string>& args, const std::vector<std::string>& env = {},
+                     const char* writer = QM_WRITER_PATH);
 // The writer as it lies in the app's resources.
 WriterRun run_installed_writer(const std::vector<std::string>& args);
 
-// Starts the writer and kills it outright once it reports `bytes` written but not all;
-// false when it finished or failed before that point.
-bool kill_writer_midway(const std::vector<std::string>& args, uint64_t bytes);
-
-// Writes a gzip file of `head` followed by `zero_bytes` zeros.
-void write_gzip_with_zero_tail(const std::string& path, const std::string& head, uint64_t zero_bytes);
+// Starts the writer and kills it outright once it reports `bytes` written but not all: the
+// total it reported then, or 0 when it finished or failed before that point.
+uint64_t kill_writer_midway(const std::vector<std::string>& args, uint64_t bytes);
 
 // Runs a command without a shell; returns its exit code and, if asked, its stdout.
 int run_command(const std::vector<std::string>& argv, std::string* out = nullptr);

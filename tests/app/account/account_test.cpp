@@ -11,17 +11,12 @@
 #include <QNetworkReply>
 #include <QPushButton>
 #include <QTcpServer>
-#include <QTcpSocket>
 #include <QTest>
-#include <fcntl.h>
-#include <signal.h>
-#include <spawn.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include "account_model.h"
 #include "account_tab.h"
+#include "app_object.h"
 #include "published_address.h"
 #include "deck_drive.h"
 #include "local_service.h"
@@ -119,7 +114,7 @@ TEST_F(AccountTest, TabFollowsTheModelAndTheAddressInUse) {
     EXPECT_EQ(QGuiApplication::clipboard()->text(), "https://h.example/d/0a1b");
 }
 
-TEST_F(AccountTest, UnreachableServiceIsNamedAndPublishingAsksForASignIn) {
+TEST_F(AccountTest, UnreachableServiceIsNamedAndSigningOutStillForgetsTheToken) {
     QTcpServer probe;  // a port that was free a moment ago and has nobody listening now
     ASSERT_TRUE(probe.listen(QHostAddress::LocalHost));
     QString base = QString("http://127.0.0.1:%1").arg(probe.serverPort());
@@ -148,16 +143,6 @@ TEST_F(AccountTest, UnreachableServiceIsNamedAndPublishingAsksForASignIn) {
     EXPECT_EQ(tab.statusLine()->text(), "Not signed in.");
     EXPECT_FALSE(tab.signOutButton()->isEnabled());
     EXPECT_FALSE(Store::token(base));
-
-    TempDir dir;
-    DriveSelection drives;
-    StatsModel stats(&drives);
-    drives.pin({QmVolume{deckDrive(dir, deck::StatsState::Normal), "Deck", true}});
-    ASSERT_TRUE(QTest::qWaitFor([&] { return !stats.busy(); }, 20000));
-    stats.publish();  // no token: nothing is sent
-    EXPECT_TRUE(stats.busy());
-    ASSERT_TRUE(QTest::qWaitFor([&] { return !stats.busy(); }, 5000));
-    EXPECT_EQ(stats.status(), kSignInFirst);
 }
 
 // The account service on a free loopback port, with a database of its own and two accounts.
@@ -169,11 +154,8 @@ protected:
         GTEST_SKIP() << "SKIPPED: the account service (qm-server) is not part of this build";
 #else
         db_ = QString::fromStdString(data_ / "accounts.db");
-        for (const char* who : {"owner@example.org", "other@example.org"}) {
-            pid_t add = spawnWithInput({QM_SERVER_PATH, "add-user", "--db", db_, who}, (kPassword + "\n").toUtf8());
-            ASSERT_GT(add, 0);
-            ASSERT_EQ(exitStatusOf(add), 0);
-        }
+        for (const char* who : {"owner@example.org", "other@example.org"})
+            ASSERT_EQ(runProgram({QM_SERVER_PATH, "add-user", "--db", db_, who}, (kPassword + "\n").toUtf8()), 0);
         ASSERT_TRUE(service_.start(QM_SERVER_PATH, {"--db", db_})) << "the service never listened";
         base_ = service_.base();
         qputenv("QM_SERVER", base_.toUtf8());
@@ -211,7 +193,7 @@ protected:
 TEST_F(ServiceTest, AddUserRefusesAShortPassword) {
 #if defined(QM_SERVER_PATH)
     const QStringList args{QM_SERVER_PATH, "add-user", "--db", QString::fromStdString(data_ / "new.db"), "new@example.org"};
-    auto add = [&](const QString& password) { return exitStatusOf(spawnWithInput(args, (password + "\n").toUtf8())); };
+    auto add = [&](const QString& password) { return runProgram(args, (password + "\n").toUtf8()); };
     EXPECT_EQ(add("seven 7"), 1);
     EXPECT_EQ(add("Ünïcödé"), 1);  // 7 characters in 11 bytes
     EXPECT_EQ(add("eight 88"), 0);
@@ -223,9 +205,7 @@ TEST_F(ServiceTest, SignInRejectedThenAcceptedAndCheckedOnTheNextStart) {
     signInAs(m, "owner@example.org", "wrong password");
     EXPECT_EQ(m.email(), "owner@example.org");
     EXPECT_EQ(m.password(), "wrong password");
-    EXPECT_FALSE(m.accountStatus().isEmpty());
-    EXPECT_FALSE(m.accountStatus().startsWith("Could not reach")) << m.accountStatus().toStdString();
-    EXPECT_FALSE(m.accountStatus().startsWith("Signed in"));
+    EXPECT_EQ(m.accountStatus(), "The e-mail address or the password is not right.");  // the service's own words
     EXPECT_FALSE(Store::token(base_));
 
     signInAs(m, "owner@example.org", kPassword);
@@ -233,7 +213,6 @@ TEST_F(ServiceTest, SignInRejectedThenAcceptedAndCheckedOnTheNextStart) {
     EXPECT_EQ(m.password(), "");
     EXPECT_EQ(m.email(), "owner@example.org");
     EXPECT_TRUE(Store::token(base_));
-
 
     AccountModel later;  // a new start checks the stored sign-in once
     ASSERT_TRUE(QTest::qWaitFor([&] { return !later.working(); }, 35000));
@@ -257,7 +236,8 @@ TEST_F(ServiceTest, ATokenTheServiceRefusesIsForgottenOnTheCheckAndOnSignOut) {
 TEST_F(ServiceTest, PublishShowsThePageGuardsTheDriveAndNeedsASignIn) {
     TempDir dir;
     DriveSelection drives;
-    StatsModel stats(&drives);
+    CloudClient cloud;
+    StatsModel stats(&drives, publishThrough(cloud));
     drives.pin({QmVolume{deckDrive(dir, deck::StatsState::Normal), "Deck", true}});
     ASSERT_TRUE(QTest::qWaitFor([&] { return !stats.busy(); }, 20000));
     ASSERT_TRUE(stats.summary());

@@ -1,5 +1,6 @@
 // The backup model's texts and warnings, the automatic schedule (watch, quiet time, ticks) and
-// runs on deck-written drives into a temporary folder.
+// automatic runs on deck-written drives into a temporary folder. Runs from the tab are the
+// backup view's, in shell_test.
 #include <gtest/gtest.h>
 
 #include <QDir>
@@ -33,6 +34,39 @@ using BackupModelRun = FreshSettings;
 
 QString q(const TempDir& dir) { return QString::fromStdString(dir.path()); }
 
+// Time that moves only when the test moves it.
+class HandClock : public BackupClock {
+public:
+    void repeat(int ms, Fire fire) override { timers_[0] = {now_ + ms, ms, std::move(fire)}; }
+    void quiet(int ms, Fire fire) override {
+        ++quiets;
+        timers_[1] = {now_ + ms, 0, std::move(fire)};
+    }
+    // Moves time on by ms, firing in order what falls due on the way.
+    void advance(int64_t ms) {
+        for (const int64_t end = now_ + ms;;) {
+            Timer* next = nullptr;
+            for (Timer& t : timers_)
+                if (t.fire && t.at <= end && (!next || t.at < next->at)) next = &t;
+            if (!next) return void(now_ = end);
+            now_ = next->at;
+            Fire fire = next->fire;
+            if (next->every) next->at += next->every;
+            else next->fire = nullptr;
+            fire();
+        }
+    }
+    int quiets = 0;  // changes the schedule was told of
+
+private:
+    struct Timer {
+        int64_t at = 0;
+        int every = 0;  // 0: once
+        Fire fire;
+    } timers_[2];
+    int64_t now_ = 0;
+};
+
 TEST_F(BackupModelStatus, WaitingTextsGiveWayToReadyOnlyUntilARunReports) {
     TempDir drive, dest;
     DriveSelection drives;
@@ -56,6 +90,7 @@ TEST_F(BackupModelStatus, WaitingTextsGiveWayToReadyOnlyUntilARunReports) {
     // A drive that goes takes its outcome and warning along, also one of a run that ends later.
     r.cloudWarning = "Dropbox is not running";
     m.show(r);
+    m.runNow(true);  // a check that finds nothing to check, after the drive has gone
     drives.pin(QList<QmVolume>{});
     const QString gone = DriveSelection::goneText("Q");
     EXPECT_EQ(m.status(), gone);
@@ -65,11 +100,15 @@ TEST_F(BackupModelStatus, WaitingTextsGiveWayToReadyOnlyUntilARunReports) {
     EXPECT_EQ(m.status(), gone);
     EXPECT_FALSE(m.warning());
     EXPECT_FALSE(m.folder());
+    ASSERT_TRUE(QTest::qWaitFor([&] { return !m.busy(); }, 20000));
+    EXPECT_EQ(m.status(), gone);
     drives.pin({QmVolume{q(drive), "Q", true}});  // back: waiting texts give way again
     EXPECT_EQ(m.status(), BackupModel::kReadyStatus);
 
     m.choose(QString());
     EXPECT_EQ(m.status(), BackupModel::kNoDestinationStatus);
+    ASSERT_TRUE(QTest::qWaitFor([&] { return !m.detecting(); }, 10000));
+    EXPECT_FALSE(m.folder());  // the look for the drive's folder begun before is out of date
 
     BackupModel again(&drives);  // the choices were kept
     EXPECT_EQ(again.destination(), "");
@@ -113,179 +152,139 @@ TEST_F(BackupModelStatus, WarningAfterARun) {
     }
 }
 
-TEST_F(BackupSchedules, WatchesTheDrivesFoldersAndFilesOnlyWhenAnAutomaticRunCouldHappen) {
-    TempDir drive, dest;
-    QString root = deckDrive(drive, deck::StatsState::Normal, 2);
-    ASSERT_TRUE(QDir().mkpath(root + "/notes/2024"));
-    spit(drive / "notes/2024/a.md", "a file in a folder");
-    DriveSelection drives;
-    BackupModel m(&drives);
-    m.start();
-    drives.pin({QmVolume{root, "Q", true}});
-    EXPECT_TRUE(m.schedule().watched().isEmpty());  // no destination yet
-
-    m.choose(q(dest));
-    QStringList watched = m.schedule().watched();
-    EXPECT_TRUE(watched.contains(root));
-    EXPECT_TRUE(watched.contains(root + "/notes/2024"));
-    EXPECT_TRUE(watched.contains(root + "/notes/2024/a.md"));
-    for (const QString& path : watched)  // the key and statistics are never copied
-        EXPECT_FALSE(path.startsWith(root + "/.qm/") || path == root + "/.qm") << path.toStdString();
-
-    m.setAutomatic(false);
-    EXPECT_TRUE(m.schedule().watched().isEmpty());
-    m.setAutomatic(true);
-    EXPECT_FALSE(m.schedule().watched().isEmpty());
-    drives.pin(QList<QmVolume>{});
-    EXPECT_TRUE(m.schedule().watched().isEmpty());
-}
-
-TEST_F(BackupSchedules, ABurstOfChangesGivesOneRunAfterTheQuietTime) {
+// Changes wait for a quiet time counted from the last of them; the timer repeats without any.
+// Real changes on the disk, on a clock the test turns.
+TEST_F(BackupSchedules, ChangesWaitForQuietAndTheTimerRepeats) {
     TempDir drive;
-    ASSERT_TRUE(QDir().mkpath(q(drive) + "/docs"));
     spit(drive / "docs/Novel.md", "Chapter one\n");
     spit(drive / ".qmv/Novel.md/history.log", "QMV\t1\n");
     BackupSettings::setDestination("/somewhere");
-    BackupSchedule s({60'000, 1500});  // a quiet time well beyond the burst, even on a loaded machine
+    auto* clock = new HandClock;
+    BackupSchedule s{std::unique_ptr<BackupClock>(clock)};
     int runs = 0;
     s.start([&] { return std::optional<QmVolume>(QmVolume{q(drive), "Q", true}); },
             [&](const QmVolume&, const QString& destination) {
                 EXPECT_EQ(destination, "/somewhere");
                 ++runs;
             });
-    QSignalSpy due(&s, &BackupSchedule::due);
-    QElapsedTimer sinceLast;
-    for (int i = 0; i < 10; ++i) {  // new files in the root, in a folder, and in a folder made meanwhile
-        spit(drive / (std::string(i % 3 == 0 ? "" : i % 3 == 1 ? "docs/" : "new/") + std::to_string(i) + ".md"), "x");
-        sinceLast.start();
-        QTest::qWait(30);
+    // Makes a change and waits until the watch has told the schedule of it.
+    auto change = [&](auto write) {
+        int seen = clock->quiets;
+        write();
+        return QTest::qWaitFor([&] { return clock->quiets > seen; }, 5000);
+    };
+
+    // Ten changes 300 ms apart: new files in the root, in a folder, and in a folder made meanwhile.
+    for (int i = 0; i < 10; ++i) {
+        std::string folder = i % 3 == 0 ? "" : i % 3 == 1 ? "docs/" : "new/";
+        ASSERT_TRUE(change([&] { spit(drive / (folder + std::to_string(i) + ".md"), "x"); })) << i;
+        clock->advance(300);
     }
-    ASSERT_TRUE(due.wait(5000));
-    EXPECT_GE(sinceLast.elapsed(), 1400);  // counted from the last change, not the first
-    QTest::qWait(2000);  // nothing more follows the one run
-    EXPECT_EQ(due.count(), 1);
+    clock->advance(BackupSchedule::kQuietMs - 301);
+    EXPECT_EQ(runs, 0);
+    clock->advance(1);  // quiet since the last change, not the first
     EXPECT_EQ(runs, 1);
-    EXPECT_TRUE(s.watched().contains(q(drive) + "/new"));
+    clock->advance(60'000);
+    EXPECT_EQ(runs, 1);
 
-    spit(drive / "new/later.md", "a change in the folder made during the burst");
-    ASSERT_TRUE(due.wait(5000));
-
-    // Files written in place, as the deck saves a document or adds to its log: one run each, for
-    // files there from the start, one made since, and one that a save replaced by a rename.
+    // One run each: a file in the folder made during the burst; then files written in place, as
+    // the deck saves a document or adds to its log: there from the start, made since, and one
+    // that a save replaced by a rename.
     const struct { const char* file; bool replace; } edits[] = {
-        {"docs/Novel.md", false}, {".qmv/Novel.md/history.log", false}, {"new/later.md", false},
-        {"docs/Novel.md", true},  {"docs/Novel.md", false},
+        {"new/later.md", false}, {"docs/Novel.md", false}, {".qmv/Novel.md/history.log", false},
+        {"new/later.md", false}, {"docs/Novel.md", true},   {"docs/Novel.md", false},
     };
     for (const auto& e : edits) {
         SCOPED_TRACE(std::string(e.file) + (e.replace ? ", replaced" : ", appended to"));
-        if (e.replace) {
-            spit(drive / "docs/.Novel.md.new", "Chapter one, again\n");
-            std::filesystem::rename(drive / "docs/.Novel.md.new", drive / e.file);
-        } else {
-            std::ofstream(drive / e.file, std::ios::app) << "more\n";
-        }
-        ASSERT_TRUE(due.wait(5000));
+        int before = runs;
+        ASSERT_TRUE(change([&] {
+            if (e.replace) {
+                spit(drive / "docs/.Novel.md.new", "Chapter one, again\n");
+                std::filesystem::rename(drive / "docs/.Novel.md.new", drive / e.file);
+            } else {
+                std::ofstream(drive / e.file, std::ios::app) << "more\n";
+            }
+        }));
+        clock->advance(BackupSchedule::kQuietMs);
+        EXPECT_EQ(runs, before + 1);
     }
-    QTest::qWait(2000);
-    EXPECT_EQ(due.count(), 2 + int(std::size(edits)));
 
-    BackupSettings::setAutomatic(false);  // read at every run, not only at rewatch
-    s.trigger();
-    EXPECT_FALSE(due.wait(2000));
-    EXPECT_EQ(runs, 2 + int(std::size(edits)));
-}
-
-TEST_F(BackupSchedules, TheRepeatingTimerRunsWithoutAnyChange) {
-    TempDir drive;
-    BackupSettings::setDestination("/somewhere");
-    BackupSchedule s({100, 60'000});
-    int runs = 0;
-    s.start([&] { return std::optional<QmVolume>(QmVolume{q(drive), "Q", true}); },
-            [&](const QmVolume&, const QString&) { ++runs; });
-    ASSERT_TRUE(QTest::qWaitFor([&] { return runs >= 2; }, 5000));
-    BackupSettings::setDestination(QString());
     int before = runs;
-    QTest::qWait(300);
-    EXPECT_EQ(runs, before);
+    clock->advance(BackupSchedule::kPeriodMs);  // now past 300 s: one tick
+    EXPECT_EQ(runs, before + 1);
+    // Whether a run may happen is asked at every run, not only when the watch is set up.
+    BackupSettings::setAutomatic(false);
+    s.trigger();
+    clock->advance(BackupSchedule::kPeriodMs);
+    BackupSettings::setAutomatic(true);
+    BackupSettings::setDestination(QString());
+    clock->advance(BackupSchedule::kPeriodMs);
+    EXPECT_EQ(runs, before + 1);
 }
 
-TEST_F(BackupModelRun, BackUpNowThenCheckTheCopiesOnADeckDrive) {
-    TempDir drive, dest;
-    QString root = deckDrive(drive, deck::StatsState::Normal, 3);
-    DriveSelection drives;
-    drives.pin({QmVolume{root, "My stick", true}});
-    BackupModel m(&drives);
-    std::optional<QUrl> opened;
-    m.setOpener([&](const QUrl& url) {
-        opened = url;
-        return true;
-    });
-    EXPECT_TRUE(m.revealFolder());  // no destination: a reason, nothing opened
-    m.choose(q(dest));
-    EXPECT_TRUE(m.revealFolder());  // nothing copied yet
-    EXPECT_FALSE(opened);
-
-    QSignalSpy reported(&m, &BackupModel::reported);
-    m.runNow(true);  // nothing to check is said, and no backup is made instead
-    EXPECT_FALSE(m.busy());
-    EXPECT_EQ(m.status(), BackupModel::kNothingToCheckStatus);
-    EXPECT_FALSE(QFileInfo::exists(q(dest) + "/Quillmate"));
-    m.runNow(false);
-    EXPECT_TRUE(m.busy());
-    EXPECT_EQ(m.status(), BackupModel::kCopyingStatus);
-    m.runNow(false);  // ignored while the first one runs
-    ASSERT_TRUE(reported.wait(20000));
-    EXPECT_FALSE(m.busy());
-    EXPECT_FALSE(m.progress());
-    EXPECT_TRUE(m.status().startsWith("Copied ")) << m.status().toStdString();
-    EXPECT_TRUE(m.status().contains("), each one verified.\n"));
-    EXPECT_FALSE(m.warning());
-    QString folder = q(dest) + "/Quillmate/My stick";
-    EXPECT_EQ(m.folder(), folder);
-    EXPECT_EQ(m.revealFolder(), std::nullopt);
-    EXPECT_EQ(opened, QUrl::fromLocalFile(folder));
-    m.setOpener([](const QUrl&) { return false; });
-    EXPECT_EQ(m.revealFolder(), "The file manager could not be started. The copies are in " + folder);
-
-    m.runNow(true);
-    EXPECT_EQ(m.status(), BackupModel::kCheckingStatus);
-    ASSERT_TRUE(reported.wait(20000));
-    EXPECT_EQ(reported.count(), 2);
-    EXPECT_TRUE(m.status().startsWith("Already up to date (")) << m.status().toStdString();
-
-    // The writing put back onto the stick after a loss: busy while it runs, then its outcome.
-    std::filesystem::remove(drive / "Novel.md");
-    m.restoreFrom(folder);
-    EXPECT_TRUE(m.busy());
-    EXPECT_EQ(m.status(), BackupModel::kRestoringStatus);
-    ASSERT_TRUE(reported.wait(20000));
-    EXPECT_TRUE(m.status().startsWith("Put back 1 file (")) << m.status().toStdString();
-    EXPECT_TRUE(std::filesystem::exists(drive / "Novel.md"));
+// The program's clock: the quiet moment moves rather than adds a second one, and comes once.
+TEST(BackupClocks, QtTimersRepeatAndMoveTheQuietMoment) {
+    std::unique_ptr<BackupClock> clock = BackupClock::timers();
+    int ticks = 0, first = 0, moved = 0;
+    clock->repeat(10, [&] { ++ticks; });
+    clock->quiet(40, [&] { ++first; });
+    QElapsedTimer sinceMoved;
+    sinceMoved.start();
+    clock->quiet(40, [&] { ++moved; });
+    ASSERT_TRUE(QTest::qWaitFor([&] { return moved > 0; }, 5000));
+    EXPECT_GE(sinceMoved.elapsed(), 30);  // coarse timers may come a little early
+    const int later = ticks + 10;         // at least 100 ms more
+    ASSERT_TRUE(QTest::qWaitFor([&] { return ticks >= later; }, 5000));
+    EXPECT_EQ(first, 0);
+    EXPECT_EQ(moved, 1);
 }
 
-TEST_F(BackupModelRun, AnAutomaticRunReportsWithoutBusyAndAHeldFolderSkipsQuietly) {
+// The drive is watched only while an automatic run could happen; such a run reports without
+// busy, and one that finds another run holding the folder copies nothing and says nothing.
+TEST_F(BackupModelRun, AutomaticRunsWatchReportAndStepAsideForAHeldFolder) {
     TempDir drive, dest;
     QString root = deckDrive(drive, deck::StatsState::Normal, 2);
+    spit(drive / "notes/2024/a.md", "a file in a folder");
     DriveSelection drives;
-    drives.pin({QmVolume{root, "Q", true}});
-    BackupModel m(&drives, {60'000, 50});
-    m.choose(q(dest));
+    auto* clock = new HandClock;
+    BackupModel m(&drives, std::unique_ptr<BackupClock>(clock));
     m.start();
-    QSignalSpy reported(&m, &BackupModel::reported), due(&m.schedule(), &BackupSchedule::due);
+    drives.pin({QmVolume{root, "Q", true}});
+    EXPECT_TRUE(m.schedule().watched().isEmpty());  // no destination yet
+    m.choose(q(dest));
+    QStringList watched = m.schedule().watched();
+    for (const QString& path : {root, root + "/notes/2024", root + "/notes/2024/a.md"})
+        EXPECT_TRUE(watched.contains(path)) << path.toStdString();
+    for (const QString& path : watched)  // the key and statistics are never copied
+        EXPECT_FALSE(path.startsWith(root + "/.qm/") || path == root + "/.qm") << path.toStdString();
+    m.setAutomatic(false);
+    EXPECT_TRUE(m.schedule().watched().isEmpty());
+    m.setAutomatic(true);
+    EXPECT_FALSE(m.schedule().watched().isEmpty());
+
+    QSignalSpy reported(&m, &BackupModel::reported);
     m.schedule().trigger();
+    clock->advance(BackupSchedule::kQuietMs);
+    EXPECT_TRUE(m.running());
     ASSERT_TRUE(reported.wait(20000));
     EXPECT_FALSE(m.busy());
     EXPECT_TRUE(m.status().startsWith("Copied ")) << m.status().toStdString();
 
+    spit(drive / "Later.md", "written while a headless run in another process holds the folder");
     {
-        BackupLock held(q(dest) + "/Quillmate/Q", false);  // as a headless run in another process would
+        BackupLock held(q(dest) + "/Quillmate/Q", false);
         ASSERT_TRUE(held.held());
         m.schedule().trigger();
-        ASSERT_TRUE(due.wait(5000));
-        EXPECT_FALSE(reported.wait(1000));
+        clock->advance(BackupSchedule::kQuietMs);
+        EXPECT_TRUE(m.running());
+        ASSERT_TRUE(QTest::qWaitFor([&] { return !m.running(); }, 20000));
     }
     EXPECT_EQ(reported.count(), 1);
     EXPECT_TRUE(m.status().startsWith("Copied "));
+    EXPECT_FALSE(QFileInfo::exists(q(dest) + "/Quillmate/Q/Later.md"));
+
+    drives.pin(QList<QmVolume>{});
+    EXPECT_TRUE(m.schedule().watched().isEmpty());
 }
 
 }  // namespace

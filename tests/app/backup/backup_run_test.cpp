@@ -50,21 +50,21 @@ TEST(BackupText, HumanSizesAndSummaries) {
     EXPECT_EQ(BackupResult::human(1048575), "1024.0 KB");
     EXPECT_EQ(BackupResult::human(1048576), "1.0 MB");
 
-    // Singular and plural; the failure and the plural copy line are checked end to end in headless_test.
-    struct Case {
-        BackupResult r;
+    // Singular and plural; the plural lines and the failure come from the real runs below.
+    const struct {
+        int copied, unchanged, rechecked, repaired, bytes;
         const char* want;
+    } cases[] = {
+        {1, 0, 4, 0, 10, "Copied 1 file (10 bytes), each one verified.  Re-checked 4, all intact."},
+        {0, 1, 5, 1, 0, "Already up to date (1 file checked).  Put back 1 damaged or missing copy."},
+        {0, 7, 0, 2, 0, "Already up to date (7 files checked).  Put back 2 damaged or missing copies."},
     };
-    auto with = [](auto set) { BackupResult r; set(r); return r; };
-    const Case cases[] = {
-        {with([](BackupResult& r) { r.copied = 1; r.bytes = 10; r.rechecked = 4; }),
-         "Copied 1 file (10 bytes), each one verified.  Re-checked 4, all intact."},
-        {with([](BackupResult& r) { r.unchanged = 1; r.repaired = 1; r.rechecked = 5; }),
-         "Already up to date (1 file checked).  Put back 1 damaged or missing copy."},
-        {with([](BackupResult& r) { r.unchanged = 7; r.repaired = 2; }),
-         "Already up to date (7 files checked).  Put back 2 damaged or missing copies."},
-    };
-    for (const Case& c : cases) EXPECT_EQ(c.r.summary(), c.want);
+    for (const auto& c : cases) {
+        BackupResult r;
+        r.copied = c.copied, r.unchanged = c.unchanged, r.rechecked = c.rechecked, r.repaired = c.repaired;
+        r.bytes = c.bytes;
+        EXPECT_EQ(r.summary(), c.want);
+    }
 }
 
 TEST(BackupManifestText, ReadsWhatPeopleAndOtherSystemsLeaveBehind) {
@@ -128,7 +128,7 @@ TEST(BackupRun, FirstRunCopiesTheWritingAndNotTheDrivesOwnFiles) {
     EXPECT_EQ(copied.join('\n').toStdString(), wanted.join('\n').toStdString());
     EXPECT_TRUE(wanted.contains(".hidden-notes.md"));
     EXPECT_EQ(r.copied, wanted.size());
-    EXPECT_EQ(r.summary().left(7), "Copied ");
+    EXPECT_TRUE(r.summary().startsWith(QString("Copied %1 files (").arg(r.copied))) << r.summary().toStdString();
 
     auto rows = f.manifest().rows();
     ASSERT_EQ(rows.size(), size_t(wanted.size()));
@@ -159,6 +159,14 @@ TEST(BackupRun, LaterRunsRecheckRepairAndNeverDelete) {
     spit(f.copy(victim), damaged);
     EXPECT_EQ(f.run(true).repaired, 1);
     EXPECT_EQ(slurp(f.copy(victim)), slurp(f.drive(victim)));
+
+    // A copy replaced by a link to a good copy elsewhere is not read through the link: it counts
+    // as missing and is put back as a file of its own.
+    spit(f.dest / "elsewhere", slurp(f.copy(victim)));
+    fs::remove(f.copy(victim));
+    fs::create_symlink(f.dest / "elsewhere", f.copy(victim));
+    EXPECT_EQ(f.run(true).repaired, 1);
+    EXPECT_TRUE(fs::is_regular_file(fs::symlink_status(f.copy(victim))));
 
     // Gone from the drive: the copy and its row stay.
     fs::remove(f.drive(victim));
@@ -241,18 +249,6 @@ TEST(BackupRun, FolderNamesAndRefusals) {
     EXPECT_TRUE(Backup::run(f.volume, q(f.dest / "file"), false).summary().startsWith("Backup failed: "));
 }
 
-TEST(BackupRun, AnAutomaticRunStepsAsideForOneUnderWay) {
-    Fixture f;
-    QDir().mkpath(f.folder);
-    BackupLock other(f.folder, true);
-    ASSERT_TRUE(other.held());
-    Backup::RunOptions automatic;
-    automatic.waitForOtherRuns = false;
-    BackupResult r = Backup::run(f.volume, q(f.dest.path()), false, automatic);
-    EXPECT_TRUE(r.skipped);
-    EXPECT_EQ(r.copied, 0);
-}
-
 TEST(BackupRun, CopyVerifiedReportsTheFileByName) {
     TempDir dir;
     BackupResult r;
@@ -322,19 +318,6 @@ TEST(BackupRun, OddNamesAndTreesAreCopiedOrReported) {
     EXPECT_EQ(again.copied, 0);
     EXPECT_EQ(again.repaired, 0);
     EXPECT_EQ(again.failures.size(), 2);
-}
-
-// A copy replaced by a link inside the backup folder is not read through the link: it counts as
-// missing and is put back as a file of its own.
-TEST(BackupRun, RechecksNeverFollowLinksInTheFolder) {
-    Fixture f;
-    f.run();
-    std::string victim = ".qmv/Novel.md/history.log";
-    spit(f.dest / "elsewhere", slurp(f.copy(victim)));
-    fs::remove(f.copy(victim));
-    fs::create_symlink(f.dest / "elsewhere", f.copy(victim));
-    EXPECT_EQ(f.run(true).repaired, 1);
-    EXPECT_TRUE(fs::is_regular_file(fs::symlink_status(f.copy(victim))));
 }
 
 // The writing put back onto a new stick from a backup: missing files arrive verified, files the

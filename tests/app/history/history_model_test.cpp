@@ -1,9 +1,12 @@
 // The history chain on deck-written drives and on small hand-made histories: documents,
 // versions newest first, reading and comparing, restoring, and the texts on the way. Every
-// step runs in the background, so each test waits for the model to settle.
+// step runs in the background, so each test waits for the model to settle. The list models are
+// checked for consistent row signals all along.
 #include <gtest/gtest.h>
 
+#include <QAbstractItemModelTester>
 #include <QDir>
+#include <QItemSelectionModel>
 #include <QTest>
 #include <filesystem>
 
@@ -32,9 +35,17 @@ QString handMadeHistory(const TempDir& dir, const QString& doc, const QStringLis
 struct Tab {
     DriveSelection drives;
     HistoryModel m{&drives};
+    static constexpr auto kFatal = QAbstractItemModelTester::FailureReportingMode::Fatal;
+    QAbstractItemModelTester documents{m.documentList(), kFatal}, versions{m.versionList(), kFatal},
+        lines{m.diffLineList(), kFatal};
     int settled = 0;
     Tab() { QObject::connect(&m, &HistoryModel::settled, [this] { ++settled; }); }
-    void settle() { ASSERT_TRUE(QTest::qWaitFor([this] { return !m.busy(); }, 20000)); }
+    void settle() {
+        ASSERT_TRUE(QTest::qWaitFor([this] { return !m.busy(); }, 20000));
+        EXPECT_EQ(m.documentList()->rows(), m.documents());
+        EXPECT_EQ(m.versionList()->rows(), m.versions());
+        EXPECT_EQ(m.diffLineList()->rows(), m.diffLines());
+    }
     void pin(const QString& root) {
         drives.pin({QmVolume{root, "Q", true}});
         settle();
@@ -66,7 +77,7 @@ TEST(HistoryChain, DeckDriveListsDocumentsAndVersionsNewestFirst) {
 }
 
 TEST(HistoryChain, ReadingComparingAndTheirTexts) {
-    TempDir one, two;
+    TempDir one, two, three;
     Tab a;
     a.pin(handMadeHistory(one, "Notes.txt", {"a\nb\n"}, "a\nb\n"));
     EXPECT_EQ(a.m.status(), "1 version.");
@@ -92,18 +103,16 @@ TEST(HistoryChain, ReadingComparingAndTheirTexts) {
     EXPECT_EQ(b.m.text(), "x\ny\nz");
     EXPECT_TRUE(b.m.diffLines().isEmpty());
     EXPECT_EQ(b.m.status(), "2 versions.");  // the comparison no longer speaks of what is shown
-}
 
-TEST(HistoryChain, TextsTooLargeToCompareAreNotCalledIdentical) {
-    TempDir dir;
+    // Texts too large to compare are not called identical.
     QString old, now;
     for (int i = 0; i < 1500; ++i) old += QString("old line %1\n").arg(i), now += QString("new line %1\n").arg(i);
-    Tab t;
-    t.pin(handMadeHistory(dir, "Big.txt", {old}, now));
-    t.m.show(true);
-    t.settle();
-    EXPECT_EQ(t.m.status(), "These versions are too large to compare here.");
-    EXPECT_TRUE(t.m.diffLines().isEmpty());
+    Tab c;
+    c.pin(handMadeHistory(three, "Big.txt", {old}, now));
+    c.m.show(true);
+    c.settle();
+    EXPECT_EQ(c.m.status(), "These versions are too large to compare here.");
+    EXPECT_TRUE(c.m.diffLines().isEmpty());
 }
 
 TEST(HistoryChain, RestoreAddsASavedPoint) {
@@ -112,6 +121,8 @@ TEST(HistoryChain, RestoreAddsASavedPoint) {
     Tab t;
     t.pin(root);
     t.m.selectVersion(1);
+    QItemSelectionModel chosen(t.m.versionList());  // as a view holds it
+    chosen.select(t.m.versionList()->index(1), QItemSelectionModel::Select);
     EXPECT_FALSE(t.m.restoring());
     t.m.revert();
     EXPECT_TRUE(t.m.restoring());  // what quitting would leave running
@@ -121,7 +132,9 @@ TEST(HistoryChain, RestoreAddsASavedPoint) {
     EXPECT_EQ(t.m.status(), "4 versions.");
     ASSERT_EQ(v.size(), 4);
     EXPECT_EQ(v.first().id, 4);
-    EXPECT_EQ(HistoryModel::versionLabel(v.first()), "#4   " + v.first().when + "   saved point   reverted to version 1");
+    EXPECT_EQ(VersionList::label(v.first()), "#4   " + v.first().when + "   saved point   reverted to version 1");
+    ASSERT_EQ(chosen.selectedRows().size(), 1);  // the new row went in above it
+    EXPECT_EQ(chosen.selectedRows()[0].data(VersionList::IdRole), 2);
     EXPECT_EQ(History::liveDocument(root, "Notes.txt").text, "first");
     EXPECT_EQ(t.m.text(), "first");
     EXPECT_EQ(t.m.notice(), "Restored version 1 of “Notes.txt”, saved 2025-01-01 10:00:00; it is now version 4. "

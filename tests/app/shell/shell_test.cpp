@@ -4,10 +4,11 @@
 #include <filesystem>
 
 #include <QCheckBox>
+#include <QFileInfo>
 #include <QComboBox>
 #include <QLabel>
 #include <QSignalSpy>
-#include <QListWidget>
+#include <QListView>
 #include <QMessageBox>
 #include <QPushButton>
 #include <QTest>
@@ -52,7 +53,10 @@ TEST(StatsView, ShowsWhatTheModelHoldsAfterALoad) {
     StatsModel model(&drives);
     StatsTab tab(&model);
     EXPECT_EQ(tab.total("Writing sessions"), "—");
-    EXPECT_EQ(tab.findChild<QListWidget*>()->item(0)->text(), "No writing days recorded yet.");
+    auto* days = tab.findChild<QListView*>();
+    auto* noDays = days->findChild<QLabel*>();
+    EXPECT_EQ(noDays->text(), "No writing days recorded yet.");
+    EXPECT_TRUE(noDays->isVisibleTo(&tab));
     EXPECT_EQ(tab.findChild<QComboBox*>()->currentText(), "No drives found");
     drives.pin({QmVolume{deckDrive(dir, deck::StatsState::Normal), "SAMPLE", true}});
     EXPECT_FALSE(button(&tab, "Refresh")->isEnabled());  // while the drive is read
@@ -60,9 +64,9 @@ TEST(StatsView, ShowsWhatTheModelHoldsAfterALoad) {
     EXPECT_TRUE(button(&tab, "Refresh")->isEnabled());
     EXPECT_EQ(tab.total("Writing sessions"), QLocale().toString(model.summary()->sessions));
     EXPECT_EQ(tab.total("Writing time"), StatsTab::duration(model.summary()->write_secs));
-    auto* days = tab.findChild<QListWidget*>();
-    EXPECT_EQ(days->count(), model.days().size());
-    EXPECT_TRUE(days->item(0)->text().startsWith(StatsText::date(model.days().last().day)));
+    EXPECT_FALSE(noDays->isVisibleTo(&tab));
+    EXPECT_EQ(days->model()->rowCount(), model.days().size());
+    EXPECT_TRUE(days->model()->index(0, 0).data().toString().startsWith(StatsText::date(model.days().last().day)));
     EXPECT_EQ(tab.findChild<QComboBox*>()->currentText(), "SAMPLE");
 }
 
@@ -76,15 +80,15 @@ TEST(HistoryView, ListsFollowTheModelAndTheConfirmationGatesTheRestore) {
     EXPECT_FALSE(button(&tab, "Put this version back")->isEnabled());
     drives.pin({QmVolume{deckDrive(dir, deck::StatsState::Normal, 2), "SAMPLE", true}});
     settle();
-    QList<QListWidget*> lists = tab.findChildren<QListWidget*>();
-    QListWidget* docs = lists[0];
-    QListWidget* versions = lists[1];
-    EXPECT_EQ(docs->count(), 2);
-    EXPECT_EQ(versions->count(), model.versions().size());
-    EXPECT_EQ(versions->item(0)->text(), HistoryModel::versionLabel(model.versions().first()));
+    QList<QListView*> lists = tab.findChildren<QListView*>();
+    QListView* docs = lists[0];
+    QListView* versions = lists[1];
+    EXPECT_EQ(docs->model()->rowCount(), 2);
+    EXPECT_EQ(versions->model()->rowCount(), model.versions().size());
+    EXPECT_EQ(versions->model()->index(0, 0).data(), VersionList::label(model.versions().first()));
     int before = int(model.versions().size());
 
-    versions->setCurrentRow(before - 1);  // the oldest version
+    versions->setCurrentIndex(versions->model()->index(before - 1, 0));  // the oldest version
     EXPECT_EQ(model.selected(), model.versions().last().id);
     settle();
     QTest::mouseClick(button(&tab, "Put this version back"), Qt::LeftButton);
@@ -99,15 +103,17 @@ TEST(HistoryView, ListsFollowTheModelAndTheConfirmationGatesTheRestore) {
     for (QAbstractButton* b : tab.confirmation()->buttons())
         if (b->text() == "Put this version back") b->click();
     settle();
-    EXPECT_EQ(versions->count(), before + 1);  // what a restore adds is history_model_test's
+    EXPECT_EQ(versions->model()->rowCount(), before + 1);  // what a restore adds is history_model_test's
+    EXPECT_EQ(versions->currentIndex().row(), 0);           // the restored copy, chosen by the model
 
     QTest::mouseClick(button(&tab, "Compare with now"), Qt::LeftButton);
     settle();
-    QListWidget* comparison = lists[2];
-    ASSERT_GT(comparison->count(), 0);
-    EXPECT_EQ(comparison->item(0)->foreground().color(), HistoryTab::colourOf(model.diffLines()[0].op));
+    QListView* comparison = lists[2];
+    ASSERT_GT(comparison->model()->rowCount(), 0);
+    EXPECT_EQ(comparison->model()->index(0, 0).data(Qt::ForegroundRole),
+              DiffLineList::colourOf(model.diffLines()[0].op));
 
-    docs->setCurrentRow(1);
+    docs->setCurrentIndex(docs->model()->index(1, 0));
     settle();
     EXPECT_EQ(model.document(), model.documents()[1]);
 }
@@ -118,7 +124,8 @@ QLabel* labelWithText(QWidget* w, const QString& text) {
     return nullptr;
 }
 
-TEST(BackupView, ButtonsFollowTheDriveAndDestinationAndTheSettingsChooseThem) {
+// The tab and the settings over one model, through a real run, check, put-back and a failure.
+TEST(BackupView, FollowsTheModelThroughRunsAndTheSettingsChooseTheFolder) {
     BackupSettings::setDestination(QString());
     BackupSettings::setAutomatic(true);
     TempDir dir, dest;
@@ -128,8 +135,14 @@ TEST(BackupView, ButtonsFollowTheDriveAndDestinationAndTheSettingsChooseThem) {
     BackupTab tab(&model);
     SettingsModel updates;
     SettingsTab settings(&updates, &model);
+    std::optional<QUrl> opened;
+    model.setOpener([&](const QUrl& url) {
+        opened = url;
+        return true;
+    });
     EXPECT_TRUE(labelWithText(&tab, "No folder chosen"));
     for (const char* b : {"Back up now", "Check the copies", "Open the folder"}) EXPECT_FALSE(button(&tab, b)->isEnabled());
+    EXPECT_TRUE(model.revealFolder());  // a reason, nothing opened
 
     // Cloud folders are looked for off the main thread when the settings show; the view follows.
     TempDir home;
@@ -141,24 +154,60 @@ TEST(BackupView, ButtonsFollowTheDriveAndDestinationAndTheSettingsChooseThem) {
     EXPECT_TRUE(model.detecting());
     ASSERT_TRUE(changed.wait(10000));
     qputenv("HOME", oldHome);
-    EXPECT_FALSE(model.detecting());
     ASSERT_TRUE(button(&settings, "Dropbox"));
     EXPECT_TRUE(labelWithText(&settings, "Found on this computer  -  not installed: Dropbox"));  // no client here
 
-    settings.backupSection()->setFolderPicker([&](QWidget*, const QString&) { return QString::fromStdString(dest.path()); });
+    // The drive's folder is looked for off the main thread too; nothing is there to open yet.
+    const QString chosen = QString::fromStdString(dest.path()), folder = chosen + "/Quillmate/Q";
+    settings.backupSection()->setFolderPicker([&](QWidget*, const QString&) { return chosen; });
     QTest::mouseClick(button(&settings, "Choose a folder..."), Qt::LeftButton);
-    EXPECT_EQ(model.destination(), QString::fromStdString(dest.path()));
-    EXPECT_TRUE(labelWithText(&tab, QString::fromStdString(dest.path())));
+    EXPECT_EQ(model.destination(), chosen);
+    EXPECT_TRUE(labelWithText(&tab, chosen));
+    ASSERT_TRUE(QTest::qWaitFor([&] { return !model.detecting(); }, 10000));
+    EXPECT_EQ(model.folder(), folder);
     EXPECT_TRUE(button(&tab, "Back up now")->isEnabled());
-    EXPECT_FALSE(button(&tab, "Open the folder")->isEnabled());  // nothing there yet
+    EXPECT_FALSE(button(&tab, "Open the folder")->isEnabled());
+    EXPECT_TRUE(model.revealFolder());
+    EXPECT_FALSE(opened);
 
+    // A check before any copy says so, and makes no backup instead.
     QSignalSpy reported(&model, &BackupModel::reported);
-    QTest::mouseClick(button(&tab, "Back up now"), Qt::LeftButton);
-    EXPECT_FALSE(button(&tab, "Check the copies")->isEnabled());
+    QTest::mouseClick(button(&tab, "Check the copies"), Qt::LeftButton);
     ASSERT_TRUE(reported.wait(20000));
+    EXPECT_EQ(model.status(), BackupModel::kNothingToCheckStatus);
+    EXPECT_FALSE(QFileInfo::exists(chosen + "/Quillmate"));
+
+    QTest::mouseClick(button(&tab, "Back up now"), Qt::LeftButton);
+    EXPECT_EQ(model.status(), BackupModel::kCopyingStatus);
+    EXPECT_FALSE(button(&tab, "Check the copies")->isEnabled());
+    model.runNow(false);  // ignored while the first one runs
+    ASSERT_TRUE(reported.wait(20000));
+    EXPECT_FALSE(model.busy());
+    EXPECT_FALSE(model.progress());
+    EXPECT_TRUE(model.status().startsWith("Copied ")) << model.status().toStdString();
+    EXPECT_TRUE(model.status().contains("), each one verified.\n"));
+    EXPECT_TRUE(labelWithText(&tab, model.status()));
+    EXPECT_FALSE(model.warning());
     EXPECT_TRUE(button(&tab, "Check the copies")->isEnabled());
     EXPECT_TRUE(button(&tab, "Open the folder")->isEnabled());
-    EXPECT_TRUE(labelWithText(&tab, model.status()));
+    EXPECT_EQ(model.revealFolder(), std::nullopt);
+    EXPECT_EQ(opened, QUrl::fromLocalFile(folder));
+    model.setOpener([](const QUrl&) { return false; });
+    EXPECT_EQ(model.revealFolder(), "The file manager could not be started. The copies are in " + folder);
+
+    QTest::mouseClick(button(&tab, "Check the copies"), Qt::LeftButton);
+    EXPECT_EQ(model.status(), BackupModel::kCheckingStatus);
+    ASSERT_TRUE(reported.wait(20000));
+    EXPECT_TRUE(model.status().startsWith("Already up to date (")) << model.status().toStdString();
+
+    // The writing put back onto the stick after a loss: busy while it runs, then its outcome.
+    std::filesystem::remove(dir / "Novel.md");
+    model.restoreFrom(folder);
+    EXPECT_TRUE(model.busy());
+    EXPECT_EQ(model.status(), BackupModel::kRestoringStatus);
+    ASSERT_TRUE(reported.wait(20000));
+    EXPECT_TRUE(model.status().startsWith("Put back 1 file (")) << model.status().toStdString();
+    EXPECT_TRUE(std::filesystem::exists(dir / "Novel.md"));
 
     BackupResult failed;
     failed.failures = {"a.md: gone"};

@@ -5,7 +5,7 @@
 
 #include <QComboBox>
 #include <QLabel>
-#include <QListWidget>
+#include <QListView>
 #include <QPlainTextEdit>
 #include <QPushButton>
 #include <QTabWidget>
@@ -47,11 +47,7 @@ TEST(RealWindow, FrameGrowthHistoryStatusAndARemovedDrive) {
     w.activateWindow();
     ASSERT_TRUE(QTest::qWaitForWindowActive(&w));
     ASSERT_TRUE(QTest::qWaitFor([&] { return !app.busy(); }, 20000));
-    EXPECT_EQ(w.windowTitle(), "Quillmate");
-    QStringList labels;
-    for (int i = 0; i < w.tabs()->count(); ++i) labels << w.tabs()->tabText(i);
-    EXPECT_EQ(labels, (QStringList{"Install", "Statistics", "History", "Backup", "Account", "Settings"}));
-    EXPECT_EQ(w.tabs()->currentIndex(), 0);
+    EXPECT_EQ(w.tabs()->currentIndex(), 0);  // its title and tabs are window_under_xvfb's
     EXPECT_EQ(w.tabs()->size(), QSize(580, 560));  // opens at its smallest
     for (DriveHeader* header : w.findChildren<DriveHeader*>())
         EXPECT_EQ(header->findChild<QComboBox*>()->currentText(), "Deck");
@@ -59,9 +55,9 @@ TEST(RealWindow, FrameGrowthHistoryStatusAndARemovedDrive) {
     QWidget* history = w.tabs()->widget(2);
     auto* stats = qobject_cast<StatsTab*>(w.tabs()->widget(1));
     auto* text = history->findChild<QPlainTextEdit*>();
-    auto* documents = history->findChild<QListWidget*>();
+    auto* documents = history->findChild<QListView*>();
     ASSERT_TRUE(stats && text && documents);
-    EXPECT_EQ(documents->count(), 2);
+    EXPECT_EQ(documents->model()->rowCount(), 2);
     w.tabs()->setCurrentWidget(history);
     const QSize textBefore = text->size(), listBefore = documents->size();
     w.resize(w.width() + 420, w.height() + 240);
@@ -83,7 +79,7 @@ TEST(RealWindow, FrameGrowthHistoryStatusAndARemovedDrive) {
     ASSERT_TRUE(QTest::qWaitFor([&] { return app.drives.gone().has_value() && !app.busy(); }, 10000));
     const QString gone = DriveSelection::goneText("Deck");
     for (int tab : {1, 2, 3}) EXPECT_TRUE(showsText(w.tabs()->widget(tab), gone)) << "tab " << tab;
-    EXPECT_EQ(documents->count(), 0);
+    EXPECT_EQ(documents->model()->rowCount(), 0);
     EXPECT_TRUE(text->toPlainText().isEmpty());
     EXPECT_FALSE(stats->publishButton()->isEnabled());
 
@@ -92,7 +88,7 @@ TEST(RealWindow, FrameGrowthHistoryStatusAndARemovedDrive) {
     refresh->setFocus();
     ASSERT_TRUE(refresh->hasFocus());
     QTest::keyClick(refresh, Qt::Key_Return);
-    ASSERT_TRUE(QTest::qWaitFor([&] { return documents->count() == 2 && !app.busy(); }, 10000));
+    ASSERT_TRUE(QTest::qWaitFor([&] { return documents->model()->rowCount() == 2 && !app.busy(); }, 10000));
     EXPECT_FALSE(showsText(history, gone));
 }
 

@@ -2,7 +2,10 @@
 // heat map's calendar and colours.
 #include <gtest/gtest.h>
 
+#include <QAbstractItemModelTester>
 #include <QFile>
+#include <QItemSelectionModel>
+#include <QSignalSpy>
 #include <QTest>
 #include <filesystem>
 
@@ -21,6 +24,8 @@ const QString kUnreadable =
 void loadPinned(DriveSelection& drives, StatsModel& m, const QList<QmVolume>& volumes) {
     drives.pin(volumes);
     EXPECT_TRUE(m.busy());
+    m.rescan();
+    EXPECT_FALSE(drives.scanning());  // Refresh is ignored while a load runs
     ASSERT_TRUE(QTest::qWaitFor([&] { return !m.busy(); }, 20000));
 }
 
@@ -57,13 +62,11 @@ TEST(StatsModelStatus, EachDriveStateSaysWhereTheFiguresCameFrom) {
 // No drive, and a drive gone before its load (the window's test removes one under the figures):
 // the status says which, and nothing of the drive stays on show.
 TEST(StatsModelStatus, NoDriveAndADriveThatHasGone) {
-    DriveSelection none;
-    StatsModel idle(&none);
-    EXPECT_EQ(idle.status(), "Plug in a Quillmate drive and press Refresh.");
     TempDir dir;
     QString root = deckDrive(dir, deck::StatsState::Normal);
     DriveSelection drives;
     StatsModel m(&drives);
+    EXPECT_EQ(m.status(), "Plug in a Quillmate drive and press Refresh.");
     std::filesystem::remove_all(dir.path());
     drives.pin({QmVolume{root, "Q", true}});
     EXPECT_TRUE(QTest::qWaitFor(
@@ -74,14 +77,47 @@ TEST(StatsModelStatus, NoDriveAndADriveThatHasGone) {
     EXPECT_FALSE(m.selection());  // nothing left to publish
 }
 
-TEST(StatsModelLoading, AnOvertakenLoadIsDroppedAndRefreshWaitsForTheLoad) {
+TEST(StatsModelLoading, DestroyingTheModelDuringALoadIsSafe) {
+    TempDir dir;
+    DriveSelection drives;
+    auto* m = new StatsModel(&drives);
+    drives.pin({QmVolume{deckDrive(dir, deck::StatsState::Normal), "Q", true}});
+    ASSERT_TRUE(m->busy());
+    delete m;                              // waits for the running read, delivers nothing
+    QCoreApplication::sendPostedEvents();  // no late delivery may reach the deleted model
+    EXPECT_TRUE(QFile::exists(QString::fromStdString(dir / "stats.db")));
+}
+
+// A reload of the same drive changes the day list row by row, so a view keeps its selection; a load
+// overtaken by another is dropped.
+TEST(StatsModelLoading, ReloadsKeepTheDaySelectionAndOvertakenLoadsAreDropped) {
     TempDir a, b;
     DriveSelection drives;
     StatsModel m(&drives);
-    QString first = deckDrive(a, deck::StatsState::Normal), second = deckDrive(b, deck::StatsState::KeyOnly);
-    drives.pin({QmVolume{first, "A", true}, QmVolume{second, "B", true}});
-    ASSERT_TRUE(m.busy());
-    m.rescan();  // ignored while busy: the selection stays on the second drive chosen below
+    QAbstractItemModelTester tester(m.dayList(), QAbstractItemModelTester::FailureReportingMode::Fatal);
+    QItemSelectionModel chosen(m.dayList());
+    QSignalSpy inserted(m.dayList(), &QAbstractItemModel::rowsInserted);
+    QString first = deckDrive(a, deck::StatsState::Normal, 0, 6), second = deckDrive(b, deck::StatsState::KeyOnly);
+    loadPinned(drives, m, {QmVolume{first, "A", true}, QmVolume{second, "B", true}});
+    ASSERT_EQ(m.dayList()->rowCount(), 6);
+    chosen.select(m.dayList()->index(1), QItemSelectionModel::Select);
+    const QVariant day = chosen.selectedRows()[0].data(DayList::DayRole);
+    inserted.clear();
+
+    deck::StatsOptions more;
+    more.seed = 5;
+    more.days = 8;  // the same days and two older ones
+    ASSERT_EQ(deck::write_statistics(a.path(), more, true), "");
+    m.load();
+    ASSERT_TRUE(QTest::qWaitFor([&] { return !m.busy(); }, 20000));
+    ASSERT_EQ(m.dayList()->rowCount(), 8);
+    ASSERT_EQ(inserted.count(), 1);  // no reset: a view learns of rows this way
+    EXPECT_EQ(inserted[0].mid(1), (QVariantList{6, 7}));
+    ASSERT_EQ(chosen.selectedRows().size(), 1);
+    EXPECT_EQ(chosen.selectedRows()[0].data(DayList::DayRole), day);
+    for (int row = 0; row < 8; ++row) EXPECT_EQ(m.dayList()->rows()[row], m.days()[7 - row]);  // newest first
+
+    m.load();
     m.select(second);
     int loads = 0;
     QObject::connect(&m, &StatsModel::loaded, [&] { ++loads; });
@@ -90,17 +126,7 @@ TEST(StatsModelLoading, AnOvertakenLoadIsDroppedAndRefreshWaitsForTheLoad) {
     EXPECT_EQ(m.selection(), second);
     EXPECT_EQ(m.status(), kNoStats);
     EXPECT_FALSE(m.summary());
-}
-
-TEST(StatsModelLoading, DestroyingTheModelDuringALoadIsSafe) {
-    TempDir dir;
-    DriveSelection drives;
-    auto* m = new StatsModel(&drives);
-    drives.pin({QmVolume{deckDrive(dir, deck::StatsState::Normal), "Q", true}});
-    ASSERT_TRUE(m->busy());
-    delete m;                                  // waits for the running read, delivers nothing
-    QTest::qWait(50);                          // no late delivery may reach the deleted model
-    EXPECT_TRUE(QFile::exists(QString::fromStdString(dir / "stats.db")));
+    EXPECT_EQ(m.dayList()->rowCount(), 0);
 }
 
 TEST(StatsText, DurationAtItsBoundaries) {

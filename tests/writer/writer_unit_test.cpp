@@ -1,10 +1,14 @@
-// The size check against stand-ins for sticks that claim more than their flash: past the real size
-// addresses wrap, or writes vanish. Writes wait in a cache until flush(), as in the page cache.
+// The writer's checks of the disk: the size check against stand-ins for sticks that claim more
+// than their flash (past the real size addresses wrap, or writes vanish; writes wait in a cache
+// until flush(), as in the page cache), and the read-back after the write.
 #include <gtest/gtest.h>
+#include <fcntl.h>
+#include <cstdlib>
 #include <cstring>
 #include <map>
 
 #include "capacity_check.h"
+#include "verify.h"
 #include "writer_error.h"
 
 constexpr uint64_t kPage = 4096, kGiB = 1ull << 30;
@@ -52,5 +56,24 @@ TEST(WriterCapacityCheck, RefusesWhatDoesNotHoldAndLeavesEveryDiskAsItWas) {
         EXPECT_NE(error.find(c.says), std::string::npos) << error;
         EXPECT_TRUE(stick.cache.empty());
         for (const auto& [place, page] : stick.flash) EXPECT_TRUE(page == FakeStick::old_content(place)) << place;
+    }
+}
+
+// What is read back must hash as what was written; a disk that returns other bytes fails the write.
+TEST(WriterVerify, FailsWhenTheBytesReadBackDiffer) {
+    char path[] = "/tmp/qm-verify-XXXXXX";
+    OpenTarget disk{FileDescriptor(mkstemp(path))};
+    unlink(path);
+    const std::string written(3 * kMiB + 100, 'w');
+    ASSERT_EQ(pwrite(disk.fd.get(), written.data(), written.size(), 0), ssize_t(written.size()));
+    for (const std::string& sent : {written, std::string(written).replace(kMiB, 1, "x")}) {
+        ContentHash hash;
+        hash.update(reinterpret_cast<const uint8_t*>(sent.data()), sent.size());
+        std::string error;
+        try { verify_written(disk, sent.size(), hash.digest()); } catch (const WriterError& e) { error = e.what(); }
+        EXPECT_EQ(error.empty(), sent == written) << error;
+        if (sent != written) {
+            EXPECT_NE(error.find("differs from the image"), std::string::npos) << error;
+        }
     }
 }

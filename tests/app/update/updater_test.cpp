@@ -57,11 +57,7 @@ std::map<QString, QString> tree(const QString& root) {
         ::lstat(QFile::encodeName(f.filePath()).constData(), &st);
         QString what = QString::number(st.st_mode, 8);
         if (f.isSymLink()) what += " -> " + f.symLinkTarget();
-        else if (f.isFile()) {
-            QFile file(f.filePath());
-            file.open(QIODevice::ReadOnly);
-            what += " " + QString::fromLatin1(file.readAll().toHex());
-        }
+        else if (f.isFile()) what += " " + QByteArray::fromStdString(slurp(f.filePath().toStdString())).toHex();
         t[QDir(root).relativeFilePath(f.filePath())] = what;
     }
     return t;
@@ -93,18 +89,13 @@ protected:
     QString dir(const QString& rel) const { return QString::fromStdString(root_ / rel.toStdString()); }
     QString bundle() const { return dir("opt/" + kApp); }
     QString readKey(const QString& name) const {
-        QFile f(dir("keys/" + name + ".pub"));
-        return f.open(QIODevice::ReadOnly) ? QString::fromLatin1(f.readAll()).trimmed() : QString();
+        return QString::fromStdString(slurp(dir("keys/" + name + ".pub").toStdString())).trimmed();
     }
     void installBundle(const QString& where, const std::vector<Planned>& entries) {
         for (const Planned& e : entries) {
-            QString path = where + "/" + QString::fromStdString(e.path);
-            QDir().mkpath(QFileInfo(path).absolutePath());
-            QFile f(path);
-            ASSERT_TRUE(f.open(QIODevice::WriteOnly));
-            f.write(e.data.data(), qint64(e.data.size()));
-            f.close();
-            ::chmod(QFile::encodeName(path).constData(), e.perm);
+            const std::string path = where.toStdString() + "/" + e.path;
+            spit(path, e.data);
+            ASSERT_TRUE(::chmod(path.c_str(), e.perm) == 0 && slurp(path) == e.data) << path;
         }
     }
 
@@ -136,11 +127,8 @@ protected:
             else args[at + 1] = signAs[i + 1];
         }
         EXPECT_EQ(runProgram(args, {}, "/dev/null"), 0);
-        QFile f(json);
-        f.open(QIODevice::ReadOnly);
-        QJsonObject o = QJsonDocument::fromJson(f.readAll()).object();
-        if (signAs.contains("--channel") || signAs.contains("--version") || signAs.contains("--platform"))
-            f.remove();  // a signature for another release must not be served
+        QJsonObject o = QJsonDocument::fromJson(QByteArray::fromStdString(slurp(json.toStdString()))).object();
+        if (signAs.contains("--channel")) QFile::remove(json);  // a signature for another release must not be served
         return {o["version"].toString(), o["notes"].toString(), o["filename"].toString(), o["url"].toString(),
                 qint64(o["size"].toDouble()), o["sha256"].toString(), o["signature"].toString(),
                 o["mandatory"].toBool()};

@@ -105,10 +105,8 @@ TEST_F(QmRelease, KeygenWritesAPrivateKeyWithItsPublicHalfAndNeverReplacesEither
     ASSERT_EQ(r.status, 0) << r.err;
     EXPECT_EQ(r.out, "k.key\nk.pub\n");
     EXPECT_EQ(mode_of(at("k.key")), 0600u);
-    std::string secret = slurp(at("k.key")), pub = slurp(at("k.pub"));
-    ASSERT_EQ(secret.size(), 129u);
-    EXPECT_EQ(pub, secret.substr(64));  // the public half stored after the seed
-    EXPECT_EQ(pub.find_first_not_of("0123456789abcdef"), 64u);
+    // That the public half verifies what the private one signs is the updater tests' good path.
+    const std::string secret = slurp(at("k.key"));
 
     Ran again = run("keygen --out k");
     EXPECT_EQ(again.status, 1);

@@ -32,17 +32,6 @@ const QStringList kTopFiles = {QStringLiteral("stats.db"), QStringLiteral("stats
 constexpr int kListedFailures = 5;  // a longer list names the first few and counts the rest
 
 // Closes a descriptor when it goes out of scope.
-struct Fd {
-    int fd = -1;
-    explicit Fd(int f) : fd(f) {}
-    ~Fd() {
-        if (fd >= 0) ::close(fd);
-    }
-    Fd(const Fd&) = delete;
-    Fd& operator=(const Fd&) = delete;
-    explicit operator bool() const { return fd >= 0; }
-};
-
 QString listed(const QStringList& lines) {
     QStringList shown = lines.mid(0, kListedFailures);
     if (lines.size() > kListedFailures) shown << QStringLiteral("and %1 more").arg(lines.size() - kListedFailures);
@@ -82,13 +71,13 @@ bool makePrivateFolder(const QString& folder) {
 // One of the drive's own files into the set's files/ folder.
 std::optional<KeptFile> keepOne(int driveFd, const QString& rel, const QString& filesFolder) {
     QByteArray relBytes = QFile::encodeName(rel);
-    Fd from(DriveTree::openFile(driveFd, relBytes));
+    UniqueFd from(DriveTree::openFile(driveFd, relBytes));
     if (!from) return std::nullopt;
     QString target = filesFolder + u'/' + rel;
     if (!makePrivateFolder(QFileInfo(target).absolutePath())) return std::nullopt;
-    Fd folder(DriveTree::openRoot(QFileInfo(target).absolutePath()));
+    UniqueFd folder(DriveTree::openRoot(QFileInfo(target).absolutePath()));
     VerifiedCopy::Copied copied;
-    if (!folder || copyPrivately(from.fd, folder.fd, QFile::encodeName(QFileInfo(target).fileName()), std::nullopt,
+    if (!folder || copyPrivately(from.get(), folder.get(), QFile::encodeName(QFileInfo(target).fileName()), std::nullopt,
                                  copied) != VerifiedCopy::Outcome::Verified)
         return std::nullopt;
     return KeptFile{rel, copied.sha256, copied.bytes};
@@ -153,24 +142,24 @@ QString backupProblem(const BackupResult& r) {
 // Puts one kept file on the drive; a line for the user when that did not work.
 std::optional<QString> putOne(const KeptSet& set, const KeptFile& file, int driveFd) {
     QByteArray kept = QFile::encodeName(set.folder + u'/' + kFilesFolder + u'/' + file.rel);
-    Fd from(RegularFile::openNoFollow(AT_FDCWD, kept.constData()));
-    if (!from || FileHash::ofDescriptor(from.fd) != file.sha256)
+    UniqueFd from(RegularFile::openNoFollow(AT_FDCWD, kept.constData()));
+    if (!from || FileHash::ofDescriptor(from.get()) != file.sha256)
         return file.rel + QStringLiteral(" (the copy kept on this computer is missing or damaged)");
     QByteArray rel = QFile::encodeName(file.rel), leaf;
     if (rel.startsWith(".qm/")) ::mkdirat(driveFd, ".qm", 0700);  // as the deck makes it; may be there already
-    Fd parent(DriveTree::openParentMaking(driveFd, rel, leaf));
+    UniqueFd parent(DriveTree::openParentMaking(driveFd, rel, leaf));
     if (!parent) return file.rel + QStringLiteral(" (its folder could not be made on the stick)");
     struct stat st {};
-    if (::fstatat(parent.fd, leaf.constData(), &st, AT_SYMLINK_NOFOLLOW) == 0) {
+    if (::fstatat(parent.get(), leaf.constData(), &st, AT_SYMLINK_NOFOLLOW) == 0) {
         // A stick that already has its own (the deck started on it first) keeps it: replacing a
         // key or statistics that belong together with others would break both.
-        Fd there(RegularFile::openNoFollow(parent.fd, leaf.constData()));
-        if (there && FileHash::ofDescriptor(there.fd) == file.sha256) return std::nullopt;
+        UniqueFd there(RegularFile::openNoFollow(parent.get(), leaf.constData()));
+        if (there && FileHash::ofDescriptor(there.get()) == file.sha256) return std::nullopt;
         return file.rel + QStringLiteral(" (the stick already holds a different one; it was left as it is)");
     }
     VerifiedCopy::Copied copied;
-    switch (copyPrivately(from.fd, parent.fd, leaf, file.sha256, copied)) {
-        case VerifiedCopy::Outcome::Verified: ::fsync(parent.fd); return std::nullopt;
+    switch (copyPrivately(from.get(), parent.get(), leaf, file.sha256, copied)) {
+        case VerifiedCopy::Outcome::Verified: ::fsync(parent.get()); return std::nullopt;
         case VerifiedCopy::Outcome::SourceUnreadable:
         case VerifiedCopy::Outcome::SourceDamaged:
             return file.rel + QStringLiteral(" (the copy kept on this computer is missing or damaged)");
@@ -222,10 +211,10 @@ Kept keep(const Plan& plan, const QString& keptRoot, const Backup::RunOptions& o
     std::optional<QString> folder = newSetFolder(keptRoot, set.made);
     if (!folder) return {std::nullopt, couldNotKeep + QStringLiteral(" (") + keptRoot + QStringLiteral(").")};
     set.folder = *folder;
-    Fd drive(DriveTree::openRoot(plan.volume.path));
+    UniqueFd drive(DriveTree::openRoot(plan.volume.path));
     QStringList missed;
     for (const QString& rel : ownFiles(plan.volume.path)) {
-        std::optional<KeptFile> kept = drive ? keepOne(drive.fd, rel, set.folder + u'/' + kFilesFolder) : std::nullopt;
+        std::optional<KeptFile> kept = drive ? keepOne(drive.get(), rel, set.folder + u'/' + kFilesFolder) : std::nullopt;
         if (kept)
             set.files.append(*kept);
         else
@@ -240,11 +229,11 @@ Kept keep(const Plan& plan, const QString& keptRoot, const Backup::RunOptions& o
 }
 
 PutBack putBack(const KeptSet& set, const QString& driveRoot, const Backup::RunOptions& options) {
-    Fd drive(DriveTree::openRoot(driveRoot));
+    UniqueFd drive(DriveTree::openRoot(driveRoot));
     if (!drive) return {false, QStringLiteral("The stick could not be opened at ") + driveRoot + u'.'};
     QStringList failures;
     for (const KeptFile& f : set.files)
-        if (std::optional<QString> failure = putOne(set, f, drive.fd)) failures << *failure;
+        if (std::optional<QString> failure = putOne(set, f, drive.get())) failures << *failure;
     RestoreResult restored = Backup::restore(set.backupFolder, driveRoot, options);
     if (restored.error)
         failures.prepend(restored.summary());

@@ -15,6 +15,8 @@
 #include <unordered_map>
 #include <utility>
 
+#include "regular_file.h"
+
 namespace {
 
 // No bundle nests anywhere near this deep; the bound keeps removing a tree to a few descriptors.
@@ -129,30 +131,6 @@ public:
 private:
     locale_t locale_;
     locale_t previous_ = nullptr;
-};
-
-class Fd {
-public:
-    explicit Fd(int fd = -1) : fd_(fd) {}
-    Fd(Fd&& other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
-    Fd& operator=(Fd&& other) noexcept {
-        if (this != &other) {
-            reset();
-            fd_ = std::exchange(other.fd_, -1);
-        }
-        return *this;
-    }
-    ~Fd() { reset(); }
-    int get() const { return fd_; }
-    bool valid() const { return fd_ >= 0; }
-    int release() { return std::exchange(fd_, -1); }
-    void reset() {
-        if (fd_ >= 0) ::close(fd_);
-        fd_ = -1;
-    }
-
-private:
-    int fd_;
 };
 
 struct ArchiveReader {
@@ -297,7 +275,7 @@ public:
         for (const auto& [path, mode] : folderModes_) {
             std::string leaf;
             int parent = openParent(path, &leaf, false);
-            Fd folder(parent < 0 ? -1 : ::openat(parent, leaf.c_str(), kFolderFlags));
+            UniqueFd folder(parent < 0 ? -1 : ::openat(parent, leaf.c_str(), kFolderFlags));
             if (!folder.valid() || ::fchmod(folder.get(), mode) != 0)
                 return errnoText(shown(path) + ": cannot set its mode");
         }
@@ -314,7 +292,7 @@ private:
         const std::string folderPath = path.substr(0, slash);
         if (cached_.valid() && cachedPath_ == folderPath) return cached_.get();
         cached_.reset();
-        Fd current;
+        UniqueFd current;
         std::string walked;
         for (std::string_view part : components(folderPath)) {
             const std::string name(part);
@@ -327,7 +305,7 @@ private:
                 fd = ::openat(at, name.c_str(), kFolderFlags);
             }
             if (fd < 0) return -1;
-            current = Fd(fd);
+            current = UniqueFd(fd);
         }
         cached_ = std::move(current);
         cachedPath_ = folderPath;
@@ -349,7 +327,7 @@ private:
 
     Reason writeFile(archive* a, int parent, const std::string& leaf, const ArchiveEntryInfo& entry) {
         const std::string& path = entry.path;
-        Fd file(::openat(parent, leaf.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
+        UniqueFd file(::openat(parent, leaf.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
         if (!file.valid()) return errnoText(shown(path) + ": cannot create");
         uint64_t end = 0;
         Reason why = forEachBlock(a, path, [&](const void* block, size_t length, uint64_t offset) -> Reason {
@@ -374,7 +352,7 @@ private:
     Reason makeHardlink(int parent, const std::string& leaf, const std::string& path, const std::string& target) {
         // The target's folder is walked like any other (the parent descriptor may be reused, so
         // it is duplicated first); linkat without AT_SYMLINK_FOLLOW never follows a link.
-        Fd here(::fcntl(parent, F_DUPFD_CLOEXEC, 0));
+        UniqueFd here(::fcntl(parent, F_DUPFD_CLOEXEC, 0));
         std::string targetLeaf;
         int targetParent = here.valid() ? openParent(target, &targetLeaf, false) : -1;
         if (targetParent < 0 || ::linkat(targetParent, targetLeaf.c_str(), here.get(), leaf.c_str(), 0) != 0)
@@ -384,7 +362,7 @@ private:
 
     int root_;
     uint64_t bytesLeft_;
-    Fd cached_;
+    UniqueFd cached_;
     std::string cachedPath_;
     std::unordered_map<std::string, unsigned> folderModes_;
 };
@@ -487,7 +465,7 @@ std::optional<std::string> refuseEntries(const std::vector<ArchiveEntryInfo>& en
 }
 
 std::optional<std::string> unpackArchive(int fd, const std::string& scratchDir, const UnpackLimits& limits) {
-    Fd root(::open(scratchDir.c_str(), kFolderFlags));
+    UniqueFd root(::open(scratchDir.c_str(), kFolderFlags));
     if (!root.valid()) return errnoText("cannot open the scratch folder");
     if (auto why = notEmptyFolder(root.get())) return why;
     Utf8Names utf8;

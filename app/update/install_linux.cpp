@@ -3,7 +3,6 @@
 // the unpacked bundle naming exactly the signed version and the key this copy trusts.
 #include <fcntl.h>
 #include <signal.h>
-#include <spawn.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -19,6 +18,7 @@
 #include <vector>
 
 #include "archive_unpack.h"
+#include "child_process.h"
 #include "folder_swap.h"
 #include "qm_core.h"
 #include "restart_state.h"
@@ -95,17 +95,8 @@ pid_t relaunch(const QString& program, const QString& version, const RestartRequ
     for (const QString& a : restart.arguments) args.push_back(local(a));
     std::vector<std::string> env = restartEnvironment(restart, startedFlag);
     std::vector<char*> argv = pointers(args), envp = pointers(env);
-    posix_spawnattr_t attr;
-    posix_spawnattr_init(&attr);
-    posix_spawnattr_setflags(&attr, POSIX_SPAWN_SETSID);
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
-    pid_t pid = 0;
-    if (posix_spawn(&pid, argv[0], &actions, &attr, argv.data(), envp.data()) != 0) pid = 0;
-    posix_spawn_file_actions_destroy(&actions);
-    posix_spawnattr_destroy(&attr);
-    return pid;
+    pid_t pid = ChildProcess::spawnDetached(argv.data(), envp.data());
+    return pid < 0 ? 0 : pid;
 }
 
 bool exists(const std::string& path) {

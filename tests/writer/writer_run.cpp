@@ -42,39 +42,30 @@ std::vector<std::string> writer_argv(const std::vector<std::string>& args, const
     return argv;
 }
 
-int run_with_env(const std::vector<std::string>& argv, const std::vector<std::string>& env, std::string* out) {
+}  // namespace
+
+int run_command(const std::vector<std::string>& argv, std::string* out, const std::vector<std::string>& env) {
     int fd = -1;
     pid_t pid = spawn(argv, &fd, env);
+    std::string collected;
     for (char buf[65536]; ssize_t n = read(fd, buf, sizeof buf);) {
         if (n < 0) break;
-        out->append(buf, static_cast<size_t>(n));
+        collected.append(buf, static_cast<size_t>(n));
     }
     close(fd);
     int status = 0;
     waitpid(pid, &status, 0);
-    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-}
-
-}  // namespace
-
-int run_command(const std::vector<std::string>& argv, std::string* out) {
-    std::string collected;
-    int code = run_with_env(argv, {}, &collected);
     if (out) *out = std::move(collected);
-    return code;
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }
 
 WriterRun run_writer(const std::vector<std::string>& args, const std::vector<std::string>& env, const char* writer) {
     std::string out;
     WriterRun run;
-    run.exit_code = run_with_env(writer_argv(args, writer), env, &out);
+    run.exit_code = run_command(writer_argv(args, writer), &out, env);
     std::istringstream in(out);
     for (std::string line; std::getline(in, line);) run.lines.push_back(line);
     return run;
-}
-
-WriterRun run_installed_writer(const std::vector<std::string>& args) {
-    return run_writer(args, {}, QM_INSTALLED_WRITER_PATH);
 }
 
 std::string WriterRun::err_line() const {

@@ -11,18 +11,18 @@ struct WriterRun {
     bool done() const { return !lines.empty() && lines.back() == "DONE"; }
 };
 
-// qm-writer-test, which also takes loop devices and files; `env` adds "NAME=value" entries.
+// qm-writer-test, which also takes loop devices and files, or the writer as it lies in the app's resources
+// (QM_INSTALLED_WRITER_PATH); `env` adds "NAME=value" entries.
 WriterRun run_writer(const std::vector<std::string>& args, const std::vector<std::string>& env = {},
                      const char* writer = QM_WRITER_PATH);
-// The writer as it lies in the app's resources.
-WriterRun run_installed_writer(const std::vector<std::string>& args);
 
 // Starts the writer and kills it outright once it reports `bytes` written but not all: the
 // total it reported then, or 0 when it finished or failed before that point.
 uint64_t kill_writer_midway(const std::vector<std::string>& args, uint64_t bytes);
 
-// Runs a command without a shell; returns its exit code and, if asked, its stdout.
-int run_command(const std::vector<std::string>& argv, std::string* out = nullptr);
+// Runs a command without a shell, `env` added; returns its exit code and, if asked, its stdout.
+int run_command(const std::vector<std::string>& argv, std::string* out = nullptr,
+                const std::vector<std::string>& env = {});
 
 std::string gunzip(const std::string& gz_path);
 std::string read_prefix(const std::string& path, size_t bytes);

@@ -56,21 +56,15 @@ bool is_root() { return geteuid() == 0; }
 
 }  // namespace
 
-// Random bytes do not compress, so this image is too large to be sized from its trailer
-// alone and is decoded once to count its bytes.
-std::string make_incompressible_image(const TempDir& dir) {
-    std::mt19937_64 random(7);
-    std::string bytes(6 * kMiB + 123, '\0');
-    for (auto& b : bytes) b = static_cast<char>(random());
-    write_gzip_with_zero_tail(dir / "random.img.gz", bytes, 0);
-    return dir / "random.img.gz";
-}
-
 TEST(WriterToFile, EachImageWithEachInflaterMatchesGunzip) {
     TempDir dir;
-    std::vector<std::string> images;
+    std::vector<std::string> images{dir / "random.img.gz"};
     for (const auto& name : kImages) images.push_back(sample(name));
-    images.push_back(make_incompressible_image(dir));
+    // Random bytes do not compress: too large to size from its trailer alone, it is decoded once to count them.
+    std::mt19937_64 random(7);
+    std::string noise(6 * kMiB + 123, '\0');
+    for (auto& b : noise) b = static_cast<char>(random());
+    write_gzip_with_zero_tail(images[0], noise, 0);
     for (const auto& image : images) {
         std::string expected = gunzip(image);
         for (const auto& inflater : kInflaters) {
@@ -156,8 +150,8 @@ TEST(WriterRefuses, TargetsThatAreNotDisks) {
     std::filesystem::create_symlink(sample("bios_fat32"), dir / "link.img.gz");
     std::filesystem::create_directory_symlink(QM_SAMPLE_IMAGE_DIR, dir / "images");
     const std::string image = sample("bios_fat32");
-    enum Writer { Installed, Test };
-    const struct { Writer writer; std::vector<std::string> args; const char* says; } cases[] = {
+    const char *const Installed = QM_INSTALLED_WRITER_PATH, *const Test = QM_WRITER_PATH;
+    const struct { const char* writer; std::vector<std::string> args; const char* says; } cases[] = {
         {Installed, {image, dir / "file.img"}, "not a disk"},
         {Installed, {"--allow-regular-file", image, dir / "file.img"}, "usage"},
         {Installed, {"--inflater=zlib", image, dir / "file.img"}, "usage"},
@@ -176,7 +170,7 @@ TEST(WriterRefuses, TargetsThatAreNotDisks) {
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.args.back());
-        WriterRun run = c.writer == Installed ? run_installed_writer(c.args) : run_writer(c.args);
+        WriterRun run = run_writer(c.args, {}, c.writer);
         EXPECT_NE(run.exit_code, 0);
         ASSERT_EQ(run.lines.size(), 1u) << "nothing but the error";
         EXPECT_NE(run.err_line().find(c.says), std::string::npos) << run.err_line();
@@ -243,15 +237,16 @@ TEST_F(WriterOnLoopDevice, RefusesUnsuitableDisksWithoutWriting) {
         std::vector<std::string> losetup_flags;
         bool hold_open_exclusively;
         std::vector<std::string> says;
-        bool installed_writer = false;  // which takes no loop device, with or without switches
+        const char* writer = QM_WRITER_PATH;  // the installed one takes no loop device, with or without switches
         std::string image = sample("uefi_fat32");
     } cases[] = {
         {"too small", 32 * kMiB, {}, false, {"too small", std::to_string(32 * kMiB), std::to_string(image_size)}},
         {"too small for an image whose trailer says 1 MiB", 64 * kMiB, {}, false,
-         {"too small", std::to_string(kOver4GiB)}, false, cached_zero_image(kOver4GiB)},
+         {"too small", std::to_string(kOver4GiB)}, QM_WRITER_PATH, cached_zero_image(kOver4GiB)},
         {"read-only", 64 * kMiB, {"-r"}, false, {"write-protected", "lock switch"}},
         {"in use", 64 * kMiB, {}, true, {"busy"}},
-        {"a loop device, to the installed writer", 64 * kMiB, {}, false, {"neither a USB drive nor an SD card"}, true},
+        {"a loop device, to the installed writer", 64 * kMiB, {}, false, {"neither a USB drive nor an SD card"},
+         QM_INSTALLED_WRITER_PATH},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
@@ -259,8 +254,7 @@ TEST_F(WriterOnLoopDevice, RefusesUnsuitableDisksWithoutWriting) {
         std::string before = slurp(dir_ / "disk");
         LoopDevice loop(dir_ / "disk", c.losetup_flags);
         int holder = c.hold_open_exclusively ? open(loop.path().c_str(), O_RDONLY | O_EXCL) : -1;
-        WriterRun run = c.installed_writer ? run_installed_writer({c.image, loop.path()})
-                                           : run_writer({c.image, loop.path()});
+        WriterRun run = run_writer({c.image, loop.path()}, {}, c.writer);
         if (holder >= 0) close(holder);
         EXPECT_NE(run.exit_code, 0);
         EXPECT_FALSE(run.done());
@@ -364,8 +358,7 @@ TEST_F(WriterOnLoopDevice, ByIdNameWritesOnlyTheDiskItStillLeadsTo) {
 }
 
 TEST_F(WriterOnLoopDevice, RefusesAPartition) {
-    spit(dir_ / "disk.gz", slurp(sample("bios_fat32")));
-    std::string disk = gunzip(dir_ / "disk.gz");
+    const std::string disk = gunzip(sample("bios_fat32"));
     spit(dir_ / "disk", disk);
     LoopDevice loop(dir_ / "disk", {"-P"});
     std::string partition = loop.path() + "p1";

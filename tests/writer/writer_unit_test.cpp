@@ -19,7 +19,7 @@ struct FakeStick : ProbedDisk {
     std::map<uint64_t, std::string> flash, cache;  // 4 KiB pages by place in the flash, by offset
 
     FakeStick(Kind k, uint64_t r) : kind(k), real(r) {}
-    static std::string old_content(uint64_t place) { return std::string(kPage, static_cast<char>(place / kPage % 251)); }
+    static std::string old_content(uint64_t p) { return std::string(kPage, static_cast<char>(p / kPage % 251)); }
     uint64_t place(uint64_t p) const { return kind == Wraps ? p % real : p; }
     void read(uint8_t* data, size_t length, uint64_t offset) override {
         for (uint64_t p = offset; p < offset + length; p += kPage, data += kPage) {
@@ -42,9 +42,12 @@ struct FakeStick : ProbedDisk {
 TEST(WriterCapacityCheck, RefusesWhatDoesNotHoldAndLeavesEveryDiskAsItWas) {
     const struct { Kind kind; uint64_t claimed, real; const char* says; } cases[] = {
         {Honest, 64'000'000'000, 0, ""}, {Honest, 64 * kMiB + 512, 0, ""},
-        {Wraps, 64'000'000'000, 8 * kGiB, "only about 8.6 GB of its 64.0 GB work (what is written past that lands on earlier data)"},
-        {Wraps, 64 * kMiB, 16 * kMiB, "only about 17 MB of its 67 MB work"}, {Wraps, 32'000'000'000, kMiB, "only about 1 MB of"},
-        {Drops, 64'000'000'000, 7'800'000'000, "only about 7.5 GB of its 64.0 GB work (what is written past that is lost)"},
+        {Wraps, 64'000'000'000, 8 * kGiB,
+         "only about 8.6 GB of its 64.0 GB work (what is written past that lands on earlier data)"},
+        {Wraps, 64 * kMiB, 16 * kMiB, "only about 17 MB of its 67 MB work"},
+        {Wraps, 32'000'000'000, kMiB, "only about 1 MB of"},
+        {Drops, 64'000'000'000, 7'800'000'000,
+         "only about 7.5 GB of its 64.0 GB work (what is written past that is lost)"},
         {Drops, 64'000'000'000, 64'000'000'000 - kPage, "only about 63.4 GB of its 64.0 GB"},  // just the last block
     };
     for (const auto& c : cases) {

@@ -64,7 +64,8 @@ TEST(LsblkParser, RecordedOutputs) {
 TEST(LsblkParser, DisksTheWriterRefusesNeverListed) {
     const char* stick = R"({"name":"sdb","type":"disk","tran":"usb","size":8,"mountpoints":["/media/x"]})";
     const struct { const char* sda; QSet<QString> system; } cases[] = {
-        {R"({"name":"sda","type":"disk","tran":"usb","children":[{"name":"sda2","type":"part","mountpoints":[null,"/"]}]})", {}},
+        {R"({"name":"sda","type":"disk","tran":"usb","children":
+            [{"name":"sda2","type":"part","mountpoints":[null,"/"]}]})", {}},
         {R"({"name":"sda","type":"disk","tran":"usb","rm":true,"mountpoint":"/boot/efi"})", {}},
         {R"({"name":"sda","type":"disk","tran":"usb","children":[{"name":"sda1","mountpoint":"[SWAP]"}]})", {}},
         {R"({"name":"sda","type":"disk","tran":"usb","children":[{"name":"sda3","type":"part"}]})", {"sda3"}},
@@ -73,10 +74,12 @@ TEST(LsblkParser, DisksTheWriterRefusesNeverListed) {
         {R"({"name":"sda","type":"disk","tran":"usb"},{"name":"sda1","type":"part","pkname":"sda"},
             {"name":"luks","kname":"dm-1","type":"crypt","pkname":"sda1","mountpoints":["/home"]})", {}},
         {R"({"name":"sda","kname":"sda","type":"disk","tran":"usb"})", {"sda"}},
-        {R"({"name":"sda","type":"disk","tran":"usb","rm":true,"children":[{"name":"sda1","mountpoints":["/data"]}]})", {}},
+        {R"({"name":"sda","type":"disk","tran":"usb","rm":true,"children":
+            [{"name":"sda1","mountpoints":["/data"]}]})", {}},
         {R"({"name":"sda","type":"disk","tran":"usb"},{"name":"sda1","type":"part","pkname":"sda",
             "mountpoint":"/media"})", {}},
-        {R"({"name":"mmcblk0","type":"disk","tran":"mmc","children":[{"name":"mmcblk0p2","mountpoint":"/boot/firmware"}]})", {}},
+        {R"({"name":"mmcblk0","type":"disk","tran":"mmc","children":
+            [{"name":"mmcblk0p2","mountpoint":"/boot/firmware"}]})", {}},
     };
     for (const auto& c : cases)
         EXPECT_EQ(lsblk::parseDrives(devices((QByteArray(c.sda) + "," + stick).constData()), c.system),
@@ -111,7 +114,8 @@ TEST(LsblkParser, ColumnFormsAcrossVersions) {
             {"name":"sdb2","mountpoint":"/media/me/x"}]})", {{"sdb", "USB drive", 0}}},
     };
     for (const auto& c : cases) EXPECT_EQ(lsblk::parseDrives(devices(c.dev), {}), c.want) << c.dev;
-    EXPECT_EQ(lsblk::parseDrives("\xEF\xBB\xBF" + devices(R"({"name":"sdb","type":"disk","tran":"usb"})"), {}).size(), 1);
+    const QByteArray withBom = "\xEF\xBB\xBF" + devices(R"({"name":"sdb","type":"disk","tran":"usb"})");
+    EXPECT_EQ(lsblk::parseDrives(withBom, {}).size(), 1);
 
     // Sizes: only whole non-negative byte counts are sizes; anything else reads as empty.
     const struct { const char* size; quint64 want; } sizes[] = {
@@ -137,14 +141,16 @@ TEST(LsblkParser, ProcMountinfoAndSwaps) {
     EXPECT_EQ(mounts[0].majorMinor, "8:2");
     EXPECT_EQ(mounts[0].source, "/dev/sda2");
     EXPECT_EQ(mounts[1].mountPoint, "/media/my stick");
-    EXPECT_EQ(lsblk::parseSwaps("Filename\tType\tSize\tUsed\tPriority\n/dev/sda3  partition\t8 0 -2\n/swap\\040file file 1 0 -3\n"),
+    EXPECT_EQ(lsblk::parseSwaps("Filename\tType\tSize\tUsed\tPriority\n/dev/sda3  partition\t8 0 -2\n"
+                                "/swap\\040file file 1 0 -3\n"),
               QStringList({"/dev/sda3", "/swap file"}));
 }
 
 TEST(DiskutilParser, RecordedOutputs) {
     const QStringList disk2{"disk2"}, three{"disk0", "disk1", "disk2"};
     const struct { const char* file; QStringList want; } lists[] = {
-        {"list-external-usb-stick-superfloppy.plist", disk2}, {"list-external-usb-ide-adapter-ssd-mbr-fat32.plist", disk2},
+        {"list-external-usb-stick-superfloppy.plist", disk2},
+        {"list-external-usb-ide-adapter-ssd-mbr-fat32.plist", disk2},
         {"list-external-usb-stick-mbr-fat32.plist", disk2}, {"list-all-apfs-mac-plus-usb-stick.plist", three},
         {"list-all-corestorage-mac-plus-external-ntfs-hdd.plist", three}};
     for (const auto& l : lists) EXPECT_EQ(diskutil::wholeDisks(fixture(QStringLiteral("diskutil/") + l.file)), l.want);
@@ -171,9 +177,11 @@ TEST(DiskutilParser, FallbacksAndHostileValues) {
     const USBDrive total{"disk2", "Cruzer Fit", 15665463296};
     const auto edit = [](QByteArray x, const char* from, const char* to) { return x.replace(from, to); };
     const QByteArray external = edit(reader, "<true/>", "<false/>");
-    const QByteArray noSizes = edit(edit(stick, "<key>Size</key>", "<key>S</key>"), "<key>TotalSize</key>", "<key>T</key>");
+    const QByteArray noSize = edit(stick, "<key>Size</key>", "<key>S</key>");
+    const QByteArray noSizes = edit(noSize, "<key>TotalSize</key>", "<key>T</key>");
     const auto sized = [&](const char* v) {
-        return edit(stick, "<key>Size</key>\n\t<integer>15682240512</integer>", (QByteArray("<key>Size</key>") + v).constData());
+        const QByteArray to = QByteArray("<key>Size</key>") + v;
+        return edit(stick, "<key>Size</key>\n\t<integer>15682240512</integer>", to.constData());
     };
     const QByteArray noMedia = edit(stick, "<key>MediaName</key>", "<key>M</key>");
     const auto media = [&](const char* v) { return edit(stick, "<string>Cruzer Fit</string>", v); };
@@ -181,7 +189,7 @@ TEST(DiskutilParser, FallbacksAndHostileValues) {
         {external, USBDrive{"disk2", "APPLE SD Card Reader Media", 3980394496}},  // TotalSize fallback
         {edit(reader, "<true/>", "<string>true</string>"), USBDrive{"disk2", "APPLE SD Card Reader Media", 3980394496}},
         {noSizes, USBDrive{"disk2", "Cruzer Fit", 0}},
-        {edit(stick, "<key>Size</key>", "<key>S</key>"), total},
+        {noSize, total},
         {sized("<real>4096.9</real>"), USBDrive{"disk2", "Cruzer Fit", 4096}},
         {sized("<integer>-1</integer>"), total},
         {sized("<integer>18446744073709551615</integer>"), total},

@@ -1,5 +1,5 @@
-// Starting a helper program with a pipe on its standard output, without forking this
-// multi-threaded process (posix_spawn), and collecting its exit status.
+// Starting helper programs without forking this multi-threaded process (posix_spawn): one with
+// a pipe on its standard output, or one detached in a session of its own; collecting exit statuses.
 #pragma once
 #include <sys/types.h>
 
@@ -12,6 +12,9 @@ namespace ChildProcess {
 // is stored in *readEnd. With quiet set, its standard input and error are /dev/null, else
 // they are this process's. The pid, or -1 when it could not start.
 pid_t spawnReadingOutput(const char* const argv[], int* readEnd, bool quiet);
+// Starts argv[0] (a full path) with argv and the environment envp, in a session of its own so it
+// outlives this process and its terminal; standard input is /dev/null. The pid, or -1.
+pid_t spawnDetached(char* const argv[], char* const envp[]);
 // Waits for the child; its exit status, or -1 when it did not exit normally.
 int exitStatus(pid_t pid);
 

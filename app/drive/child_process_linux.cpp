@@ -18,6 +18,20 @@
 
 extern char** environ;
 
+namespace {
+
+pid_t spawn(const char* const argv[], char* const envp[], const posix_spawn_file_actions_t& actions, short flags) {
+    posix_spawnattr_t attr;
+    posix_spawnattr_init(&attr);
+    posix_spawnattr_setflags(&attr, flags);
+    pid_t pid = -1;
+    if (posix_spawn(&pid, argv[0], &actions, &attr, const_cast<char* const*>(argv), envp) != 0) pid = -1;
+    posix_spawnattr_destroy(&attr);
+    return pid;
+}
+
+}  // namespace
+
 pid_t ChildProcess::spawnReadingOutput(const char* const argv[], int* readEnd, bool quiet) {
     int fds[2];
     if (pipe2(fds, O_CLOEXEC) != 0) return -1;
@@ -28,12 +42,20 @@ pid_t ChildProcess::spawnReadingOutput(const char* const argv[], int* readEnd, b
         posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, "/dev/null", O_WRONLY, 0);
     }
     posix_spawn_file_actions_adddup2(&actions, fds[1], STDOUT_FILENO);
-    pid_t pid = -1;
-    if (posix_spawn(&pid, argv[0], &actions, nullptr, const_cast<char* const*>(argv), environ) != 0) pid = -1;
+    pid_t pid = spawn(argv, environ, actions, 0);
     posix_spawn_file_actions_destroy(&actions);
     close(fds[1]);
     if (pid < 0) close(fds[0]);
     *readEnd = fds[0];
+    return pid;
+}
+
+pid_t ChildProcess::spawnDetached(char* const argv[], char* const envp[]) {
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
+    pid_t pid = spawn(argv, envp, actions, POSIX_SPAWN_SETSID);
+    posix_spawn_file_actions_destroy(&actions);
     return pid;
 }
 

@@ -32,8 +32,6 @@ using BackupModelStatus = FreshSettings;
 using BackupSchedules = FreshSettings;
 using BackupModelRun = FreshSettings;
 
-QString q(const TempDir& dir) { return QString::fromStdString(dir.path()); }
-
 // Time that moves only when the test moves it.
 class HandClock : public BackupClock {
 public:

@@ -6,7 +6,6 @@
 #include <unistd.h>
 
 #include <QDir>
-#include <QFile>
 #include <QRegularExpression>
 #include <filesystem>
 
@@ -22,14 +21,12 @@ namespace {
 
 namespace fs = std::filesystem;
 
-QString q(const std::string& s) { return QString::fromStdString(s); }
-
 struct Fixture {
     TempDir driveDir, dest;
     QmVolume volume{deckDrive(driveDir, deck::StatsState::Normal, 3), "Deck", true};
-    QString folder = Backup::folderFor(q(dest.path()), volume);
+    QString folder = Backup::folderFor(q(dest), volume);
 
-    BackupResult run(bool deep = false) { return Backup::run(volume, q(dest.path()), deep); }
+    BackupResult run(bool deep = false) { return Backup::run(volume, q(dest), deep); }
     std::string drive(const std::string& rel) const { return driveDir / rel; }
     std::string copy(const std::string& rel) const { return folder.toStdString() + "/" + rel; }
     BackupManifest manifest() const { return BackupManifest(folder); }
@@ -95,7 +92,7 @@ TEST(BackupManifestText, ReadsWhatPeopleAndOtherSystemsLeaveBehind) {
 
 TEST(BackupManifestText, StalestIsOldestFirstAndKeepsMapOrderOnTies) {
     TempDir dir;
-    BackupManifest m(q(dir.path()));
+    BackupManifest m(q(dir));
     for (auto [path, verified] : {std::pair{"a", 5}, {"b", 1}, {"c", 5}, {"d", 3}})
         m.rows()[path] = {path, "x", 1, 1, verified};
     QList<QByteArray> order;
@@ -117,11 +114,11 @@ TEST(BackupRun, FirstRunCopiesTheWritingAndNotTheDrivesOwnFiles) {
     EXPECT_FALSE(r.error) << r.error->toStdString();
     EXPECT_TRUE(r.failures.isEmpty()) << r.failures.join("; ").toStdString();
 
-    QStringList wanted;
-    for (const QString& rel : filesUnder(f.driveDir.path()))
-        if (!rel.startsWith(".qm/") && !rel.endsWith("stats.db") && !rel.endsWith("stats.bak") &&
-            !rel.endsWith("settings.cfg"))
-            wanted << rel;
+    QStringList wanted = filesUnder(f.driveDir.path());
+    wanted.removeIf([](const QString& rel) {
+        return rel.startsWith(".qm/") || rel.endsWith("stats.db") || rel.endsWith("stats.bak") ||
+               rel.endsWith("settings.cfg");
+    });
     QStringList copied = filesUnder(f.folder.toStdString());
     copied.removeAll(BackupManifest::kFileName);
     copied.removeAll(BackupLock::kFileName);
@@ -181,10 +178,8 @@ TEST(BackupRun, LaterRunsRecheckRepairAndNeverDelete) {
     EXPECT_EQ(lost.failures, QStringList{q(victim) + " (no longer in the folder, and not on the drive)"});
     EXPECT_EQ(f.manifest().rows().count(QByteArray::fromStdString(victim)), 0u);
     QString log = q(slurp(f.copy(".quillmate-backup-lost.txt")));
-    EXPECT_TRUE(QRegularExpression("^\\d{4}-\\d\\d-\\d\\d \\d\\d:\\d\\d\t" + QRegularExpression::escape(q(victim)) + "\n$")
-                    .match(log)
-                    .hasMatch())
-        << log.toStdString();
+    QRegularExpression line("^\\d{4}-\\d\\d-\\d\\d \\d\\d:\\d\\d\t" + QRegularExpression::escape(q(victim)) + "\n$");
+    EXPECT_TRUE(line.match(log).hasMatch()) << log.toStdString();
     EXPECT_TRUE(f.run(true).failures.isEmpty());
 }
 
@@ -237,10 +232,10 @@ TEST(BackupRun, FolderNamesAndRefusals) {
     EXPECT_FALSE(QFileInfo::exists(f.volume.path + "/backups"));
     QmVolume nested{q(f.dest / "media/Deck"), "Deck", true};
     QDir().mkpath(nested.path);
-    EXPECT_EQ(Backup::run(nested, q(f.dest.path()), false).summary(),
+    EXPECT_EQ(Backup::run(nested, q(f.dest), false).summary(),
               "Backup failed: the drive is inside the chosen folder; choose a folder outside it");
     QmVolume gone{q(f.driveDir / "nowhere"), "Gone", true};
-    EXPECT_EQ(Backup::run(gone, q(f.dest.path()), false).summary(), "Backup failed: cannot read the drive");
+    EXPECT_EQ(Backup::run(gone, q(f.dest), false).summary(), "Backup failed: cannot read the drive");
     // A chosen folder that has gone (its disk unplugged) is not made again on this computer.
     EXPECT_EQ(Backup::run(f.volume, q(f.dest / "unplugged/Backups"), false).summary(),
               "Backup failed: the folder " + q(f.dest / "unplugged/Backups") + " is not there. Is its disk plugged in?");
@@ -273,7 +268,7 @@ TEST(BackupRun, DrivesWithOneNameNeverShareAFolder) {
     auto stick = [](const TempDir& dir, const char* text) {
         EXPECT_EQ(qm_provision(dir.path().c_str(), 1), 0);
         spit(dir / "Chapter.md", text);
-        return QmVolume{q(dir.path()), "DATA", true};
+        return QmVolume{q(dir), "DATA", true};
     };
     QmVolume first = stick(one, "stick one"), second = stick(two, "stick two");
     QString legacy = q(dest / "Quillmate/DATA");
@@ -282,13 +277,13 @@ TEST(BackupRun, DrivesWithOneNameNeverShareAFolder) {
 
     for (int round = 0; round < 2; ++round) {
         for (const QmVolume& v : {first, second}) {
-            BackupResult r = Backup::run(v, q(dest.path()), false);
+            BackupResult r = Backup::run(v, q(dest), false);
             EXPECT_TRUE(r.failures.isEmpty() && !r.error) << r.summary().toStdString();
-            EXPECT_EQ(r.folder, Backup::folderFor(q(dest.path()), v));
+            EXPECT_EQ(r.folder, Backup::folderFor(q(dest), v));
         }
     }
-    EXPECT_EQ(Backup::folderFor(q(dest.path()), first), legacy);
-    EXPECT_EQ(Backup::folderFor(q(dest.path()), second), legacy + " 2");
+    EXPECT_EQ(Backup::folderFor(q(dest), first), legacy);
+    EXPECT_EQ(Backup::folderFor(q(dest), second), legacy + " 2");
     EXPECT_EQ(slurp(dest / "Quillmate/DATA/Chapter.md"), "stick one");
     EXPECT_EQ(slurp(dest / "Quillmate/DATA 2/Chapter.md"), "stick two");
     EXPECT_EQ(BackupManifest::identityIn(legacy), Backup::driveIdentity(first));
@@ -333,7 +328,7 @@ TEST(BackupRestore, PutsTheWritingBackWithoutOverwritingAnything) {
     bad[0] ^= 1;
     spit(f.copy(damaged), bad);
 
-    RestoreResult r = Backup::restore(f.folder, q(fresh.path()));
+    RestoreResult r = Backup::restore(f.folder, q(fresh));
     EXPECT_EQ(r.failures, QStringList{q(damaged) + " (the copy in the backup folder is damaged; it no longer matches its fingerprint)"});
     EXPECT_EQ(r.keptBeside, 1);
     EXPECT_EQ(slurp(fresh / "Novel.md"), "written on the new stick");
@@ -348,11 +343,11 @@ TEST(BackupRestore, PutsTheWritingBackWithoutOverwritingAnything) {
     EXPECT_EQ(r.restored, compared);
     EXPECT_FALSE(fs::exists(fresh / damaged));
 
-    RestoreResult again = Backup::restore(f.folder, q(fresh.path()));
+    RestoreResult again = Backup::restore(f.folder, q(fresh));
     EXPECT_EQ(again.restored, 0);
     EXPECT_EQ(again.alreadyThere, compared);
     EXPECT_TRUE(again.summary().startsWith("Nothing to put back.  "));
-    EXPECT_TRUE(Backup::restore(q(fresh.path()), q(fresh.path())).error);
+    EXPECT_TRUE(Backup::restore(q(fresh), q(fresh)).error);
     EXPECT_EQ(Backup::besideName("a/b.c/notes", 2), "a/b.c/notes (from backup 2)");
     EXPECT_EQ(Backup::besideName(".hidden", 1), ".hidden (from backup)");
 }

@@ -40,17 +40,16 @@ TEST(DriveHandle, OpensWithSummaryAndDaysOrFailsWithTheCoreCase) {
     EXPECT_EQ(e, QmError::noStatistics);
     EXPECT_FALSE(Drive::open(deckDrive(noKey, deck::StatsState::NoKey), &e));
     EXPECT_EQ(e, QmError::notADrive);
-    EXPECT_EQ(Drive::provision(QString::fromStdString(keyOnly.path()), false), QmError::alreadyHasKey);
+    EXPECT_EQ(Drive::provision(q(keyOnly), false), QmError::alreadyHasKey);
 }
 
 TEST(VolumeScan, KeepsDrivesAndUsedVolumesInOrderAndNamesThem) {
     TempDir keyed, statsOnly, fonts, plain;
     deckDrive(keyed, deck::StatsState::KeyOnly);
     spit(statsOnly / "stats.db", "x");
-    QDir().mkpath(QString::fromStdString(fonts / "fonts"));
+    QDir().mkpath(q(fonts / "fonts"));
     spit(fonts / "fonts.txt", "not a folder of fonts");
     spit(plain / "notes.txt", "hello");
-    auto q = [](const TempDir& d) { return QString::fromStdString(d.path()); };
     QList<QmVolume> found = Volumes::classify({{q(plain), "PLAIN"},
                                                {q(statsOnly) + "/", ""},
                                                {q(keyed), "DECK"},

@@ -29,7 +29,7 @@ QString handMadeHistory(const TempDir& dir, const QString& doc, const QStringLis
     spit(dir / ".qmv/" + d + "/refs", "deck\tx\n");
     spit(dir / d, now.toStdString());
     std::filesystem::create_directory(dir / "fonts");  // what makes the folder a drive the deck has used
-    return QString::fromStdString(dir.path());
+    return q(dir);
 }
 
 struct Tab {

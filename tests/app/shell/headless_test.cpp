@@ -13,8 +13,6 @@
 
 namespace {
 
-QString q(const std::string& s) { return QString::fromStdString(s); }
-
 struct AppRun {
     int status = -1;
     QStringList lines;  // standard output
@@ -27,7 +25,7 @@ struct Program {
     AppRun run(const QStringList& args) const {
         QProcess p;
         QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
-        env.insert("HOME", q(home.path()));
+        env.insert("HOME", q(home));
         for (const char* var : {"DISPLAY", "WAYLAND_DISPLAY", "QT_QPA_PLATFORM"}) env.remove(var);
         p.setProcessEnvironment(env);
         p.start(QM_APP_PATH, args);
@@ -70,11 +68,11 @@ TEST(HeadlessBackup, RunPrintsTheOutcomeAndExitsWithIt) {
     // The writing put back onto an empty stick; what a second put-back finds is backup_run_test's.
     TempDir fresh;
     QString folder = dest + "/Quillmate/" + QDir(drive).dirName();
-    AppRun restored = app.run({"--restore-run", folder, q(fresh.path())});
+    AppRun restored = app.run({"--restore-run", folder, q(fresh)});
     EXPECT_EQ(restored.status, 0);
     EXPECT_TRUE(restored.lines.value(0).startsWith("Put back ")) << restored.lines.join('\n').toStdString();
     EXPECT_EQ(slurp(fresh / ".qmv/Novel.md/history.log"), slurp(driveDir / ".qmv/Novel.md/history.log"));
-    AppRun notABackup = app.run({"--restore-run", q(fresh.path()), q(fresh.path())});
+    AppRun notABackup = app.run({"--restore-run", q(fresh), q(fresh)});
     EXPECT_EQ(notABackup.status, 1);
     EXPECT_TRUE(notABackup.lines.value(0).startsWith("Putting the writing back failed: "));
 }
@@ -106,7 +104,7 @@ const char* const kShots[] = {"mac-install", "mac-stats", "mac-history", "mac-ba
 
 QStringList entries(const TempDir& dir) {
     QStringList found;
-    QDirIterator it(q(dir.path()), QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot, QDirIterator::Subdirectories);
+    QDirIterator it(q(dir), QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot, QDirIterator::Subdirectories);
     while (it.hasNext()) found << it.next();
     found.sort();
     return found;
@@ -131,7 +129,7 @@ TEST(Screenshots, WriteEachTabAndLeaveTheDriveUntouched) {
     ASSERT_FALSE(deckDrive(noKey, deck::StatsState::NoKey).isEmpty());
     for (const TempDir* d : {&plain, &noKey}) {
         QStringList before = entries(*d);
-        AppRun shown = app.run({"--shot", q(out.path()), "--drive", q(d->path())});
+        AppRun shown = app.run({"--shot", q(out), "--drive", q(*d)});
         EXPECT_EQ(shown.status, 0);
         EXPECT_TRUE(shown.lines.value(0).startsWith("6 image(s) written to "));
         EXPECT_EQ(entries(*d), before);
@@ -160,7 +158,7 @@ TEST(WrongCalls, AnswerOnTheTerminalWithStatusTwo) {
     Program app;
     TempDir plain;
     spit(plain / "taxes.txt", "numbers");
-    QString folder = q(plain.path());
+    QString folder = q(plain);
     const struct {
         QStringList args;
         QString says;

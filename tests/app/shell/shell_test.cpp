@@ -158,7 +158,7 @@ TEST(BackupView, FollowsTheModelThroughRunsAndTheSettingsChooseTheFolder) {
     EXPECT_TRUE(labelWithText(&settings, "Found on this computer  -  not installed: Dropbox"));  // no client here
 
     // The drive's folder is looked for off the main thread too; nothing is there to open yet.
-    const QString chosen = QString::fromStdString(dest.path()), folder = chosen + "/Quillmate/Q";
+    const QString chosen = q(dest), folder = chosen + "/Quillmate/Q";
     settings.backupSection()->setFolderPicker([&](QWidget*, const QString&) { return chosen; });
     QTest::mouseClick(button(&settings, "Choose a folder..."), Qt::LeftButton);
     EXPECT_EQ(model.destination(), chosen);

@@ -41,7 +41,7 @@ TEST(RealWindow, FrameGrowthHistoryStatusAndARemovedDrive) {
     std::filesystem::rename(made.path(), drive);
 
     QuillmateFlasherApp app;
-    app.start({"quillmate-flasher", "--drive", QString::fromStdString(drive.string())});
+    app.start({"quillmate-flasher", "--drive", q(drive.string())});
     MainWindow w(&app);
     w.show();
     w.activateWindow();

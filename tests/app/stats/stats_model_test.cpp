@@ -85,7 +85,7 @@ TEST(StatsModelLoading, DestroyingTheModelDuringALoadIsSafe) {
     ASSERT_TRUE(m->busy());
     delete m;                              // waits for the running read, delivers nothing
     QCoreApplication::sendPostedEvents();  // no late delivery may reach the deleted model
-    EXPECT_TRUE(QFile::exists(QString::fromStdString(dir / "stats.db")));
+    EXPECT_TRUE(QFile::exists(q(dir / "stats.db")));
 }
 
 // A reload of the same drive changes the day list row by row, so a view keeps its selection; a load

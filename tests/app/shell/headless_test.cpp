@@ -55,10 +55,8 @@ TEST(HeadlessBackup, RunPrintsTheOutcomeAndExitsWithIt) {
 
     AppRun verify = app.run({"--verify", "--backup-run", drive, dest});
     EXPECT_EQ(verify.status, 0);
-    EXPECT_TRUE(QRegularExpression("^Already up to date \\(\\d+ files checked\\)\\.  Re-checked \\d+, all intact\\.$")
-                    .match(verify.lines.value(0))
-                    .hasMatch())
-        << verify.lines.value(0).toStdString();
+    QRegularExpression upToDate("^Already up to date \\(\\d+ files checked\\)\\.  Re-checked \\d+, all intact\\.$");
+    EXPECT_TRUE(upToDate.match(verify.lines.value(0)).hasMatch()) << verify.lines.value(0).toStdString();
 
     // Unverified files and their status 1 are the fault script's (backup_faults.unreadable).
     AppRun noFolder = app.run({"--backup-run", drive, ""});

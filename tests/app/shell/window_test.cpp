@@ -26,12 +26,6 @@ bool showsText(QWidget* tab, const QString& text) {
     return false;
 }
 
-QPushButton* buttonNamed(QWidget* tab, const QString& text) {
-    for (QPushButton* b : tab->findChildren<QPushButton*>())
-        if (b->text() == text) return b;
-    return nullptr;
-}
-
 TEST(RealWindow, FrameGrowthHistoryStatusAndARemovedDrive) {
     ASSERT_EQ(QGuiApplication::platformName(), "xcb") << "meant to run on a real X display";
     TempDir made, holder;
@@ -67,10 +61,10 @@ TEST(RealWindow, FrameGrowthHistoryStatusAndARemovedDrive) {
 
     // The newest version is what the drive holds; once another is read, that verdict is gone.
     const QString identical = "This version is identical to the document on the drive now.";
-    buttonNamed(history, "Compare with now")->click();
+    withText(history, "Compare with now")->click();
     ASSERT_TRUE(QTest::qWaitFor([&] { return !app.history.busy(); }, 10000));
     ASSERT_TRUE(showsText(history, identical));
-    buttonNamed(history, "View")->click();
+    withText(history, "View")->click();
     app.history.selectVersion(app.history.versions().last().id);
     ASSERT_TRUE(QTest::qWaitFor([&] { return !app.history.busy(); }, 10000));
     EXPECT_FALSE(showsText(history, identical));
@@ -84,7 +78,7 @@ TEST(RealWindow, FrameGrowthHistoryStatusAndARemovedDrive) {
     EXPECT_FALSE(stats->publishButton()->isEnabled());
 
     std::filesystem::rename(away, drive);
-    QPushButton* refresh = buttonNamed(history, "Refresh");
+    QPushButton* refresh = withText(history, "Refresh");
     refresh->setFocus();
     ASSERT_TRUE(refresh->hasFocus());
     QTest::keyClick(refresh, Qt::Key_Return);

@@ -104,10 +104,7 @@ TEST(StatsModelLoading, ReloadsKeepTheDaySelectionAndOvertakenLoadsAreDropped) {
     const QVariant day = chosen.selectedRows()[0].data(DayList::DayRole);
     inserted.clear();
 
-    deck::StatsOptions more;
-    more.seed = 5;
-    more.days = 8;  // the same days and two older ones
-    ASSERT_EQ(deck::write_statistics(a.path(), more, true), "");
+    ASSERT_EQ(deck::write_statistics(a.path(), {.seed = 5, .days = 8}, true), "");  // the same days and two older
     m.load();
     ASSERT_TRUE(QTest::qWaitFor([&] { return !m.busy(); }, 20000));
     ASSERT_EQ(m.dayList()->rowCount(), 8);

@@ -1,6 +1,4 @@
-// The backup model's texts and warnings, the automatic schedule (watch, quiet time, ticks) and
-// automatic runs on deck-written drives into a temporary folder. Runs from the tab are the
-// backup view's, in shell_test.
+// The backup model's texts, its automatic schedule and automatic runs; runs from the tab are shell_test's.
 #include <gtest/gtest.h>
 
 #include <QDir>
@@ -146,7 +144,6 @@ TEST_F(BackupModelStatus, WarningAfterARun) {
     }
 }
 
-// Changes wait for a quiet time counted from the last of them; the timer repeats without any.
 // Real changes on the disk, on a clock the test turns.
 TEST_F(BackupSchedules, ChangesWaitForQuietAndTheTimerRepeats) {
     TempDir drive;
@@ -233,8 +230,7 @@ TEST(BackupClocks, QtTimersRepeatAndMoveTheQuietMoment) {
     EXPECT_EQ(moved, 1);
 }
 
-// The drive is watched only while an automatic run could happen; such a run reports without
-// busy, and one that finds another run holding the folder copies nothing and says nothing.
+// A run that finds another run holding the folder copies nothing and says nothing.
 TEST_F(BackupModelRun, AutomaticRunsWatchReportAndStepAsideForAHeldFolder) {
     TempDir drive, dest;
     QString root = deckDrive(drive, deck::StatsState::Normal, 2);

@@ -1,5 +1,4 @@
-// Backup runs on drives the deck simulator writes, into temporary folders: what is copied, what
-// the next runs find, and the manifest that records it.
+// Backup runs on drives the deck simulator writes, into temporary folders.
 #include <gtest/gtest.h>
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -261,8 +260,7 @@ TEST(BackupRun, CopyVerifiedReportsTheFileByName) {
     EXPECT_EQ(QFileInfo(q(dir / "out/ok.md")).lastModified(), when);
 }
 
-// Two sticks named alike each keep a folder of their own, whoever backs up first; a folder from
-// before drives were told apart is claimed by the first drive that backs up into it.
+// A folder from before drives were told apart is claimed by the first drive that backs up into it.
 TEST(BackupRun, DrivesWithOneNameNeverShareAFolder) {
     TempDir dest, one, two, plain;
     auto stick = [](const TempDir& dir, const char* text) {
@@ -291,9 +289,7 @@ TEST(BackupRun, DrivesWithOneNameNeverShareAFolder) {
     EXPECT_NE(Backup::driveIdentity(first), Backup::driveIdentity(second));
 }
 
-// Names are bytes: not UTF-8, ending in a carriage return, or holding a line feed (which no row
-// can record, so it is reported). Trees too deep, or leading back into themselves, are reported
-// and the rest is copied.
+// Names are bytes; only a line feed, which no manifest row can record, is reported.
 TEST(BackupRun, OddNamesAndTreesAreCopiedOrReported) {
     Fixture f;
     spit(f.drive("caf\xe9.md"), "latin-1 name");
@@ -315,9 +311,7 @@ TEST(BackupRun, OddNamesAndTreesAreCopiedOrReported) {
     EXPECT_EQ(again.failures.size(), 2);
 }
 
-// The writing put back onto a new stick from a backup: missing files arrive verified, files the
-// stick already holds are left alone, a differing file keeps its place with the backup's copy
-// beside it, and a damaged copy in the backup is reported, not written.
+// A file the new stick already holds keeps its place, with the backup's copy beside it.
 TEST(BackupRestore, PutsTheWritingBackWithoutOverwritingAnything) {
     Fixture f;
     ASSERT_TRUE(f.run().failures.isEmpty());

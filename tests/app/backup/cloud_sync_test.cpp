@@ -1,5 +1,4 @@
-// Cloud folders under a temporary home, their clients as processes the test starts, and the
-// warning a backup folder gets.
+// Cloud folders under a temporary home, with their clients as processes the test starts.
 #include <gtest/gtest.h>
 #include <unistd.h>
 

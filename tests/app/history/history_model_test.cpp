@@ -1,7 +1,5 @@
-// The history chain on deck-written drives and on small hand-made histories: documents,
-// versions newest first, reading and comparing, restoring, and the texts on the way. Every
-// step runs in the background, so each test waits for the model to settle. The list models are
-// checked for consistent row signals all along.
+// The history chain on deck-written drives and on small hand-made histories. Every step runs in the
+// background, so each test waits for the model to settle; the list models' row signals are checked all along.
 #include <gtest/gtest.h>
 
 #include <QAbstractItemModelTester>
@@ -143,9 +141,7 @@ TEST(HistoryChain, RestoreAddsASavedPoint) {
     EXPECT_TRUE(t.m.notice().isEmpty());  // it would speak of another version than the one shown
 }
 
-// However the drive goes, and whatever notices it first (the watch on its folder, a step that
-// fails, Refresh), nothing of it stays on show and the status says so; back in place, Refresh
-// finds it again.
+// However the drive goes, and whatever notices it first, nothing of it stays on show.
 TEST(HistoryChain, ADriveThatHasGoneLeavesNothingBehind) {
     enum How { removed, emptied, moved };  // emptied: as an unplugged stick's mount point may stay
     enum Notice { watch, pickVersion, compare, restore, refresh };
@@ -186,8 +182,7 @@ TEST(HistoryChain, ADriveThatHasGoneLeavesNothingBehind) {
     }
 }
 
-// A version's file or the document that cannot be read is said to be so, never shown as an empty
-// text, compared as one, or blamed on the drive when restoring.
+// Never shown as an empty text, compared as one, or blamed on the drive when restoring.
 TEST(HistoryChain, UnreadableVersionsAndDocumentsSayWhy) {
     enum Damage { gone, tooLarge, folder, link };
     const QString ok = "2 versions.", v1 = ".qmv/Notes.txt/v1.txt", doc = "Notes.txt";

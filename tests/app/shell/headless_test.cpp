@@ -1,5 +1,4 @@
-// The program's modes without a window as a user runs them: the real executable with no display,
-// its lines and its status. Headless backups, the screenshot mode and wrong calls.
+// The real executable with no display, as a user runs its modes without a window.
 #include <gtest/gtest.h>
 
 #include <QDir>
@@ -108,8 +107,7 @@ QStringList entries(const TempDir& dir) {
     return found;
 }
 
-// Each tab at the window's size; a folder that is no drive, or a used drive without a key, is
-// shown but never written to.
+// A folder that is no drive, or a used drive without a key, is shown but never written to.
 TEST(Screenshots, WriteEachTabAndLeaveTheDriveUntouched) {
     Program app;
     TempDir drive, plain, noKey, out;
@@ -150,8 +148,7 @@ TEST(Screenshots, UsageWithoutAFolderAndFailuresForAnUnwritableOne) {
     EXPECT_EQ(r.lines, failed << "0 image(s) written to " + folder);
 }
 
-// Without a display the window cannot open: a person is told why and what else can be run, and a
-// folder given as a drive that is none is refused before anything is written.
+// A folder given as a drive that is none is refused before anything is written.
 TEST(WrongCalls, AnswerOnTheTerminalWithStatusTwo) {
     Program app;
     TempDir plain;

@@ -1,6 +1,4 @@
-// The real window on a real X display (run under xvfb-run): its frame and tabs on the start drive,
-// growing beyond its smallest size, History never showing a status of another text, and a drive
-// removed leaving nothing behind in any tab until Return on Refresh brings it back.
+// The real window on a real X display (run under xvfb-run), where growing and key presses behave as for a user.
 #include <gtest/gtest.h>
 
 #include <QComboBox>

@@ -302,11 +302,10 @@ TEST_F(WriterOnLoopDevice, UnmountsRemovableMediaMountsOnly) {
 // refused, and nothing of it (such as the size its trailer gives) reaches the output.
 TEST_F(WriterOnLoopDevice, ReadsTheImageWithTheInvokingUsersRights) {
     chmod(dir_.path().c_str(), 0755);
-    const std::string good = slurp(sample("uefi_fat32"));
-    spit(dir_ / "secret.img.gz", good);
-    chmod((dir_ / "secret.img.gz").c_str(), 0600);
-    spit(dir_ / "shared.img.gz", good);
-    chmod((dir_ / "shared.img.gz").c_str(), 0644);
+    for (auto [name, mode] : {std::pair{"secret.img.gz", 0600}, {"shared.img.gz", 0644}}) {
+        std::filesystem::copy_file(sample("uefi_fat32"), dir_ / name);
+        chmod((dir_ / name).c_str(), mode);
+    }
     const std::string trailer_size = std::to_string(gunzip(sample("uefi_fat32")).size());
     fill_file(dir_ / "disk", 64 * kMiB, '\x5a');
     const std::string before = slurp(dir_ / "disk");

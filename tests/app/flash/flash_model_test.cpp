@@ -153,9 +153,8 @@ TEST(FlashStart, TheStickAskedAboutOrNone) {
         EXPECT_EQ(b.m.busy(), c.written);
         ASSERT_TRUE(QTest::qWaitFor([&] { return !b.m.busy(); }, 10000));
         EXPECT_EQ(b.launched.value(2), c.written ? kStick.devicePath : QString());
-        if (!c.written) {
-            EXPECT_EQ(b.m.status(), "The drive went away before the write began; nothing was written.");
-        }
+        EXPECT_EQ(b.m.status(), c.written ? "Done — you can remove the drive."
+                                          : "The drive went away before the write began; nothing was written.");
     }
 }
 
@@ -191,9 +190,7 @@ TEST(FlashWrite, TheWritersLinesAndTheElevatorDecideTheOutcome) {
         b.write();
         EXPECT_EQ(b.m.status(), c.status);
         ASSERT_EQ(b.answers.shown.size(), c.dialog.isEmpty() ? 1 : 2) << c.status.toStdString();
-        if (!c.dialog.isEmpty()) {
-            EXPECT_EQ(b.answers.shown[1].text, c.dialog);
-        }
+        EXPECT_EQ(b.answers.shown.value(1).text, c.dialog);
         if (c.status.startsWith("Done")) {
             EXPECT_EQ(b.m.progress(), 1.0);
         }

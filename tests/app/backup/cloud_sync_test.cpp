@@ -13,21 +13,17 @@
 namespace {
 
 // A program of the given name that just waits, the way a sync client sits in the background.
-class FakeClient {
-public:
-    FakeClient(const TempDir& dir, const QString& name) : path_(q(dir / name.toStdString())) {
-        QFile::copy(QStringLiteral("/bin/sleep"), path_);
-        process_.start(path_, {QStringLiteral("60")});
-        process_.waitForStarted();
+struct FakeClient : QProcess {
+    FakeClient(const TempDir& dir, const QString& name) {
+        const QString path = q(dir / name.toStdString());
+        QFile::copy("/bin/sleep", path);
+        start(path, {"60"});
+        waitForStarted();
     }
-    ~FakeClient() {
-        process_.kill();
-        process_.waitForFinished();
+    ~FakeClient() override {
+        kill();
+        waitForFinished();
     }
-
-private:
-    QString path_;
-    QProcess process_;
 };
 
 CloudSync::Probe probeWithFree(const TempDir& home, int64_t free) {

@@ -93,7 +93,9 @@ TEST(HeadlessBackup, CheckNamesTheServiceOnlyWhenItsClientRuns) {
         ASSERT_GE(r.lines.size(), 2);
         EXPECT_EQ(r.lines[0], "folder:  " + folder);
         EXPECT_EQ(r.lines[1], q(c.second));
-        if (c.folder == "Box") EXPECT_EQ(r.lines.value(2), "warning: (none)");
+        if (c.folder == "Box") {
+            EXPECT_EQ(r.lines.value(2), "warning: (none)");
+        }
     }
 }
 

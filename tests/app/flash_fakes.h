@@ -77,13 +77,18 @@ struct Answers {
     }
 };
 
+inline std::string script(const std::string& path, const std::string& body) {
+    spit(path, "#!/bin/sh\n" + body + "\n");
+    chmod(path.c_str(), 0755);
+    return path;
+}
+
 // Writes the bundled image and the writer a resource folder needs; the writer prints lines and
 // ends with exitStatus.
 inline void giveResources(const TempDir& res, const QString& image, const std::string& lines, int exitStatus = 0) {
     spit(res / ("images/" + image.toStdString() + ".img.gz"), "image");
     spit(res / "lines", lines);
-    spit(res / "qm-writer", "#!/bin/sh\ncat \"$(dirname \"$0\")/lines\"\nexit " + std::to_string(exitStatus) + "\n");
-    chmod((res / "qm-writer").c_str(), 0755);
+    script(res / "qm-writer", "cat \"$(dirname \"$0\")/lines\"\nexit " + std::to_string(exitStatus));
 }
 
 // A model over one stick whose write, once started, stays under way until release().

@@ -61,17 +61,12 @@ check_manifest() {  # folder
   local re=$'^([0-9a-f]{64})\t([0-9]+)\t(-?[0-9]+)\t([0-9]+)\t(.+)$'
   [[ -s $m ]] || return 0  # no run got as far as saving one
   [[ $(tail -c 1 "$m" | od -An -tx1 | tr -d ' ') == 0a ]] || fail "the manifest ends mid-line"
-  : >"$work/rows.sha"
-  : >"$work/rows.size"
   while IFS= read -r line; do
     [[ $line == '#'* ]] && continue
-    if [[ $line =~ $re ]]; then
-      printf '%s  ./%s\n' "${BASH_REMATCH[1]}" "${BASH_REMATCH[5]}" >>"$work/rows.sha"
-      printf './%s\t%s\n' "${BASH_REMATCH[5]}" "${BASH_REMATCH[2]}" >>"$work/rows.size"
-    else
-      fail "malformed manifest row: $line"
-    fi
-  done <"$m"
+    [[ $line =~ $re ]] || { fail "malformed manifest row: $line"; continue; }
+    printf '%s  ./%s\n' "${BASH_REMATCH[1]}" "${BASH_REMATCH[5]}" >&3
+    printf './%s\t%s\n' "${BASH_REMATCH[5]}" "${BASH_REMATCH[2]}" >&4
+  done <"$m" 3>"$work/rows.sha" 4>"$work/rows.size"
   [[ -z $(cut -f1 "$work/rows.size" | sort | uniq -d) ]] || fail "a path has two rows"
   (cd "$folder" && sha256sum --quiet --strict -c "$work/rows.sha" 2>&1) | sed 's/^/  /' >"$work/mismatch"
   [[ -s $work/mismatch ]] && { fail "copies that do not match their rows:"; head -5 "$work/mismatch"; }
@@ -100,8 +95,16 @@ check_complete() {  # drive folder
 
 folder_of() { echo "$2/Quillmate/$(basename "$1")"; }
 
-make_drive() {  # dir docs [extra qm-deck flags]
-  "$deck" make "$1" --seed 3 --docs "$2" "${@:3}" >/dev/null || fail "qm-deck make failed"
+make_drive() {  # dir docs
+  "$deck" make "$1" --seed 3 --docs "$2" >/dev/null || fail "qm-deck make failed"
+}
+
+# Sets the case's drive (a deck drive with DOCS documents), dest (an empty folder) and folder.
+setup() {  # docs
+  drive=$work/Drive dest=$work/dest
+  folder=$(folder_of "$drive" "$dest")
+  make_drive "$drive" "$1"
+  mkdir "$dest"
 }
 
 # Extra version files of size KiB in the deck's layout: .qmv/<document>/<nnnn-yyyy-mm-dd hh>.md
@@ -118,11 +121,10 @@ add_versions() {  # drive count kib
 # A 2 MiB tmpfs that fills up: failures, exit 1, the rows saved still true; with room again the
 # next run completes.
 case_full_destination() {
-  local drive=$work/Drive dest=$work/dest folder
-  make_drive "$drive" 6
+  local drive dest folder
+  setup 6
   add_versions "$drive" 6 700
-  mkdir "$dest" && mount_here -t tmpfs -o size=2m tmpfs "$dest" || return
-  folder=$(folder_of "$drive" "$dest")
+  mount_here -t tmpfs -o size=2m tmpfs "$dest" || return
   run_backup "$drive" "$dest"
   [[ $rc == 1 ]] || fail "exit status $rc on a full destination"
   failure_lines >/dev/null || fail "no UNVERIFIED line on a full destination"
@@ -139,11 +141,9 @@ case_full_destination() {
 # Before each run a few big files grow, so runs replace copies the manifest already names; the
 # moments are spread over the time such a run takes when left alone.
 case_killed() {
-  local drive=$work/Drive dest=$work/dest folder pid delay landed=0 i start took
-  make_drive "$drive" 40
+  local drive dest folder pid delay landed=0 i start took
+  setup 40
   add_versions "$drive" 24 6144
-  mkdir "$dest"
-  folder=$(folder_of "$drive" "$dest")
   mapfile -d '' big < <(find "$drive/.qmv" -name '05*' -size +1M -print0 | sort -z)
   RANDOM=20250611
   grow_some() { local k; for k in 1 2 3 4; do head -c 300000 /dev/urandom >>"${big[RANDOM % ${#big[@]}]}"; done; }
@@ -184,11 +184,10 @@ case_killed() {
 
 # Files deleted, grown, cut short, replaced and added while the run reads the drive.
 case_interference() {
-  local drive=$work/Drive dest=$work/dest folder i churn=() mutator
-  make_drive "$drive" 30
-  mkdir -p "$drive/Churn" "$dest"
+  local drive dest folder i mutator
+  setup 30
+  mkdir "$drive/Churn"
   for ((i = 0; i < 60; i++)); do head -c $((1024 * (256 + i * 37 % 2048))) /dev/urandom >"$drive/Churn/file $i.md"; done
-  folder=$(folder_of "$drive" "$dest")
   for round in 1 2; do
     : >"$work/changes"
     (
@@ -231,16 +230,15 @@ expect_unreadable() {  # name
 # file's first bytes read but the rest fails with EIO, or the file's entry is listed but its
 # inode cannot be looked at (EUCLEAN). The kernel here has no vfat, hence ext4.
 case_unreadable() {
-  local drive=$work/Drive dest=$work/dest folder loop img=$work/drive.img ind
+  local drive dest folder loop img=$work/drive.img ind
   # Permissions, for a user who is not root.
-  make_drive "$drive" 3
+  setup 3
   head -c 5000 /dev/urandom >"$drive/Locked.md"
   chmod 000 "$drive/Locked.md"
   chmod -R a+rX "$work/home"
-  mkdir "$dest" && chown nobody "$dest"
+  chown nobody "$dest"
   run_backup --as nobody "$drive" "$dest"
   expect_unreadable Locked.md
-  folder=$(folder_of "$drive" "$dest")
   [[ ! -e $folder/Locked.md ]] || fail "a copy of Locked.md was made"
   check_manifest "$folder"
 
@@ -271,9 +269,9 @@ case_unreadable() {
 # Links, a FIFO, a socket and a device node on the drive: none followed, opened or copied, and
 # the run does not wait on the FIFO. The drive's own files never travel either.
 case_special_files() {
-  local drive=$work/Drive dest=$work/dest folder marker=outside-$RANDOM$RANDOM
-  make_drive "$drive" 3
-  mkdir -p "$work/outside" "$dest" "$drive/Sub"
+  local drive dest folder marker=outside-$RANDOM$RANDOM
+  setup 3
+  mkdir "$work/outside" "$drive/Sub"
   echo "$marker" >"$work/outside/secret.txt"
   ln -s "$work/outside/secret.txt" "$drive/Link to secret.md"
   ln -s ../../../outside/secret.txt "$drive/.qmv/$(ls "$drive/.qmv" | head -1)/0099-2025-01-01 10.md"
@@ -288,7 +286,6 @@ case_special_files() {
   limit=20 run_backup "$drive" "$dest"
   expect_status_matches_output
   echo "  exit $rc: $(head -1 "$work/out")"
-  folder=$(folder_of "$drive" "$dest")
   ! grep -rqs -- "$marker" "$dest" || fail "the file outside the drive was copied"
   local f
   for f in "Link to secret.md" "Linked folder" Dangling.md Pipe.md Zero.md Socket.md settings.cfg autosave.md \
@@ -303,15 +300,14 @@ case_special_files() {
 # A folder bound into itself, as a corrupt file system's folder cycle looks: the run ends, says
 # so, and copies everything else.
 case_folder_loop() {
-  local drive=$work/Drive dest=$work/dest folder
-  make_drive "$drive" 3
-  mkdir -p "$dest" "$drive/Sub/Again"
+  local drive dest folder
+  setup 3
+  mkdir -p "$drive/Sub/Again"
   echo kept >"$drive/Sub/Kept.md"
   mount_here --bind "$drive/Sub" "$drive/Sub/Again" || return
   limit=20 run_backup "$drive" "$dest"
   [[ $rc == 1 ]] || fail "exit status $rc on a folder that leads back into itself"
   failure_lines | grep -qF "Sub/Again (this folder leads back into itself" || { fail "no line names the loop"; cat "$work/out"; }
-  folder=$(folder_of "$drive" "$dest")
   [[ $(cat "$folder/Sub/Kept.md" 2>/dev/null) == kept ]] || fail "Sub/Kept.md was not copied"
   check_manifest "$folder"
 }

@@ -1,5 +1,4 @@
-// Cloud folders under a temporary home, their clients as processes the test starts, and the
-// warning a backup folder gets.
+// Cloud folders under a temporary home, with their clients as processes the test starts.
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -9,32 +8,26 @@
 #include <filesystem>
 
 #include "cloud_sync.h"
-#include "temp_dir.h"
+#include "deck_drive.h"
 
 namespace {
 
-QString q(const std::string& s) { return QString::fromStdString(s); }
-
 // A program of the given name that just waits, the way a sync client sits in the background.
-class FakeClient {
-public:
-    FakeClient(const TempDir& dir, const QString& name) : path_(q(dir / name.toStdString())) {
-        QFile::copy(QStringLiteral("/bin/sleep"), path_);
-        process_.start(path_, {QStringLiteral("60")});
-        process_.waitForStarted();
+struct FakeClient : QProcess {
+    FakeClient(const TempDir& dir, const QString& name) {
+        const QString path = q(dir / name.toStdString());
+        QFile::copy("/bin/sleep", path);
+        start(path, {"60"});
+        waitForStarted();
     }
-    ~FakeClient() {
-        process_.kill();
-        process_.waitForFinished();
+    ~FakeClient() override {
+        kill();
+        waitForFinished();
     }
-
-private:
-    QString path_;
-    QProcess process_;
 };
 
 CloudSync::Probe probeWithFree(const TempDir& home, int64_t free) {
-    return {q(home.path()), [free](const QString&) { return std::optional<int64_t>(free); }};
+    return {q(home), [free](const QString&) { return std::optional<int64_t>(free); }};
 }
 
 TEST(CloudFolders, ListsEachExistingCandidateOnce) {
@@ -45,12 +38,12 @@ TEST(CloudFolders, ListsEachExistingCandidateOnce) {
     std::filesystem::create_directories(home / "iCloud Drive");  // not a place any Linux client uses
 
     QStringList found;
-    for (const CloudFolder& f : CloudFolders::detect(q(home.path())))
-        found << f.name + "=" + QDir(q(home.path())).relativeFilePath(f.path);
+    for (const CloudFolder& f : CloudFolders::detect(q(home)))
+        found << f.name + "=" + QDir(q(home)).relativeFilePath(f.path);
     EXPECT_EQ(found, QStringList({"Dropbox=Dropbox", "OneDrive=OneDrive", "Google Drive=Google Drive/My Drive",
                                   "Box=Box", "Box=Box Sync", "Nextcloud=Nextcloud", "Syncthing=Sync"}));
     TempDir empty;
-    EXPECT_TRUE(CloudFolders::detect(q(empty.path())).isEmpty());
+    EXPECT_TRUE(CloudFolders::detect(q(empty)).isEmpty());
 }
 
 TEST(CloudSync, TheInnermostFolderNamesTheService) {
@@ -102,7 +95,7 @@ TEST(CloudSync, WarnsBelowSixtyFourMebibytesFree) {
     EXPECT_FALSE(CloudSync::check(target, probeWithFree(home, 67'108'864)));
     EXPECT_EQ(CloudSync::check(target, probeWithFree(home, 67'108'863)),
               "The disk holding your copies has only 64.0 MB free. Copies will start failing soon.");
-    EXPECT_FALSE(CloudSync::check(target, {q(home.path()), [](const QString&) { return std::optional<int64_t>(); }}));
+    EXPECT_FALSE(CloudSync::check(target, {q(home), [](const QString&) { return std::optional<int64_t>(); }}));
     EXPECT_GT(CloudSync::freeSpace(target).value_or(0), 0);  // the real reader, on a folder not made yet
 }
 

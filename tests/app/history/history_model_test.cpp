@@ -1,12 +1,11 @@
-// The history chain on deck-written drives and on small hand-made histories: documents,
-// versions newest first, reading and comparing, restoring, and the texts on the way. Every
-// step runs in the background, so each test waits for the model to settle. The list models are
-// checked for consistent row signals all along.
+// The history chain on deck-written drives and on small hand-made histories. Every step runs in the
+// background, so each test waits for the model to settle; the list models' row signals are checked all along.
 #include <gtest/gtest.h>
 
 #include <QAbstractItemModelTester>
 #include <QDir>
 #include <QItemSelectionModel>
+#include <QSignalSpy>
 #include <QTest>
 #include <filesystem>
 
@@ -29,7 +28,7 @@ QString handMadeHistory(const TempDir& dir, const QString& doc, const QStringLis
     spit(dir / ".qmv/" + d + "/refs", "deck\tx\n");
     spit(dir / d, now.toStdString());
     std::filesystem::create_directory(dir / "fonts");  // what makes the folder a drive the deck has used
-    return QString::fromStdString(dir.path());
+    return q(dir);
 }
 
 struct Tab {
@@ -38,8 +37,6 @@ struct Tab {
     static constexpr auto kFatal = QAbstractItemModelTester::FailureReportingMode::Fatal;
     QAbstractItemModelTester documents{m.documentList(), kFatal}, versions{m.versionList(), kFatal},
         lines{m.diffLineList(), kFatal};
-    int settled = 0;
-    Tab() { QObject::connect(&m, &HistoryModel::settled, [this] { ++settled; }); }
     void settle() {
         ASSERT_TRUE(QTest::qWaitFor([this] { return !m.busy(); }, 20000));
         EXPECT_EQ(m.documentList()->rows(), m.documents());
@@ -67,11 +64,11 @@ TEST(HistoryChain, DeckDriveListsDocumentsAndVersionsNewestFirst) {
     EXPECT_EQ(m.text(), History::liveDocument(root, *m.document()).text);  // the newest version is the document now
 
     // Choosing a document and then another at once: only the last choice is shown.
-    t.settled = 0;
+    QSignalSpy settled(&m, &HistoryModel::settled);
     m.selectDocument(m.documents()[1]);
     m.selectDocument(m.documents()[2]);
     t.settle();
-    EXPECT_EQ(t.settled, 1);
+    EXPECT_EQ(settled.count(), 1);
     EXPECT_EQ(m.document(), m.documents()[2]);
     EXPECT_EQ(m.text(), History::liveDocument(root, m.documents()[2]).text);
 }
@@ -143,9 +140,7 @@ TEST(HistoryChain, RestoreAddsASavedPoint) {
     EXPECT_TRUE(t.m.notice().isEmpty());  // it would speak of another version than the one shown
 }
 
-// However the drive goes, and whatever notices it first (the watch on its folder, a step that
-// fails, Refresh), nothing of it stays on show and the status says so; back in place, Refresh
-// finds it again.
+// However the drive goes, and whatever notices it first, nothing of it stays on show.
 TEST(HistoryChain, ADriveThatHasGoneLeavesNothingBehind) {
     enum How { removed, emptied, moved };  // emptied: as an unplugged stick's mount point may stay
     enum Notice { watch, pickVersion, compare, restore, refresh };
@@ -186,8 +181,7 @@ TEST(HistoryChain, ADriveThatHasGoneLeavesNothingBehind) {
     }
 }
 
-// A version's file or the document that cannot be read is said to be so, never shown as an empty
-// text, compared as one, or blamed on the drive when restoring.
+// Never shown as an empty text, compared as one, or blamed on the drive when restoring.
 TEST(HistoryChain, UnreadableVersionsAndDocumentsSayWhy) {
     enum Damage { gone, tooLarge, folder, link };
     const QString ok = "2 versions.", v1 = ".qmv/Notes.txt/v1.txt", doc = "Notes.txt";

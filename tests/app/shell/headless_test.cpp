@@ -1,5 +1,4 @@
-// The program's modes without a window as a user runs them: the real executable with no display,
-// its lines and its status. Headless backups, the screenshot mode and wrong calls.
+// The real executable with no display, as a user runs its modes without a window.
 #include <gtest/gtest.h>
 
 #include <QDir>
@@ -13,8 +12,6 @@
 
 namespace {
 
-QString q(const std::string& s) { return QString::fromStdString(s); }
-
 struct AppRun {
     int status = -1;
     QStringList lines;  // standard output
@@ -27,7 +24,7 @@ struct Program {
     AppRun run(const QStringList& args) const {
         QProcess p;
         QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
-        env.insert("HOME", q(home.path()));
+        env.insert("HOME", q(home));
         for (const char* var : {"DISPLAY", "WAYLAND_DISPLAY", "QT_QPA_PLATFORM"}) env.remove(var);
         p.setProcessEnvironment(env);
         p.start(QM_APP_PATH, args);
@@ -57,10 +54,8 @@ TEST(HeadlessBackup, RunPrintsTheOutcomeAndExitsWithIt) {
 
     AppRun verify = app.run({"--verify", "--backup-run", drive, dest});
     EXPECT_EQ(verify.status, 0);
-    EXPECT_TRUE(QRegularExpression("^Already up to date \\(\\d+ files checked\\)\\.  Re-checked \\d+, all intact\\.$")
-                    .match(verify.lines.value(0))
-                    .hasMatch())
-        << verify.lines.value(0).toStdString();
+    QRegularExpression upToDate("^Already up to date \\(\\d+ files checked\\)\\.  Re-checked \\d+, all intact\\.$");
+    EXPECT_TRUE(upToDate.match(verify.lines.value(0)).hasMatch()) << verify.lines.value(0).toStdString();
 
     // Unverified files and their status 1 are the fault script's (backup_faults.unreadable).
     AppRun noFolder = app.run({"--backup-run", drive, ""});
@@ -70,11 +65,11 @@ TEST(HeadlessBackup, RunPrintsTheOutcomeAndExitsWithIt) {
     // The writing put back onto an empty stick; what a second put-back finds is backup_run_test's.
     TempDir fresh;
     QString folder = dest + "/Quillmate/" + QDir(drive).dirName();
-    AppRun restored = app.run({"--restore-run", folder, q(fresh.path())});
+    AppRun restored = app.run({"--restore-run", folder, q(fresh)});
     EXPECT_EQ(restored.status, 0);
     EXPECT_TRUE(restored.lines.value(0).startsWith("Put back ")) << restored.lines.join('\n').toStdString();
     EXPECT_EQ(slurp(fresh / ".qmv/Novel.md/history.log"), slurp(driveDir / ".qmv/Novel.md/history.log"));
-    AppRun notABackup = app.run({"--restore-run", q(fresh.path()), q(fresh.path())});
+    AppRun notABackup = app.run({"--restore-run", q(fresh), q(fresh)});
     EXPECT_EQ(notABackup.status, 1);
     EXPECT_TRUE(notABackup.lines.value(0).startsWith("Putting the writing back failed: "));
 }
@@ -98,7 +93,9 @@ TEST(HeadlessBackup, CheckNamesTheServiceOnlyWhenItsClientRuns) {
         ASSERT_GE(r.lines.size(), 2);
         EXPECT_EQ(r.lines[0], "folder:  " + folder);
         EXPECT_EQ(r.lines[1], q(c.second));
-        if (c.folder == "Box") EXPECT_EQ(r.lines.value(2), "warning: (none)");
+        if (c.folder == "Box") {
+            EXPECT_EQ(r.lines.value(2), "warning: (none)");
+        }
     }
 }
 
@@ -106,14 +103,13 @@ const char* const kShots[] = {"mac-install", "mac-stats", "mac-history", "mac-ba
 
 QStringList entries(const TempDir& dir) {
     QStringList found;
-    QDirIterator it(q(dir.path()), QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot, QDirIterator::Subdirectories);
+    QDirIterator it(q(dir), QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot, QDirIterator::Subdirectories);
     while (it.hasNext()) found << it.next();
     found.sort();
     return found;
 }
 
-// Each tab at the window's size; a folder that is no drive, or a used drive without a key, is
-// shown but never written to.
+// A folder that is no drive, or a used drive without a key, is shown but never written to.
 TEST(Screenshots, WriteEachTabAndLeaveTheDriveUntouched) {
     Program app;
     TempDir drive, plain, noKey, out;
@@ -131,7 +127,7 @@ TEST(Screenshots, WriteEachTabAndLeaveTheDriveUntouched) {
     ASSERT_FALSE(deckDrive(noKey, deck::StatsState::NoKey).isEmpty());
     for (const TempDir* d : {&plain, &noKey}) {
         QStringList before = entries(*d);
-        AppRun shown = app.run({"--shot", q(out.path()), "--drive", q(d->path())});
+        AppRun shown = app.run({"--shot", q(out), "--drive", q(*d)});
         EXPECT_EQ(shown.status, 0);
         EXPECT_TRUE(shown.lines.value(0).startsWith("6 image(s) written to "));
         EXPECT_EQ(entries(*d), before);
@@ -154,13 +150,12 @@ TEST(Screenshots, UsageWithoutAFolderAndFailuresForAnUnwritableOne) {
     EXPECT_EQ(r.lines, failed << "0 image(s) written to " + folder);
 }
 
-// Without a display the window cannot open: a person is told why and what else can be run, and a
-// folder given as a drive that is none is refused before anything is written.
+// A folder given as a drive that is none is refused before anything is written.
 TEST(WrongCalls, AnswerOnTheTerminalWithStatusTwo) {
     Program app;
     TempDir plain;
     spit(plain / "taxes.txt", "numbers");
-    QString folder = q(plain.path());
+    QString folder = q(plain);
     const struct {
         QStringList args;
         QString says;

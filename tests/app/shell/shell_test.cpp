@@ -41,12 +41,6 @@ TEST(Dispatch, FirstApplicableRowWins) {
     EXPECT_EQ(valueAfter({"a", "--shot", "d", "--shot", "e"}, "--shot"), "d");
 }
 
-QPushButton* button(QWidget* w, const QString& text) {
-    for (QPushButton* b : w->findChildren<QPushButton*>())
-        if (b->text() == text) return b;
-    return nullptr;
-}
-
 TEST(StatsView, ShowsWhatTheModelHoldsAfterALoad) {
     TempDir dir;
     DriveSelection drives;
@@ -59,9 +53,9 @@ TEST(StatsView, ShowsWhatTheModelHoldsAfterALoad) {
     EXPECT_TRUE(noDays->isVisibleTo(&tab));
     EXPECT_EQ(tab.findChild<QComboBox*>()->currentText(), "No drives found");
     drives.pin({QmVolume{deckDrive(dir, deck::StatsState::Normal), "SAMPLE", true}});
-    EXPECT_FALSE(button(&tab, "Refresh")->isEnabled());  // while the drive is read
+    EXPECT_FALSE(withText(&tab, "Refresh")->isEnabled());  // while the drive is read
     ASSERT_TRUE(QTest::qWaitFor([&] { return !model.busy(); }, 20000));
-    EXPECT_TRUE(button(&tab, "Refresh")->isEnabled());
+    EXPECT_TRUE(withText(&tab, "Refresh")->isEnabled());
     EXPECT_EQ(tab.total("Writing sessions"), QLocale().toString(model.summary()->sessions));
     EXPECT_EQ(tab.total("Writing time"), StatsTab::duration(model.summary()->write_secs));
     EXPECT_FALSE(noDays->isVisibleTo(&tab));
@@ -77,7 +71,7 @@ TEST(HistoryView, ListsFollowTheModelAndTheConfirmationGatesTheRestore) {
     HistoryTab tab(&model);
     tab.show();
     auto settle = [&] { ASSERT_TRUE(QTest::qWaitFor([&] { return !model.busy(); }, 20000)); };
-    EXPECT_FALSE(button(&tab, "Put this version back")->isEnabled());
+    EXPECT_FALSE(withText(&tab, "Put this version back")->isEnabled());
     drives.pin({QmVolume{deckDrive(dir, deck::StatsState::Normal, 2), "SAMPLE", true}});
     settle();
     QList<QListView*> lists = tab.findChildren<QListView*>();
@@ -91,22 +85,21 @@ TEST(HistoryView, ListsFollowTheModelAndTheConfirmationGatesTheRestore) {
     versions->setCurrentIndex(versions->model()->index(before - 1, 0));  // the oldest version
     EXPECT_EQ(model.selected(), model.versions().last().id);
     settle();
-    QTest::mouseClick(button(&tab, "Put this version back"), Qt::LeftButton);
+    QTest::mouseClick(withText(&tab, "Put this version back"), Qt::LeftButton);
     ASSERT_TRUE(tab.confirmation());
     EXPECT_EQ(tab.confirmation()->windowTitle(), "Restore a version");
     tab.confirmation()->button(QMessageBox::Cancel)->click();
     settle();
     EXPECT_EQ(model.versions().size(), before);
 
-    QTest::mouseClick(button(&tab, "Put this version back"), Qt::LeftButton);
+    QTest::mouseClick(withText(&tab, "Put this version back"), Qt::LeftButton);
     ASSERT_TRUE(tab.confirmation());
-    for (QAbstractButton* b : tab.confirmation()->buttons())
-        if (b->text() == "Put this version back") b->click();
+    withText(tab.confirmation(), "Put this version back")->click();
     settle();
     EXPECT_EQ(versions->model()->rowCount(), before + 1);  // what a restore adds is history_model_test's
     EXPECT_EQ(versions->currentIndex().row(), 0);           // the restored copy, chosen by the model
 
-    QTest::mouseClick(button(&tab, "Compare with now"), Qt::LeftButton);
+    QTest::mouseClick(withText(&tab, "Compare with now"), Qt::LeftButton);
     settle();
     QListView* comparison = lists[2];
     ASSERT_GT(comparison->model()->rowCount(), 0);
@@ -116,12 +109,6 @@ TEST(HistoryView, ListsFollowTheModelAndTheConfirmationGatesTheRestore) {
     docs->setCurrentIndex(docs->model()->index(1, 0));
     settle();
     EXPECT_EQ(model.document(), model.documents()[1]);
-}
-
-QLabel* labelWithText(QWidget* w, const QString& text) {
-    for (QLabel* l : w->findChildren<QLabel*>())
-        if (l->text() == text) return l;
-    return nullptr;
 }
 
 // The tab and the settings over one model, through a real run, check, put-back and a failure.
@@ -140,8 +127,9 @@ TEST(BackupView, FollowsTheModelThroughRunsAndTheSettingsChooseTheFolder) {
         opened = url;
         return true;
     });
-    EXPECT_TRUE(labelWithText(&tab, "No folder chosen"));
-    for (const char* b : {"Back up now", "Check the copies", "Open the folder"}) EXPECT_FALSE(button(&tab, b)->isEnabled());
+    EXPECT_TRUE(withText<QLabel>(&tab, "No folder chosen"));
+    for (const char* b : {"Back up now", "Check the copies", "Open the folder"})
+        EXPECT_FALSE(withText(&tab, b)->isEnabled());
     EXPECT_TRUE(model.revealFolder());  // a reason, nothing opened
 
     // Cloud folders are looked for off the main thread when the settings show; the view follows.
@@ -154,48 +142,48 @@ TEST(BackupView, FollowsTheModelThroughRunsAndTheSettingsChooseTheFolder) {
     EXPECT_TRUE(model.detecting());
     ASSERT_TRUE(changed.wait(10000));
     qputenv("HOME", oldHome);
-    ASSERT_TRUE(button(&settings, "Dropbox"));
-    EXPECT_TRUE(labelWithText(&settings, "Found on this computer  -  not installed: Dropbox"));  // no client here
+    ASSERT_TRUE(withText(&settings, "Dropbox"));
+    EXPECT_TRUE(withText<QLabel>(&settings, "Found on this computer  -  not installed: Dropbox"));  // no client here
 
     // The drive's folder is looked for off the main thread too; nothing is there to open yet.
-    const QString chosen = QString::fromStdString(dest.path()), folder = chosen + "/Quillmate/Q";
+    const QString chosen = q(dest), folder = chosen + "/Quillmate/Q";
     settings.backupSection()->setFolderPicker([&](QWidget*, const QString&) { return chosen; });
-    QTest::mouseClick(button(&settings, "Choose a folder..."), Qt::LeftButton);
+    QTest::mouseClick(withText(&settings, "Choose a folder..."), Qt::LeftButton);
     EXPECT_EQ(model.destination(), chosen);
-    EXPECT_TRUE(labelWithText(&tab, chosen));
+    EXPECT_TRUE(withText<QLabel>(&tab, chosen));
     ASSERT_TRUE(QTest::qWaitFor([&] { return !model.detecting(); }, 10000));
     EXPECT_EQ(model.folder(), folder);
-    EXPECT_TRUE(button(&tab, "Back up now")->isEnabled());
-    EXPECT_FALSE(button(&tab, "Open the folder")->isEnabled());
+    EXPECT_TRUE(withText(&tab, "Back up now")->isEnabled());
+    EXPECT_FALSE(withText(&tab, "Open the folder")->isEnabled());
     EXPECT_TRUE(model.revealFolder());
     EXPECT_FALSE(opened);
 
     // A check before any copy says so, and makes no backup instead.
     QSignalSpy reported(&model, &BackupModel::reported);
-    QTest::mouseClick(button(&tab, "Check the copies"), Qt::LeftButton);
+    QTest::mouseClick(withText(&tab, "Check the copies"), Qt::LeftButton);
     ASSERT_TRUE(reported.wait(20000));
     EXPECT_EQ(model.status(), BackupModel::kNothingToCheckStatus);
     EXPECT_FALSE(QFileInfo::exists(chosen + "/Quillmate"));
 
-    QTest::mouseClick(button(&tab, "Back up now"), Qt::LeftButton);
+    QTest::mouseClick(withText(&tab, "Back up now"), Qt::LeftButton);
     EXPECT_EQ(model.status(), BackupModel::kCopyingStatus);
-    EXPECT_FALSE(button(&tab, "Check the copies")->isEnabled());
+    EXPECT_FALSE(withText(&tab, "Check the copies")->isEnabled());
     model.runNow(false);  // ignored while the first one runs
     ASSERT_TRUE(reported.wait(20000));
     EXPECT_FALSE(model.busy());
     EXPECT_FALSE(model.progress());
     EXPECT_TRUE(model.status().startsWith("Copied ")) << model.status().toStdString();
     EXPECT_TRUE(model.status().contains("), each one verified.\n"));
-    EXPECT_TRUE(labelWithText(&tab, model.status()));
+    EXPECT_TRUE(withText<QLabel>(&tab, model.status()));
     EXPECT_FALSE(model.warning());
-    EXPECT_TRUE(button(&tab, "Check the copies")->isEnabled());
-    EXPECT_TRUE(button(&tab, "Open the folder")->isEnabled());
+    EXPECT_TRUE(withText(&tab, "Check the copies")->isEnabled());
+    EXPECT_TRUE(withText(&tab, "Open the folder")->isEnabled());
     EXPECT_EQ(model.revealFolder(), std::nullopt);
     EXPECT_EQ(opened, QUrl::fromLocalFile(folder));
     model.setOpener([](const QUrl&) { return false; });
     EXPECT_EQ(model.revealFolder(), "The file manager could not be started. The copies are in " + folder);
 
-    QTest::mouseClick(button(&tab, "Check the copies"), Qt::LeftButton);
+    QTest::mouseClick(withText(&tab, "Check the copies"), Qt::LeftButton);
     EXPECT_EQ(model.status(), BackupModel::kCheckingStatus);
     ASSERT_TRUE(reported.wait(20000));
     EXPECT_TRUE(model.status().startsWith("Already up to date (")) << model.status().toStdString();
@@ -212,13 +200,11 @@ TEST(BackupView, FollowsTheModelThroughRunsAndTheSettingsChooseTheFolder) {
     BackupResult failed;
     failed.failures = {"a.md: gone"};
     model.show(failed);
-    QLabel* warning = labelWithText(&tab, "One copy could not be verified: a.md: gone");
+    QLabel* warning = withText<QLabel>(&tab, "One copy could not be verified: a.md: gone");
     ASSERT_TRUE(warning);
     EXPECT_NE(warning->palette().color(QPalette::WindowText), tab.palette().color(QPalette::WindowText));
 
-    QCheckBox* automatic = nullptr;
-    for (QCheckBox* c : settings.findChildren<QCheckBox*>())
-        if (c->text() == "Copy new writing automatically, while this app is open") automatic = c;
+    auto* automatic = withText<QCheckBox>(&settings, "Copy new writing automatically, while this app is open");
     ASSERT_TRUE(automatic);
     EXPECT_TRUE(automatic->isChecked());
     automatic->click();

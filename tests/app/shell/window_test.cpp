@@ -1,6 +1,4 @@
-// The real window on a real X display (run under xvfb-run): its frame and tabs on the start drive,
-// growing beyond its smallest size, History never showing a status of another text, and a drive
-// removed leaving nothing behind in any tab until Return on Refresh brings it back.
+// The real window on a real X display (run under xvfb-run), where growing and key presses behave as for a user.
 #include <gtest/gtest.h>
 
 #include <QComboBox>
@@ -26,12 +24,6 @@ bool showsText(QWidget* tab, const QString& text) {
     return false;
 }
 
-QPushButton* buttonNamed(QWidget* tab, const QString& text) {
-    for (QPushButton* b : tab->findChildren<QPushButton*>())
-        if (b->text() == text) return b;
-    return nullptr;
-}
-
 TEST(RealWindow, FrameGrowthHistoryStatusAndARemovedDrive) {
     ASSERT_EQ(QGuiApplication::platformName(), "xcb") << "meant to run on a real X display";
     TempDir made, holder;
@@ -41,7 +33,7 @@ TEST(RealWindow, FrameGrowthHistoryStatusAndARemovedDrive) {
     std::filesystem::rename(made.path(), drive);
 
     QuillmateFlasherApp app;
-    app.start({"quillmate-flasher", "--drive", QString::fromStdString(drive.string())});
+    app.start({"quillmate-flasher", "--drive", q(drive.string())});
     MainWindow w(&app);
     w.show();
     w.activateWindow();
@@ -67,10 +59,10 @@ TEST(RealWindow, FrameGrowthHistoryStatusAndARemovedDrive) {
 
     // The newest version is what the drive holds; once another is read, that verdict is gone.
     const QString identical = "This version is identical to the document on the drive now.";
-    buttonNamed(history, "Compare with now")->click();
+    withText(history, "Compare with now")->click();
     ASSERT_TRUE(QTest::qWaitFor([&] { return !app.history.busy(); }, 10000));
     ASSERT_TRUE(showsText(history, identical));
-    buttonNamed(history, "View")->click();
+    withText(history, "View")->click();
     app.history.selectVersion(app.history.versions().last().id);
     ASSERT_TRUE(QTest::qWaitFor([&] { return !app.history.busy(); }, 10000));
     EXPECT_FALSE(showsText(history, identical));
@@ -84,7 +76,7 @@ TEST(RealWindow, FrameGrowthHistoryStatusAndARemovedDrive) {
     EXPECT_FALSE(stats->publishButton()->isEnabled());
 
     std::filesystem::rename(away, drive);
-    QPushButton* refresh = buttonNamed(history, "Refresh");
+    QPushButton* refresh = withText(history, "Refresh");
     refresh->setFocus();
     ASSERT_TRUE(refresh->hasFocus());
     QTest::keyClick(refresh, Qt::Key_Return);

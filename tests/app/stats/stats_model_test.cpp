@@ -1,5 +1,4 @@
-// The statistics model's status texts on deck-written drives, its background loads, and the
-// heat map's calendar and colours.
+// The statistics model on deck-written drives, and the heat map's calendar and colours.
 #include <gtest/gtest.h>
 
 #include <QAbstractItemModelTester>
@@ -59,8 +58,7 @@ TEST(StatsModelStatus, EachDriveStateSaysWhereTheFiguresCameFrom) {
     }
 }
 
-// No drive, and a drive gone before its load (the window's test removes one under the figures):
-// the status says which, and nothing of the drive stays on show.
+// A drive gone before its load; the window's test removes one under the figures.
 TEST(StatsModelStatus, NoDriveAndADriveThatHasGone) {
     TempDir dir;
     QString root = deckDrive(dir, deck::StatsState::Normal);
@@ -85,11 +83,10 @@ TEST(StatsModelLoading, DestroyingTheModelDuringALoadIsSafe) {
     ASSERT_TRUE(m->busy());
     delete m;                              // waits for the running read, delivers nothing
     QCoreApplication::sendPostedEvents();  // no late delivery may reach the deleted model
-    EXPECT_TRUE(QFile::exists(QString::fromStdString(dir / "stats.db")));
+    EXPECT_TRUE(QFile::exists(q(dir / "stats.db")));
 }
 
-// A reload of the same drive changes the day list row by row, so a view keeps its selection; a load
-// overtaken by another is dropped.
+// A reload changes the day list row by row, so that a view keeps its selection.
 TEST(StatsModelLoading, ReloadsKeepTheDaySelectionAndOvertakenLoadsAreDropped) {
     TempDir a, b;
     DriveSelection drives;
@@ -104,10 +101,7 @@ TEST(StatsModelLoading, ReloadsKeepTheDaySelectionAndOvertakenLoadsAreDropped) {
     const QVariant day = chosen.selectedRows()[0].data(DayList::DayRole);
     inserted.clear();
 
-    deck::StatsOptions more;
-    more.seed = 5;
-    more.days = 8;  // the same days and two older ones
-    ASSERT_EQ(deck::write_statistics(a.path(), more, true), "");
+    ASSERT_EQ(deck::write_statistics(a.path(), {.seed = 5, .days = 8}, true), "");  // the same days and two older
     m.load();
     ASSERT_TRUE(QTest::qWaitFor([&] { return !m.busy(); }, 20000));
     ASSERT_EQ(m.dayList()->rowCount(), 8);
@@ -136,8 +130,7 @@ TEST(StatsText, DurationAtItsBoundaries) {
     for (auto [secs, text] : cases) EXPECT_EQ(StatsText::duration(secs), text) << secs;
 }
 
-// Totals, the heat map's tooltips and the day list write a count one way, grouped as the locale
-// groups digits, and grouped in the C locale too, as the published page is.
+// Grouped as the locale groups digits, and in the C locale too, as the published page is.
 TEST(StatsText, OneNumberFormatEverywhere) {
     const uint32_t day = 17126;  // 2026-11-20
     const struct {

@@ -77,17 +77,13 @@ check_manifest() {  # folder
   [[ -s $work/mismatch || -s $work/badsize ]] || echo "  manifest: $(wc -l <"$work/rows.sha") rows, each matching its copy"
 }
 
-# SHA-256 of every file of the drive a backup copies, as "sha  ./path", sorted.
-drive_hashes() {  # drive
-  (cd "$1" && find . -type f ! -path './.qm/*' ! -name stats.db ! -name stats.bak ! -name settings.cfg \
-    ! -name autosave.md ! -name .DS_Store ! -name '.quillmate-backup*' -print0 | xargs -0 -r sha256sum) | LC_ALL=C sort
-}
-
-# After a clean run: every file the drive holds now has a row with its hash (and so a copy).
+# After a clean run: every file of the drive that a backup copies has a row with its hash (and so a copy).
 check_complete() {  # drive folder
   [[ -s $2/.quillmate-backup ]] || { fail "no manifest after a clean run"; return; }
   check_manifest "$2"
-  drive_hashes "$1" >"$work/drive.sha"
+  (cd "$1" && find . -type f ! -path './.qm/*' ! -name stats.db ! -name stats.bak ! -name settings.cfg \
+    ! -name autosave.md ! -name .DS_Store ! -name '.quillmate-backup*' -print0 | xargs -0 -r sha256sum) |
+    LC_ALL=C sort >"$work/drive.sha"
   local missing
   missing=$(LC_ALL=C sort "$work/rows.sha" | LC_ALL=C comm -23 "$work/drive.sha" -)
   [[ -z $missing ]] || { fail "drive files without a matching row:"; head -5 <<<"$missing"; }

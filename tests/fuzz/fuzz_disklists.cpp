@@ -8,19 +8,16 @@
 #include <cstdlib>
 
 #include "diskutil_parser.h"
+#include "fuzz_support.h"
 #include "lsblk_parser.h"
 #include "usb_drive.h"
 
 namespace {
 
-void check(bool ok) {
-    if (!ok) std::abort();
-}
-
 void checkDrive(const USBDrive& d) {
     check(lsblk::isSafeDeviceName(d.id));
-    for (QChar edge : {d.model.isEmpty() ? QChar(u'x') : d.model.front(), d.model.isEmpty() ? QChar(u'x') : d.model.back()})
-        check(edge != u' ' && edge != u'\t');
+    const QString& m = d.model;
+    check(m.isEmpty() || (m.front() != u' ' && m.front() != u'\t' && m.back() != u' ' && m.back() != u'\t'));
     check(driveLine(d).endsWith(QStringLiteral("]")));
 }
 

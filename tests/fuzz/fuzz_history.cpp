@@ -10,9 +10,12 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <fstream>
+#include <iterator>
 #include <string>
 #include <vector>
 
+#include "fuzz_support.h"
 #include "qm_core_internal.h"
 
 namespace {
@@ -43,28 +46,15 @@ Input parse(const uint8_t* data, size_t size) {
 }
 
 const fs::path& base() {
-    static fs::path dir = [] {
-        char tmpl[] = "/tmp/qm-fuzz-history-XXXXXX";
-        if (!mkdtemp(tmpl)) std::abort();
-        return fs::path(tmpl);
-    }();
+    static const fs::path dir = fuzz_folder("history");
     return dir;
 }
 
-void put(const fs::path& path, const std::string& data) {
-    FILE* f = std::fopen(path.c_str(), "wb");
-    if (!f) std::abort();
-    std::fwrite(data.data(), 1, data.size(), f);
-    std::fclose(f);
-}
+void put(const fs::path& path, const std::string& data) { put_file(path, data.data(), data.size()); }
 
 std::string get(const fs::path& path) {
-    std::string s(4096, '\0');
-    FILE* f = std::fopen(path.c_str(), "rb");
-    if (!f) return "";
-    s.resize(std::fread(s.data(), 1, s.size(), f));
-    std::fclose(f);
-    return s;
+    std::ifstream f(path, std::ios::binary);
+    return std::string(std::istreambuf_iterator<char>(f), {});
 }
 
 bool refused_by_contract(const std::string& name) {
@@ -137,9 +127,8 @@ void check_restore(const fs::path& root, const Input& in, qm_history* h) {
     qm_version_entry added;
     qm_history_get(again, n, &added);
     if (added.id != (max_id < 0 ? 0 : max_id) + 1 || added.kind != 't' || added.parent != max_id) std::abort();
-    if (checked(qm_version_read(again, added.id, buf.data(), int32_t(buf.size())), buf) != restored) std::abort();
-    if (checked(qm_doc_read(root.c_str(), in.name.c_str(), buf.data(), int32_t(buf.size())), buf) != restored)
-        std::abort();
+    check(checked(qm_version_read(again, added.id, buf.data(), int32_t(buf.size())), buf) == restored);
+    check(checked(qm_doc_read(root.c_str(), in.name.c_str(), buf.data(), int32_t(buf.size())), buf) == restored);
     qm_history_close(again);
 }
 

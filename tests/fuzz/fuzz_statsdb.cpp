@@ -8,12 +8,11 @@
 // Every drive that opens is exported and has its days turned into dates.
 #include <sys/stat.h>
 
-#include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <string>
 #include <vector>
 
+#include "fuzz_support.h"
 #include "qm_core_internal.h"
 
 namespace {
@@ -29,48 +28,22 @@ const qm_drive_key& fixed_key() {
 }
 
 const std::string& drive_dir() {
-    static std::string dir = [] {
-        char tmpl[] = "/tmp/qm-fuzz-stats-XXXXXX";
-        if (!mkdtemp(tmpl)) std::abort();
-        mkdir((std::string(tmpl) + "/.qm").c_str(), 0700);
-        return std::string(tmpl);
+    static const std::string dir = [] {
+        std::string made = fuzz_folder("stats");
+        mkdir((made + "/.qm").c_str(), 0700);
+        return made;
     }();
     return dir;
 }
 
-void put(const std::string& name, const uint8_t* data, size_t len) {
-    FILE* f = std::fopen((drive_dir() + "/" + name).c_str(), "wb");
-    if (!f) std::abort();
-    if (len) std::fwrite(data, 1, len, f);
-    std::fclose(f);
-}
+void put(const std::string& name, const uint8_t* data, size_t len) { put_file(drive_dir() + "/" + name, data, len); }
 
 // A day's date, checked to be a real one (day 0 has none).
 uint64_t date_key(uint32_t day) {
     unsigned y = 1, m = 1, d = 1;
     qm_day_to_ymd(day, &y, &m, &d);
-    if (day == 0 ? (y | m | d) != 0 : (y < 1980 || m < 1 || m > 12 || d < 1 || d > 31)) std::abort();
+    check(day == 0 ? (y | m | d) == 0 : (y >= 1980 && m >= 1 && m <= 12 && d >= 1 && d <= 31));
     return (uint64_t(y) * 13 + m) * 32 + d;
-}
-
-// Dates must follow the order of the days.
-void check_dates(const qm_day* days, int n, const qm_summary& s) {
-    date_key(s.first_day);
-    date_key(s.last_day);
-    uint64_t prev = 0;
-    for (int i = 0; i < n; ++i) {
-        uint64_t key = date_key(days[i].day);
-        if (i > 0 && (days[i].day > days[i - 1].day) != (key > prev)) std::abort();
-        prev = key;
-    }
-}
-
-void check_export(const qm_drive* h) {
-    int n = qm_export_json(h, nullptr, 0);
-    if (n <= 0) std::abort();
-    std::vector<char> json(size_t(n) + 1);
-    if (qm_export_json(h, json.data(), n + 1) != n || std::strlen(json.data()) != size_t(n)) std::abort();
-    if (json[0] != '{' || json[size_t(n) - 1] != '}') std::abort();
 }
 
 // Opens the drive and reads everything the application reads; checks what must always hold.
@@ -78,17 +51,25 @@ void open_and_read() {
     int err = 1;
     qm_drive* h = qm_open(drive_dir().c_str(), &err);
     if (!h) {
-        if (err >= 0 || std::strcmp(qm_strerror(err), "unknown error") == 0) std::abort();
+        check(err < 0 && std::strcmp(qm_strerror(err), "unknown error") != 0);
         return;
     }
     qm_summary s;
     static qm_day days[QM_RING_SLOTS];
-    if (qm_summary_get(h, &s) != 0 || s.n_days > QM_RING_SLOTS) std::abort();
-    int n = qm_days_get(h, days, QM_RING_SLOTS);
-    for (int i = 0; i < n; ++i)
-        if (days[i].day == 0 || (i > 0 && days[i - 1].day > days[i].day)) std::abort();
-    check_dates(days, n, s);
-    check_export(h);
+    check(qm_summary_get(h, &s) == 0 && s.n_days <= QM_RING_SLOTS);
+    date_key(s.first_day);
+    date_key(s.last_day);
+    const int n = qm_days_get(h, days, QM_RING_SLOTS);
+    for (int i = 0; i < n; ++i) {  // days in order, and their dates in the same order
+        const uint64_t key = date_key(days[i].day), prev = i ? date_key(days[i - 1].day) : 0;
+        check(days[i].day != 0 && (i == 0 || days[i - 1].day <= days[i].day));
+        check(i == 0 || (days[i - 1].day < days[i].day) == (prev < key));
+    }
+    const int len = qm_export_json(h, nullptr, 0);
+    check(len > 0);
+    std::vector<char> json(size_t(len) + 1);
+    check(qm_export_json(h, json.data(), len + 1) == len && std::strlen(json.data()) == size_t(len));
+    check(json[0] == '{' && json[size_t(len) - 1] == '}');
     qm_close(h);
 }
 
@@ -109,7 +90,7 @@ void drive_files(const uint8_t* data, size_t size) {
     unsigned mask = 0;
     int pick = statsdb_pick(p, unsigned(db_len), p + db_len, unsigned(rest - db_len), key.enc_key, key.mac_key, &out,
                             nullptr, nullptr, &mask);
-    if (pick < 0 || pick > 2 || mask > 3) std::abort();
+    check(pick >= 0 && pick <= 2 && mask <= 3);
     put("stats.db", p, db_len);
     put("stats.bak", p + db_len, rest - db_len);
     open_and_read();
@@ -122,9 +103,8 @@ void authenticated_record(const uint8_t* data, size_t size) {
     std::vector<uint8_t> file(QM_STATS_FILE_SIZE);
     const qm_drive_key& k = fixed_key();
     statsdb_encode(&s, k.enc_key, k.mac_key, k.drive_id, 1, file.data(), nullptr);
-    if (statsdb_decode(file.data(), QM_STATS_FILE_SIZE, k.enc_key, k.mac_key, &back, nullptr, nullptr, nullptr) != 0)
-        std::abort();
-    if (back.ring_next >= QM_RING_SLOTS || back.ring_used > QM_RING_SLOTS) std::abort();
+    check(statsdb_decode(file.data(), QM_STATS_FILE_SIZE, k.enc_key, k.mac_key, &back, nullptr, nullptr, nullptr) == 0);
+    check(back.ring_next < QM_RING_SLOTS && back.ring_used <= QM_RING_SLOTS);
     uint8_t packed[QM_KEY_FILE_SIZE];
     drivekey_pack(&k, packed);
     put(".qm/drive.key", packed, sizeof packed);

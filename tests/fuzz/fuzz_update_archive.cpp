@@ -13,23 +13,18 @@
 
 #include "archive_unpack.h"
 #include "folder_swap.h"
+#include "fuzz_support.h"
 
 namespace {
 
 namespace fs = std::filesystem;
 
-void check(bool ok) {
-    if (!ok) std::abort();
-}
-
 // One folder per process; each input is unpacked into <base>/run/scratch.
 const fs::path& base() {
     static const fs::path path = [] {
-        std::string tmpl = "/tmp/qm-fuzz-unpack-XXXXXX";
-        check(mkdtemp(tmpl.data()) != nullptr);
-        static std::string made = tmpl;  // empty between inputs, so it goes at exit
+        static const std::string made = fuzz_folder("unpack");  // empty between inputs, so it goes at exit
         std::atexit([] { rmdir(made.c_str()); });
-        return fs::path(tmpl);
+        return fs::path(made);
     }();
     return path;
 }

@@ -6,14 +6,11 @@
 #include <cstdint>
 #include <cstdlib>
 
+#include "fuzz_support.h"
 #include "qm_core.h"
 #include "update_feed.h"
 
 namespace {
-
-void check(bool ok) {
-    if (!ok) std::abort();
-}
 
 const QString kBase = QStringLiteral("http://127.0.0.1:8080");
 const QString kCurrent = QStringLiteral("1.2.3");

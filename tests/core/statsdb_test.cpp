@@ -59,7 +59,8 @@ TEST(StatsFile, RoundTripsEncryptedRepairsRingIndicesAndRefusesAnyChange) {
     EXPECT_EQ(std::pair(back.ring_next, back.ring_used), std::pair(0u, 1024u));
     Bytes good = encode(sample_record(), k, 5), version = good;
     EXPECT_EQ(decode(Bytes(good.begin(), good.end() - 1), k), STATSDB_ESHORT);
-    EXPECT_EQ(statsdb_decode(nullptr, QM_STATS_FILE_SIZE, k.enc, k.mac, nullptr, nullptr, nullptr, nullptr), STATSDB_ESHORT);
+    EXPECT_EQ(statsdb_decode(nullptr, QM_STATS_FILE_SIZE, k.enc, k.mac, nullptr, nullptr, nullptr, nullptr),
+              STATSDB_ESHORT);
     EXPECT_EQ(statsdb_decode(good.data(), QM_STATS_FILE_SIZE, k.enc, k.enc, &back, id, &seq, tag), STATSDB_ETAG);
     version[8] = 3;  // still refused as too new even when re-authenticated
     hmac_sha256_ctx c;

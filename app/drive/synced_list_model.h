@@ -1,11 +1,12 @@
-// A list model over rows that its owner replaces as a whole. Rows present before and after keep
-// their place, so a view keeps its selection and scroll position: gone rows are removed, new ones
-// inserted and changed ones reported; only a list from another source (another drive, another
-// document) resets the model.
+// A list model over rows that its owner replaces as a whole. Rows present before and after stay
+// the same rows, so a view keeps its selection and scroll position: gone rows are removed, new ones
+// inserted, moved ones moved and changed ones reported; only a list from another source (another
+// drive, another document) resets the model.
 #pragma once
 #include <QAbstractListModel>
 #include <QList>
 #include <QSet>
+#include <functional>
 #include <type_traits>
 
 template <typename Row>
@@ -18,31 +19,28 @@ public:
     }
     const QList<Row>& rows() const { return rows_; }
 
-    // Replaces the rows by next, matching rows by keyOf(row). Keys are unique within a list.
-    template <typename KeyOf>
-    void sync(const QList<Row>& next, KeyOf keyOf) {
+    // Replaces the rows by next, matching rows by keyOf(row) (keys are unique within a list) and
+    // comparing matched rows with same(old, new).
+    template <typename KeyOf, typename Same = std::equal_to<Row>>
+    void sync(const QList<Row>& next, KeyOf keyOf, Same same = {}) {
         using Key = std::decay_t<decltype(keyOf(next.first()))>;
         QSet<Key> nextKeys;
         for (const Row& r : next) nextKeys.insert(keyOf(r));
         removeRowsNotIn(nextKeys, keyOf);
         QSet<Key> kept;
         for (const Row& r : rows_) kept.insert(keyOf(r));
-        if (!keepsOrder(next, kept, keyOf)) return reset(next);
+        // Rows before i are in their final order, so a kept row is always found at i or later.
         for (int i = 0; i < next.size();) {
-            if (kept.contains(keyOf(next[i]))) {
-                if (!(rows_[i] == next[i])) {
-                    rows_[i] = next[i];
-                    emit dataChanged(index(i), index(i));
-                }
-                ++i;
+            if (!kept.contains(keyOf(next[i]))) {
+                i = insertNewRun(next, i, kept, keyOf);
                 continue;
             }
-            int end = i;
-            while (end < next.size() && !kept.contains(keyOf(next[end]))) ++end;
-            beginInsertRows(QModelIndex(), i, end - 1);
-            for (int k = i; k < end; ++k) rows_.insert(k, next[k]);
-            endInsertRows();
-            i = end;
+            moveRowTo(i, keyOf(next[i]), keyOf);
+            if (!same(rows_[i], next[i])) {
+                rows_[i] = next[i];
+                emit dataChanged(index(i), index(i));
+            }
+            ++i;
         }
     }
 
@@ -79,13 +77,25 @@ private:
         }
     }
 
-    // The rows left have the order the same rows have in next.
+    // Inserts the run of new rows starting at next[from]; returns where the run ends.
     template <typename Key, typename KeyOf>
-    bool keepsOrder(const QList<Row>& next, const QSet<Key>& kept, KeyOf keyOf) const {
-        int i = 0;
-        for (const Row& r : next)
-            if (kept.contains(keyOf(r)) && keyOf(rows_[i++]) != keyOf(r)) return false;
-        return true;
+    int insertNewRun(const QList<Row>& next, int from, const QSet<Key>& kept, KeyOf keyOf) {
+        int end = from;
+        while (end < next.size() && !kept.contains(keyOf(next[end]))) ++end;
+        beginInsertRows(QModelIndex(), from, end - 1);
+        for (int k = from; k < end; ++k) rows_.insert(k, next[k]);
+        endInsertRows();
+        return end;
+    }
+
+    template <typename Key, typename KeyOf>
+    void moveRowTo(int to, const Key& key, KeyOf keyOf) {
+        int at = to;
+        while (keyOf(rows_[at]) != key) ++at;
+        if (at == to) return;
+        beginMoveRows(QModelIndex(), at, at, QModelIndex(), to);
+        rows_.move(at, to);
+        endMoveRows();
     }
 
     QList<Row> rows_;

@@ -107,9 +107,9 @@ std::string read_small_fd(int fd, size_t limit, const std::string& what) {
 }
 
 std::string hex(const unsigned char* bytes, size_t n) {
-    static const char digits[] = "0123456789abcdef";
-    std::string out;
-    for (size_t i = 0; i < n; ++i) out += {digits[bytes[i] >> 4], digits[bytes[i] & 15]};
+    std::string out(2 * n + 1, '\0');
+    sodium_bin2hex(out.data(), out.size(), bytes, n);
+    out.pop_back();
     return out;
 }
 

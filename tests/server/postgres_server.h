@@ -39,13 +39,6 @@ public:
 
     bool available() const { return why_not_.empty(); }
     const std::string& why_not() const { return why_not_; }
-    // The server's main process, whose children serve the connections.
-    pid_t pid() const {
-        std::ifstream lock(dir_ + "/data/postmaster.pid");
-        pid_t pid = 0;
-        lock >> pid;
-        return pid;
-    }
 
     // A new, empty database: its name, or as a URI that PgStorage and open_storage take.
     std::string new_database() {

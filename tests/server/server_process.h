@@ -10,8 +10,6 @@
 #include <unistd.h>
 
 #include <cstdlib>
-#include <fstream>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -56,7 +54,9 @@ public:
         read_port(out[0]);
         close(out[0]);
     }
-    ~ServerProcess() { stop(); }
+    ~ServerProcess() {
+        if (pid_ > 0 && kill(pid_, SIGTERM) == 0) exit_status(pid_);
+    }
     ServerProcess(const ServerProcess&) = delete;
     ServerProcess& operator=(const ServerProcess&) = delete;
 
@@ -65,45 +65,7 @@ public:
     pid_t pid() const { return pid_; }
     std::string url() const { return "http://127.0.0.1:" + std::to_string(port_); }
 
-    // Seconds of CPU the process has used so far (user and system).
-    double cpu_seconds() const { return process_cpu_seconds(pid_); }
-
-    // Exit status after SIGTERM, -1 when it did not exit cleanly.
-    int stop() {
-        if (pid_ <= 0) return -1;
-        kill(pid_, SIGTERM);
-        int status = exit_status(pid_);
-        pid_ = -1;
-        return status;
-    }
-
-    static double process_cpu_seconds(pid_t pid) {
-        std::istringstream fields = stat_fields(pid);
-        std::string skip;
-        for (int i = 0; i < 11; ++i) fields >> skip;  // state .. cmajflt
-        double user = 0, system = 0;
-        fields >> user >> system;
-        return (user + system) / double(sysconf(_SC_CLK_TCK));
-    }
-
-    // 0 when there is no such process.
-    static pid_t parent_of(pid_t pid) {
-        std::istringstream fields = stat_fields(pid);
-        std::string state;
-        pid_t parent = 0;
-        fields >> state >> parent;
-        return parent;
-    }
-
 private:
-    // /proc/PID/stat from the field after the command name on (the name may hold spaces).
-    static std::istringstream stat_fields(pid_t pid) {
-        std::ifstream in("/proc/" + std::to_string(pid) + "/stat");
-        std::string stat((std::istreambuf_iterator<char>(in)), {});
-        size_t close_paren = stat.rfind(')');
-        return std::istringstream(close_paren == std::string::npos ? "" : stat.substr(close_paren + 2));
-    }
-
     // The service prints "qm-server: listening on http://127.0.0.1:PORT" once it can be reached.
     void read_port(int fd) {
         std::string seen;

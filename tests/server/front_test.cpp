@@ -6,8 +6,6 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <cstdio>
-
 #include "service_fixture.h"
 
 namespace {
@@ -194,14 +192,8 @@ TEST_F(FrontTls, AcceptsOnlyTls12WithForwardSecrecyAnd13AndAsksForHttpsOnly) {
         {"-tls1_3", true},
     };
     for (const Case& c : cases) {
-        std::string cmd = "printf '" + kMe + "Connection: close\\r\\n\\r\\n' | timeout 10 openssl s_client -quiet -connect 127.0.0.1:" +
-                          std::to_string(port_) + " " + c.client + " 2>/dev/null";
-        std::string out;
-        FILE* p = popen(cmd.c_str(), "r");
-        ASSERT_TRUE(p);
-        char buf[4096];
-        for (size_t n; (n = fread(buf, 1, sizeof buf, p)) > 0;) out.append(buf, n);
-        pclose(p);
+        std::string out = output_of("printf '" + kMe + "Connection: close\\r\\n\\r\\n' | timeout 10 openssl s_client "
+                                    "-quiet -connect 127.0.0.1:" + std::to_string(port_) + " " + c.client + " 2>/dev/null");
         EXPECT_EQ(status_of(out), c.accepted ? 401 : 0) << c.client << "\n" << out;
         if (c.accepted) {
             EXPECT_NE(out.find("Strict-Transport-Security: max-age=63072000"), std::string::npos) << out;

@@ -6,6 +6,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <cstdio>
 #include <cstdlib>
 #include <memory>
 #include <string>
@@ -24,6 +25,23 @@
 
 inline int64_t unix_now() {
     return std::chrono::duration_cast<std::chrono::seconds>(std::chrono::system_clock::now().time_since_epoch()).count();
+}
+
+// What a shell command prints on its standard output.
+inline std::string output_of(const std::string& command) {
+    std::string out;
+    FILE* p = popen(command.c_str(), "r");
+    char buf[4096];
+    for (size_t n; p && (n = fread(buf, 1, sizeof buf, p)) > 0;) out.append(buf, n);
+    if (p) pclose(p);
+    return out;
+}
+
+inline std::string login_body(const std::string& email, const std::string& password) {
+    return "{\"email\":\"" + email + "\",\"password\":\"" + password + "\"}";
+}
+inline std::string drive_body(const std::string& id, const std::string& key, const std::string& label) {
+    return "{\"drive_id\":\"" + id + "\",\"k_upload\":\"" + key + "\",\"label\":\"" + label + "\"}";
 }
 
 // A drive as the deck writes it, opened through the core.
@@ -81,6 +99,7 @@ private:
 class ServiceFixture : public ::testing::Test {
 protected:
     static constexpr const char* kPassword = "correct horse battery staple";
+    static constexpr const char* kLogin = "/api/v1/auth/login";
 
     // tls: serve HTTPS with a certificate made now by the openssl command.
     void start(bool tls = false, FrontOptions front_options = {}) {
@@ -150,26 +169,26 @@ protected:
         return from(client_->Get(path.c_str(), headers));
     }
 
-    // Straight to the service, as if from address: the front fills it from the socket.
-    Answer handle_from(const std::string& address, const std::string& path, const std::string& body) {
+    // The owner's sign-in straight to the service, as if from address: the front fills it from the socket.
+    Answer login_from(const std::string& address, const std::string& password) {
         ServiceRequest r;
         r.method = "POST";
-        r.path = path;
+        r.path = kLogin;
         r.address = address;
-        r.body = body;
+        r.body = login_body("owner@example.org", password);
         ServiceResponse res = service_->handle(r);
         return Answer{res.status, res.body};
     }
 
     std::string sign_in(const std::string& email) {
-        Answer a = post("/api/v1/auth/login", "{\"email\":\"" + email + "\",\"password\":\"" + kPassword + "\"}");
+        Answer a = post(kLogin, login_body(email, kPassword));
         EXPECT_EQ(a.status, 200) << a.body;
         auto doc = json::parse(a.body);
         return doc ? doc->string_at("token").value_or("") : "";
     }
-    Answer register_drive(const DeckDrive& d, const std::string& token, const std::string& label = "DECK") {
-        return post("/api/v1/drives/register",
-                    "{\"drive_id\":\"" + d.id() + "\",\"k_upload\":\"" + d.key() + "\",\"label\":\"" + label + "\"}", token);
+    Answer register_drive(const DeckDrive& d, const std::string& token, const std::string& label = "DECK",
+                          const std::string& key = "") {
+        return post("/api/v1/drives/register", drive_body(d.id(), key.empty() ? d.key() : key, label), token);
     }
     Answer publish(const DeckDrive& d, const std::string& token, const std::string& body, int64_t timestamp = 0,
                    std::string signature = "") {

@@ -26,8 +26,8 @@ TEST_P(Sign, InGivesATokenThatNamesTheAccountAndWrongDetailsGetOneMessage) {
     EXPECT_EQ(me.status, 200);
     EXPECT_EQ(me.body, "{\"email\":\"owner@example.org\"}");
 
-    Answer wrong_password = post("/api/v1/auth/login", "{\"email\":\"owner@example.org\",\"password\":\"nope\"}");
-    Answer unknown_email = post("/api/v1/auth/login", "{\"email\":\"nobody@example.org\",\"password\":\"nope\"}");
+    Answer wrong_password = post(kLogin, login_body("owner@example.org", "nope"));
+    Answer unknown_email = post(kLogin, login_body("nobody@example.org", "nope"));
     EXPECT_EQ(wrong_password.status, 401);
     EXPECT_EQ(unknown_email.status, 401);
     EXPECT_EQ(wrong_password.body, unknown_email.body);
@@ -41,40 +41,36 @@ TEST_P(Sign, InGivesATokenThatNamesTheAccountAndWrongDetailsGetOneMessage) {
 }
 
 TEST_P(Sign, InBacksOffTheSourceOfFailuresNotTheAccount) {
-    const std::string wrong = "{\"email\":\"owner@example.org\",\"password\":\"guess\"}";
-    const std::string right = std::string("{\"email\":\"owner@example.org\",\"password\":\"") + kPassword + "\"}";
     // The owner signs in from home once; a burst of guesses then comes from elsewhere, all at once.
-    ASSERT_EQ(handle_from("192.0.2.7", "/api/v1/auth/login", right).status, 200);
+    ASSERT_EQ(login_from("192.0.2.7", kPassword).status, 200);
     const LoginLimits limits;
     std::vector<std::thread> burst;
     std::atomic<int> evaluated{0}, refused{0};
     for (int i = 0; i < 4 * limits.per_source; ++i)
         burst.emplace_back([&] {
-            int status = handle_from("198.51.100.1", "/api/v1/auth/login", wrong).status;
+            int status = login_from("198.51.100.1", "guess").status;
             (status == 401 ? evaluated : refused) += status == 401 || status == 429;
         });
     for (auto& t : burst) t.join();
     EXPECT_EQ(evaluated, limits.per_source);
     EXPECT_EQ(refused, 3 * limits.per_source);
-    Answer locked = handle_from("198.51.100.1", "/api/v1/auth/login", right);
+    Answer locked = login_from("198.51.100.1", kPassword);
     EXPECT_EQ(locked.status, 429);
     EXPECT_EQ(locked.message(), "Too many failed sign-ins for this e-mail address. Try again in 15 minutes.");
-    EXPECT_EQ(handle_from("192.0.2.7", "/api/v1/auth/login", right).status, 200) << "the owner's usual address";
+    EXPECT_EQ(login_from("192.0.2.7", kPassword).status, 200) << "the owner's usual address";
 
     // Guesses spread over many addresses stop at the account's limit, except from where the owner
     // signed in before.
-    for (int i = 0; i < limits.per_account; ++i)
-        handle_from("203.0.113." + std::to_string(i % 200), "/api/v1/auth/login", wrong);
-    Answer stranger = handle_from("203.0.113.250", "/api/v1/auth/login", right);
+    for (int i = 0; i < limits.per_account; ++i) login_from("203.0.113." + std::to_string(i % 200), "guess");
+    Answer stranger = login_from("203.0.113.250", kPassword);
     EXPECT_EQ(stranger.status, 429);
     EXPECT_NE(stranger.message().find("from new places"), std::string::npos) << stranger.body;
-    EXPECT_EQ(handle_from("192.0.2.7", "/api/v1/auth/login", right).status, 200);
+    EXPECT_EQ(login_from("192.0.2.7", kPassword).status, 200);
 
     clock_offset_ = 10 * 60;
-    EXPECT_NE(handle_from("198.51.100.1", "/api/v1/auth/login", wrong).message().find("Try again in 5 minutes."),
-              std::string::npos);
+    EXPECT_NE(login_from("198.51.100.1", "guess").message().find("Try again in 5 minutes."), std::string::npos);
     clock_offset_ = 15 * 60;
-    EXPECT_EQ(handle_from("198.51.100.1", "/api/v1/auth/login", right).status, 200);
+    EXPECT_EQ(login_from("198.51.100.1", kPassword).status, 200);
 }
 
 TEST_P(Sign, InEndsWhenSignedOutOrUnusedFor90Days) {
@@ -106,9 +102,7 @@ TEST_P(Drives, FirstAccountOwnsTheDriveAndNobodyElseChangesIt) {
     Answer taken = register_drive(drive, other, "MINE");
     EXPECT_EQ(taken.status, 409);
     EXPECT_EQ(taken.message(), "That drive belongs to another account.");
-    Answer rekey = post("/api/v1/drives/register",
-                        "{\"drive_id\":\"" + drive.id() + "\",\"k_upload\":\"" + std::string(64, '0') + "\",\"label\":\"X\"}", other);
-    EXPECT_EQ(rekey.status, 409);
+    EXPECT_EQ(register_drive(drive, other, "X", std::string(64, '0')).status, 409);
     auto stored = storage_->drive(drive.id());
     EXPECT_EQ(to_hex(reinterpret_cast<const unsigned char*>(stored->upload_key.data()), 32), drive.key());
     EXPECT_EQ(stored->label, "RENAMED");
@@ -118,13 +112,8 @@ TEST_P(Drives, FirstAccountOwnsTheDriveAndNobodyElseChangesIt) {
 // Every refusal is a JSON message that names what is wrong; a malformed request costs no work.
 TEST_P(Drives, MalformedRequestsAreRefusedNamingWhatIsWrong) {
     std::string token = sign_in("owner@example.org");
-    const std::string id(32, 'a'), key(64, 'b'), login = "/api/v1/auth/login", reg = "/api/v1/drives/register";
-    auto signing_in = [](const std::string& email, const std::string& password) {
-        return "{\"email\":\"" + email + "\",\"password\":\"" + password + "\"}";
-    };
-    auto drive = [](const std::string& i, const std::string& k) {
-        return "{\"drive_id\":\"" + i + "\",\"k_upload\":\"" + k + "\",\"label\":\"L\"}";
-    };
+    const std::string id(32, 'a'), key(64, 'b'), login = kLogin, reg = "/api/v1/drives/register";
+    auto drive = [](const std::string& i, const std::string& k) { return drive_body(i, k, "L"); };
     struct Case {
         std::string path, body;
         int status;
@@ -136,9 +125,9 @@ TEST_P(Drives, MalformedRequestsAreRefusedNamingWhatIsWrong) {
         {login, "{\"email\":\"owner@example.org\"}", 400, "\"email\""},
         {login, "{\"email\":1,\"password\":\"x\"}", 400, "\"email\""},
         {login, "{\"email\":\"a\",\"password\":\"b\",\"email\":\"c\"}", 400, "\"email\""},
-        {login, signing_in(std::string(255, 'a'), "x"), 400, "longer than"},
-        {login, signing_in(std::string(1 << 19, 'a'), "x"), 400, "longer than"},
-        {login, signing_in("owner@example.org", std::string(1025, 'p')), 400, "longer than"},
+        {login, login_body(std::string(255, 'a'), "x"), 400, "longer than"},
+        {login, login_body(std::string(1 << 19, 'a'), "x"), 400, "longer than"},
+        {login, login_body("owner@example.org", std::string(1025, 'p')), 400, "longer than"},
         {reg, "{not json", 400, "\"drive_id\""},
         {reg, "{\"drive_id\":\"" + id + "\",\"k_upload\":\"" + key + "\"}", 400, "\"label\""},
         {reg, drive(id.substr(1), key), 400, "32 hexadecimal"},
@@ -260,12 +249,7 @@ TEST_F(PageInBrowser, ShowsThePublishedTotalsAndTheHeatMap) {
     // No sandbox: test machines often run as root, where Chromium refuses to start with one.
     std::string cmd = "/usr/bin/chromium --headless --no-sandbox --disable-gpu --no-first-run --user-data-dir=" +
                       (dir_ / "chromium") + " --dump-dom " + base_ + "/d/" + drive.id() + " 2>/dev/null";
-    std::string dom;
-    FILE* f = popen(cmd.c_str(), "r");
-    ASSERT_TRUE(f);
-    char buf[4096];
-    for (size_t n; (n = fread(buf, 1, sizeof buf, f)) > 0;) dom.append(buf, n);
-    pclose(f);
+    std::string dom = output_of(cmd);
     ASSERT_NE(dom.find("Writing statistics"), std::string::npos) << dom.substr(0, 400);
     qm_summary s = drive.summary();
     for (const std::string& shown : {"<td>" + grouped(s.words) + "</td>", "<td>" + duration_text(s.write_secs) + "</td>",
@@ -307,8 +291,7 @@ TEST_F(TwoInstances, OnOneDatabaseRefuseReplaysAndCountSignInsTogether) {
     for (int i = 0; i < 4 * limits.per_source; ++i)
         burst.emplace_back([&, i] {
             httplib::Client c(i % 2 ? b.url() : a.url());
-            evaluated += from(c.Post("/api/v1/auth/login", "{\"email\":\"owner@example.org\",\"password\":\"guess\"}",
-                                     "application/json")).status == 401;
+            evaluated += from(c.Post(kLogin, login_body("owner@example.org", "guess"), "application/json")).status == 401;
         });
     for (auto& t : burst) t.join();
     EXPECT_EQ(evaluated, limits.per_source);

@@ -16,8 +16,11 @@ inline std::vector<std::string> stdStrings(const QStringList& list) {
     return out;
 }
 
-// Starts a program with `input` on its standard input and, when given, its standard output in a file.
-inline pid_t spawnWithInput(const QStringList& args, const QByteArray& input, const QString& output = {}) {
+inline int exitStatusOf(pid_t pid) { return exit_status(pid); }
+
+// Runs a program to its end with `input` on its standard input and, when given, its standard output
+// in a file; its exit status.
+inline int runProgram(const QStringList& args, const QByteArray& input = {}, const QString& output = {}) {
     int in[2];
     if (::pipe2(in, O_CLOEXEC) != 0) return -1;
     int out = output.isEmpty() ? -1 : ::open(QFile::encodeName(output), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
@@ -26,14 +29,7 @@ inline pid_t spawnWithInput(const QStringList& args, const QByteArray& input, co
     if (out >= 0) ::close(out);
     if (!input.isEmpty()) (void)!::write(in[1], input.constData(), size_t(input.size()));
     ::close(in[1]);
-    return pid;
-}
-
-inline int exitStatusOf(pid_t pid) { return exit_status(pid); }
-
-// Runs a program to its end; its exit status.
-inline int runProgram(const QStringList& args, const QByteArray& input = {}, const QString& output = {}) {
-    return exitStatusOf(spawnWithInput(args, input, output));
+    return exit_status(pid);
 }
 
 // qm-server on a free loopback port, stopped when this goes.

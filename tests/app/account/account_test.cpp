@@ -200,8 +200,18 @@ TEST_F(ServiceTest, AddUserRefusesAShortPassword) {
 #endif
 }
 
-TEST_F(ServiceTest, SignInRejectedThenAcceptedAndCheckedOnTheNextStart) {
+TEST_F(ServiceTest, ATokenTheServiceRefusesIsForgottenThenSignInIsRejectedAcceptedAndCheckedOnTheNextStart) {
+    ASSERT_TRUE(Store::setToken(base_, QString("not-a-token-the-service-gave")));
     AccountModel m;
+    ASSERT_TRUE(QTest::qWaitFor([&] { return !m.working(); }, 35000));
+    EXPECT_EQ(m.accountStatus(), "Not signed in.");
+    EXPECT_FALSE(Store::token(base_));
+    ASSERT_TRUE(Store::setToken(base_, QString("not-a-token-the-service-gave")));
+    m.signOut();  // refused by the service, forgotten here all the same
+    ASSERT_TRUE(QTest::qWaitFor([&] { return !m.working(); }, 35000));
+    EXPECT_EQ(m.accountStatus(), "Not signed in.");
+    EXPECT_FALSE(Store::token(base_));
+
     signInAs(m, "owner@example.org", "wrong password");
     EXPECT_EQ(m.email(), "owner@example.org");
     EXPECT_EQ(m.password(), "wrong password");
@@ -217,20 +227,6 @@ TEST_F(ServiceTest, SignInRejectedThenAcceptedAndCheckedOnTheNextStart) {
     AccountModel later;  // a new start checks the stored sign-in once
     ASSERT_TRUE(QTest::qWaitFor([&] { return !later.working(); }, 35000));
     EXPECT_EQ(later.accountStatus(), "Signed in as owner@example.org");
-}
-
-TEST_F(ServiceTest, ATokenTheServiceRefusesIsForgottenOnTheCheckAndOnSignOut) {
-    ASSERT_TRUE(Store::setToken(base_, QString("not-a-token-the-service-gave")));
-    AccountModel m;
-    ASSERT_TRUE(QTest::qWaitFor([&] { return !m.working(); }, 35000));
-    EXPECT_EQ(m.accountStatus(), "Not signed in.");
-    EXPECT_FALSE(Store::token(base_));
-
-    ASSERT_TRUE(Store::setToken(base_, QString("not-a-token-the-service-gave")));
-    m.signOut();  // refused by the service, forgotten here all the same
-    ASSERT_TRUE(QTest::qWaitFor([&] { return !m.working(); }, 35000));
-    EXPECT_EQ(m.accountStatus(), "Not signed in.");
-    EXPECT_FALSE(Store::token(base_));
 }
 
 TEST_F(ServiceTest, PublishShowsThePageGuardsTheDriveAndNeedsASignIn) {

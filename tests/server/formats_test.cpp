@@ -175,15 +175,10 @@ TEST(ReleaseFeedFolder, AnswersTheNewestReleaseOfThePlatformAndChannelAsked) {
         EXPECT_EQ(answered_version(res), c.version) << res.body;
     }
     std::string log = testing::internal::GetCapturedStderr();
-    auto mentions = [&](const std::string& name) {
-        size_t n = 0;
-        for (size_t at = log.find(name); at != std::string::npos; at = log.find(name, at + 1)) ++n;
-        return n;
-    };
     // One line per bad file, however often the folder is read; files that are no description are not bad.
-    EXPECT_EQ(mentions("/bad.json"), 1u) << log;
-    EXPECT_EQ(mentions("/big.json"), 1u) << log;
-    EXPECT_EQ(mentions("half-written") + mentions("notes.txt"), 0u) << log;
+    EXPECT_EQ(count_of(log, "/bad.json"), 1u) << log;
+    EXPECT_EQ(count_of(log, "/big.json"), 1u) << log;
+    EXPECT_EQ(count_of(log, "half-written") + count_of(log, "notes.txt"), 0u) << log;
     EXPECT_EQ(feed.check(cases[0].query).body, release_json(std::get<Release>(read_release(description("macos", "stable", "1.10.0")))));
 
     // Published, corrected or withdrawn while the service runs: the next request sees it.

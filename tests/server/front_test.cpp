@@ -191,9 +191,10 @@ TEST_F(FrontTls, AcceptsOnlyTls12WithForwardSecrecyAnd13AndAsksForHttpsOnly) {
         {"-tls1_2 -cipher ECDHE-RSA-AES128-GCM-SHA256", true},
         {"-tls1_3", true},
     };
+    const std::string s_client = "printf '" + kMe + "Connection: close\\r\\n\\r\\n' | timeout 10 openssl s_client "
+                                 "-quiet -connect 127.0.0.1:" + std::to_string(port_) + " ";
     for (const Case& c : cases) {
-        std::string out = output_of("printf '" + kMe + "Connection: close\\r\\n\\r\\n' | timeout 10 openssl s_client "
-                                    "-quiet -connect 127.0.0.1:" + std::to_string(port_) + " " + c.client + " 2>/dev/null");
+        std::string out = output_of(s_client + c.client + " 2>/dev/null");
         EXPECT_EQ(status_of(out), c.accepted ? 401 : 0) << c.client << "\n" << out;
         if (c.accepted) {
             EXPECT_NE(out.find("Strict-Transport-Security: max-age=63072000"), std::string::npos) << out;

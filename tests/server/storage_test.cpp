@@ -209,7 +209,7 @@ TEST(PgStorage, WorksOnAfterTheServerEndsItsConnections) {
         for (int t = 0; t < 4; ++t) threads.emplace_back([&, t] {
             std::string email = std::to_string(round) + "-" + std::to_string(t) + "@example.org";
             EXPECT_NO_THROW(done += storage.add_account(email, "hash") && storage.account_by_email(email) &&
-                                    storage.reserve_login(email, "10.0.0.1", kNow, {}).refused == LoginReservation::None);
+                            storage.reserve_login(email, "10.0.0.1", kNow, {}).refused == LoginReservation::None);
         });
         for (std::thread& t : threads) t.join();
         return done.load();

@@ -102,12 +102,6 @@ std::string description(const std::string& platform, const std::string& channel,
            "\",\"signature\":\"" + std::string(128, 'B') + "\",\"mandatory\":false}";
 }
 
-std::string with(std::string text, const std::string& from, const std::string& to) {
-    size_t at = text.find(from);
-    EXPECT_NE(at, std::string::npos) << from;
-    return at == std::string::npos ? text : text.replace(at, from.size(), to);
-}
-
 std::string answered_version(const ServiceResponse& res) {
     auto doc = json::parse(res.body);
     return doc ? doc->string_at("version").value_or("(none)") : "(not JSON: " + res.body + ")";

@@ -148,8 +148,8 @@ TEST_P(Drives, MalformedRequestsAreRefusedNamingWhatIsWrong) {
         }
     }
     // Nothing was counted against anyone: the owner's ten tries are all still there.
-    EXPECT_EQ(storage_->reserve_login("owner@example.org", "127.0.0.1", unix_now(), LoginLimits{.per_source = 1}).refused,
-              LoginReservation::None);
+    LoginReservation r = storage_->reserve_login("owner@example.org", "127.0.0.1", unix_now(), {.per_source = 1});
+    EXPECT_EQ(r.refused, LoginReservation::None);
 }
 
 class Publish : public OnBothBackends {
@@ -192,12 +192,12 @@ TEST_P(Publish, RefusesEveryUploadThatIsNotTheOwnersFreshSignedExport) {
     const std::string other = sign_in("other@example.org");
     const int64_t now = unix_now();
     const std::string seq = "\"seq\":" + std::to_string(drive_.summary().seq);
-    auto with = [&](const std::string& from, const std::string& to) {
-        std::string b = body;
-        b.replace(b.find(from), from.size(), to);
-        return b;
+    const std::string stats = "/api/v1/drives/" + drive_.id() + "/stats";
+    auto mine = [&](const std::string& b, int64_t at, const std::string& signature = "") {
+        return publish(drive_, owner_, b, at, signature);
     };
-    ASSERT_EQ(publish(drive_, owner_, body, now).status, 200);
+    auto changed = [&](const std::string& from, const std::string& to) { return with(body, from, to); };
+    ASSERT_EQ(mine(body, now).status, 200);
 
     struct Case {
         const char* what;
@@ -205,20 +205,21 @@ TEST_P(Publish, RefusesEveryUploadThatIsNotTheOwnersFreshSignedExport) {
         int status;
         const char* words;
     } cases[] = {
-        {"tampered body", publish(drive_, owner_, with("\"words\":", "\"words\":1"), now, drive_.sign(std::to_string(now), body)), 401, "signature"},
-        {"stale timestamp", publish(drive_, owner_, body, now - Service::kTimestampWindow - 5), 400, "5 minutes"},
-        {"from the future", publish(drive_, owner_, body, now + Service::kTimestampWindow + 5), 400, "clock"},
-        {"replay", publish(drive_, owner_, body, now), 409, "received before"},
-        {"lower seq", publish(drive_, owner_, with(seq, "\"seq\":0"), now + 1), 409, "older"},
+        {"tampered body", mine(changed("\"words\":", "\"words\":1"), now, drive_.sign(std::to_string(now), body)), 401,
+         "signature"},
+        {"stale timestamp", mine(body, now - Service::kTimestampWindow - 5), 400, "5 minutes"},
+        {"from the future", mine(body, now + Service::kTimestampWindow + 5), 400, "clock"},
+        {"replay", mine(body, now), 409, "received before"},
+        {"lower seq", mine(changed(seq, "\"seq\":0"), now + 1), 409, "older"},
         {"another account", publish(drive_, other, body, now + 2), 409, "another account"},
         {"forgotten token", publish(drive_, std::string(64, 'c'), body, now + 3), 401, "Sign in"},
-        {"no signature", post("/api/v1/drives/" + drive_.id() + "/stats", body, owner_), 400, "X-QM-Signature"},
-        {"not JSON", publish(drive_, owner_, "counts", now + 4), 400, "JSON object"},
-        {"another drive's id inside", publish(drive_, owner_, with(drive_.id(), std::string(32, '0')), now + 5), 400, "drive_id"},
-        {"older format", publish(drive_, owner_, with("\"format\":2", "\"format\":1"), now + 6), 400, "format 2"},
-        {"negative counter", publish(drive_, owner_, with("\"saves\":", "\"saves\":-"), now + 7), 400, "saves"},
-        {"over 1 MiB", publish(drive_, owner_, body + std::string(Service::kMaxBody, ' '), now + 8), 413, "1 MiB"},
-        {"unregistered drive", post("/api/v1/drives/" + std::string(32, 'e') + "/stats", body, owner_), 404, "not registered"},
+        {"no signature", post(stats, body, owner_), 400, "X-QM-Signature"},
+        {"not JSON", mine("counts", now + 4), 400, "JSON object"},
+        {"another drive's id inside", mine(changed(drive_.id(), std::string(32, '0')), now + 5), 400, "drive_id"},
+        {"older format", mine(changed("\"format\":2", "\"format\":1"), now + 6), 400, "format 2"},
+        {"negative counter", mine(changed("\"saves\":", "\"saves\":-"), now + 7), 400, "saves"},
+        {"over 1 MiB", mine(body + std::string(Service::kMaxBody, ' '), now + 8), 413, "1 MiB"},
+        {"unregistered drive", post(with(stats, drive_.id(), std::string(32, 'e')), body, owner_), 404, "registered"},
     };
     for (const Case& c : cases) {
         EXPECT_EQ(c.answer.status, c.status) << c.what << ": " << c.answer.body;
@@ -226,7 +227,7 @@ TEST_P(Publish, RefusesEveryUploadThatIsNotTheOwnersFreshSignedExport) {
     }
     // None of them changed what is published; the same counts under a new timestamp still go through.
     EXPECT_EQ(storage_->published(drive_.id())->first.seq, drive_.summary().seq);
-    EXPECT_EQ(publish(drive_, owner_, body, now + 9).status, 200);
+    EXPECT_EQ(mine(body, now + 9).status, 200);
 }
 
 ON_BOTH_BACKENDS(Sign);
@@ -249,8 +250,8 @@ TEST_F(PageInBrowser, ShowsThePublishedTotalsAndTheHeatMap) {
     std::string dom = output_of(cmd);
     ASSERT_NE(dom.find("Writing statistics"), std::string::npos) << dom.substr(0, 400);
     qm_summary s = drive.summary();
-    for (const std::string& shown : {"<td>" + grouped(s.words) + "</td>", "<td>" + duration_text(s.write_secs) + "</td>",
-                                     std::string("<svg"), std::string("<rect")})
+    for (std::string shown : {"<td>" + grouped(s.words) + "</td>", "<td>" + duration_text(s.write_secs) + "</td>",
+                              std::string("<svg"), std::string("<rect")})
         EXPECT_NE(dom.find(shown), std::string::npos) << shown;
 }
 
@@ -267,7 +268,8 @@ TEST_F(TwoInstances, OnOneDatabaseRefuseReplaysAndCountSignInsTogether) {
     std::string add = std::string("printf '%s' '") + kPassword + "' | " QM_SERVER_PATH " add-user --db '" + db +
                       "' --fast-hash-for-tests owner@example.org >/dev/null";
     ASSERT_EQ(std::system(add.c_str()), 0);
-    ServerProcess a(QM_SERVER_PATH, {"--db", db, "--fast-hash-for-tests"}), b(QM_SERVER_PATH, {"--db", db, "--fast-hash-for-tests"});
+    const std::vector<std::string> args{"--db", db, "--fast-hash-for-tests"};
+    ServerProcess a(QM_SERVER_PATH, args), b(QM_SERVER_PATH, args);
     ASSERT_TRUE(a.port() && b.port());
     DeckDrive drive;
     const std::string body = drive.export_json();

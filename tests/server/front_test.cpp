@@ -26,7 +26,9 @@ public:
         EXPECT_EQ(connect(fd_, reinterpret_cast<sockaddr*>(&a), sizeof a), 0);
     }
     ~RawClient() { close(fd_); }
-    bool send(std::string_view data) { return ::send(fd_, data.data(), data.size(), MSG_NOSIGNAL) == ssize_t(data.size()); }
+    bool send(std::string_view data) {
+        return ::send(fd_, data.data(), data.size(), MSG_NOSIGNAL) == ssize_t(data.size());
+    }
     bool readable(int ms = 0) {
         pollfd p{fd_, POLLIN, 0};
         return poll(&p, 1, ms) == 1;
@@ -56,7 +58,9 @@ private:
     int fd_;
 };
 
-int status_of(const std::string& answer) { return answer.rfind("HTTP/1.1 ", 0) == 0 ? std::atoi(answer.c_str() + 9) : 0; }
+int status_of(const std::string& answer) {
+    return answer.rfind("HTTP/1.1 ", 0) == 0 ? std::atoi(answer.c_str() + 9) : 0;
+}
 
 const std::string kMe = "GET /api/v1/me HTTP/1.1\r\nHost: 127.0.0.1\r\n";
 
@@ -70,7 +74,8 @@ TEST_F(Front, SlowClientsNeitherHoldUpOthersNorOutstayTheRequestDeadline) {
     options.request_deadline = 2s;
     start(false, options);
     std::vector<std::unique_ptr<RawClient>> slow;  // 200, more than the old front had threads
-    for (int i = 0; i < 200; ++i) slow.push_back(std::make_unique<RawClient>(port_, "127.0.0." + std::to_string(2 + i % 7)));
+    for (int i = 0; i < 200; ++i)
+        slow.push_back(std::make_unique<RawClient>(port_, "127.0.0." + std::to_string(2 + i % 7)));
     auto begun = Clock::now();
     std::atomic<bool> done{false};
     std::atomic<int> ended{0};
@@ -103,6 +108,7 @@ TEST_F(Front, OversizedRequestsAreRefusedBeforeTheyAreRead) {
     start();
     std::string many_lines = kMe;
     for (int i = 0; i < 150; ++i) many_lines += "X-Line-" + std::to_string(i) + ": 1\r\n";
+    const std::string post = "POST /api/v1/auth/login HTTP/1.1\r\nHost: x\r\n";
     struct Case {
         const char* what;
         std::string start, repeated;
@@ -111,9 +117,9 @@ TEST_F(Front, OversizedRequestsAreRefusedBeforeTheyAreRead) {
         {"more header lines than allowed", many_lines + "\r\n", "", 431},
         {"header lines without end", kMe, many_lines.substr(kMe.size()), 0},
         {"one endless header line", kMe + "X-Long: ", std::string(4096, 'a'), 0},
-        {"a body announced as far over 1 MiB", "POST /api/v1/auth/login HTTP/1.1\r\nHost: x\r\nContent-Length: 99000000\r\n\r\n", "", 413},
+        {"a body announced as far over 1 MiB", post + "Content-Length: 99000000\r\n\r\n", "", 413},
         {"a body over 1 MiB waiting for 100 Continue",
-         "POST /api/v1/auth/login HTTP/1.1\r\nHost: x\r\nExpect: 100-continue\r\nContent-Length: 2000000\r\n\r\n", "", 413},
+         post + "Expect: 100-continue\r\nContent-Length: 2000000\r\n\r\n", "", 413},
     };
     for (const Case& c : cases) {
         RawClient client(port_, "127.0.0.1");
@@ -172,7 +178,8 @@ TEST(ClientAddress, IsThePeerUnlessTheTrustedProxyNamesAValidOne) {
         {"::ffff:192.0.2.7", "", "", "192.0.2.7"},
     };
     for (const Case& c : cases)
-        EXPECT_EQ(client_address(c.peer, c.x_real_ip, c.proxy), c.expected) << c.peer << " / " << c.x_real_ip << " / " << c.proxy;
+        EXPECT_EQ(client_address(c.peer, c.x_real_ip, c.proxy), c.expected)
+            << c.peer << " / " << c.x_real_ip << " / " << c.proxy;
 }
 
 class FrontTls : public ServiceFixture {

@@ -27,9 +27,10 @@ openssl req -x509 -newkey rsa:2048 -nodes -days 2 -subj "/CN=$host" -addext "sub
   -keyout "$work/privkey.pem" -out "$work/fullchain.pem" 2>/dev/null || die "openssl made no certificate"
 
 # The site as shipped, on this test's ports and certificate; every substitution must have matched.
-sed -e "s|^    listen 443 ssl;|    listen 127.0.0.1:$https_port ssl;|" -e "s|^    listen 80;|    listen 127.0.0.1:$http_port;|" \
-    -e '/^    listen \[::\]:/d' -e "s|^    server 127.0.0.1:8080;|    server 127.0.0.1:$service_port;|" \
-    -e "s|/etc/ssl/qm-server/|$work/|" "$site" >"$work/site.conf"
+sed -e "s|^    listen 443 ssl;|    listen 127.0.0.1:$https_port ssl;|" \
+    -e "s|^    listen 80;|    listen 127.0.0.1:$http_port;|" -e '/^    listen \[::\]:/d' \
+    -e "s|^    server 127.0.0.1:8080;|    server 127.0.0.1:$service_port;|" -e "s|/etc/ssl/qm-server/|$work/|" \
+    "$site" >"$work/site.conf"
 for line in "listen 127.0.0.1:$https_port ssl;" "listen 127.0.0.1:$http_port;" "server 127.0.0.1:$service_port;" \
             "ssl_certificate $work/fullchain.pem;" "ssl_certificate_key $work/privkey.pem;"; do
   grep -qF "$line" "$work/site.conf" || die "the site file no longer has the line this test rewrites to: $line"

@@ -188,7 +188,8 @@ protected:
 // An account is made only with a password of 8 characters or more, counted as characters.
 TEST_F(ServiceTest, AddUserRefusesAShortPassword) {
 #if defined(QM_SERVER_PATH)
-    const QStringList args{QM_SERVER_PATH, "add-user", "--db", QString::fromStdString(data_ / "new.db"), "new@example.org"};
+    const QString db = QString::fromStdString(data_ / "new.db");
+    const QStringList args{QM_SERVER_PATH, "add-user", "--db", db, "new@example.org"};
     auto add = [&](const QString& password) { return runProgram(args, (password + "\n").toUtf8()); };
     EXPECT_EQ(add("seven 7"), 1);
     EXPECT_EQ(add("Ünïcödé"), 1);  // 7 characters in 11 bytes

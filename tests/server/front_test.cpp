@@ -108,7 +108,7 @@ TEST_F(Front, OversizedRequestsAreRefusedBeforeTheyAreRead) {
     start();
     std::string many_lines = kMe;
     for (int i = 0; i < 150; ++i) many_lines += "X-Line-" + std::to_string(i) + ": 1\r\n";
-    const std::string post = "POST /api/v1/auth/login HTTP/1.1\r\nHost: x\r\n";
+    const std::string login_head = "POST /api/v1/auth/login HTTP/1.1\r\nHost: x\r\n";
     struct Case {
         const char* what;
         std::string start, repeated;
@@ -117,9 +117,9 @@ TEST_F(Front, OversizedRequestsAreRefusedBeforeTheyAreRead) {
         {"more header lines than allowed", many_lines + "\r\n", "", 431},
         {"header lines without end", kMe, many_lines.substr(kMe.size()), 0},
         {"one endless header line", kMe + "X-Long: ", std::string(4096, 'a'), 0},
-        {"a body announced as far over 1 MiB", post + "Content-Length: 99000000\r\n\r\n", "", 413},
+        {"a body announced as far over 1 MiB", login_head + "Content-Length: 99000000\r\n\r\n", "", 413},
         {"a body over 1 MiB waiting for 100 Continue",
-         post + "Expect: 100-continue\r\nContent-Length: 2000000\r\n\r\n", "", 413},
+         login_head + "Expect: 100-continue\r\nContent-Length: 2000000\r\n\r\n", "", 413},
     };
     for (const Case& c : cases) {
         RawClient client(port_, "127.0.0.1");

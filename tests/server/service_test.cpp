@@ -219,7 +219,8 @@ TEST_P(Publish, RefusesEveryUploadThatIsNotTheOwnersFreshSignedExport) {
         {"older format", mine(changed("\"format\":2", "\"format\":1"), now + 6), 400, "format 2"},
         {"negative counter", mine(changed("\"saves\":", "\"saves\":-"), now + 7), 400, "saves"},
         {"over 1 MiB", mine(body + std::string(Service::kMaxBody, ' '), now + 8), 413, "1 MiB"},
-        {"unregistered drive", post(with(stats, drive_.id(), std::string(32, 'e')), body, owner_), 404, "registered"},
+        {"unregistered drive", post(with(stats, drive_.id(), std::string(32, 'e')), body, owner_), 404,
+         "not registered"},
     };
     for (const Case& c : cases) {
         EXPECT_EQ(c.answer.status, c.status) << c.what << ": " << c.answer.body;

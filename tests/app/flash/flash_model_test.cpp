@@ -352,7 +352,8 @@ TEST(FlashView, DialogsPickerAndAWriteLockingTheControls) {
     HeldWrite b;
     b.answers.leaveOpen = true;  // the view answers
     FlashView view(&b.model);
-    view.show();
+    view.show();  // scans: the list below changes only after that scan has read it
+    ASSERT_TRUE(QTest::qWaitFor([&] { return !b.model.scanning(); }, 10000));
     QComboBox* picker = view.findChild<QComboBox*>();
     QProgressBar* progress = view.findChild<QProgressBar*>();
     EXPECT_TRUE(progress->isHidden());

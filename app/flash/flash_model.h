@@ -128,7 +128,6 @@ private:
     void showReport(const WriterLine& line);
     void finish(const Outcome& outcome, const USBDrive& drive);
     void tell(FlashDialog::Kind kind, const QString& title, const QString& text);
-    void countImage(const QString& path);
 
     std::unique_ptr<DiskScanner> scanner_;
     std::optional<QString> resources_;
@@ -147,7 +146,7 @@ private:
     int scanning_ = 0;
     std::optional<Pending> pending_;
     int lastQuestion_ = 0;
-    QHash<QString, std::optional<qint64>> imageSizes_;  // by path; none while being counted
+    QHash<QString, std::optional<qint64>> imageSizes_;  // by path, size and time; none while counted
     QElapsedTimer phaseClock_;  // since the first report of the phase (writing, checking)
     WriterLine::Kind phase_ = WriterLine::Other;
     WritingKeeper keeper_;

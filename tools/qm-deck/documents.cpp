@@ -155,13 +155,6 @@ std::string refs_text(const Version& latest) {
     return "head\t" + std::to_string(latest.id) + "\nbranch\tmain\n" + base + "sync\tdeck\n";
 }
 
-std::string put(const fs::path& path, const std::string& data) {
-    std::ofstream f(path, std::ios::binary | std::ios::trunc);
-    f.write(data.data(), std::streamsize(data.size()));
-    f.close();
-    return f ? "" : "could not write " + path.string();
-}
-
 std::string write_document(const fs::path& root, const Document& d) {
     std::error_code ec;
     fs::path folder = root / ".qmv" / d.name;
@@ -296,6 +289,13 @@ void print_versions(qm_history* h, FILE* out) {
 }
 
 }  // namespace
+
+std::string put(const std::filesystem::path& path, const std::string& data) {
+    std::ofstream f(path, std::ios::binary | std::ios::trunc);
+    f.write(data.data(), std::streamsize(data.size()));
+    f.close();
+    return f ? "" : "could not write " + path.string();
+}
 
 std::string write_documents(const std::string& dir, const DocOptions& options, uint64_t seed) {
     Rng rng{seed};

@@ -2,6 +2,7 @@
 #pragma once
 #include <cstdint>
 #include <cstdio>
+#include <filesystem>
 #include <string>
 
 namespace deck {
@@ -15,6 +16,9 @@ struct DocOptions {
     bool long_doc = false;         // a document of more than 1,020 lines
     bool hostile_name = false;     // log lines and folders whose names try to leave the history folder
 };
+
+// Writes data to path, replacing what was there. Returns an empty string, or a message.
+std::string put(const std::filesystem::path& path, const std::string& data);
 
 // Writes the documents and their histories under the drive folder `dir`, deterministically
 // from `seed`. Returns an empty string, or a message saying what could not be written.

@@ -22,12 +22,6 @@ std::string slurp(const fs::path& path) {
     return std::string(std::istreambuf_iterator<char>(f), {});
 }
 
-std::string put(const fs::path& path, const std::string& data) {
-    std::ofstream f(path, std::ios::binary);
-    f.write(data.data(), std::streamsize(data.size()));
-    return f.good() ? "" : "cannot write " + path.string();
-}
-
 // A scratch drive folder, removed when done.
 struct Scratch {
     fs::path path = fs::temp_directory_path() / ("qm-deck-seeds-" + std::to_string(std::random_device{}()));

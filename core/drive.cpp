@@ -286,7 +286,10 @@ extern "C" int hex16_to_u64(const char* s, uint64_t* out) {
     uint64_t v = 0;
     for (int i = 0; i < 16; ++i) {
         char c = s[i];
-        int d = c >= '0' && c <= '9' ? c - '0' : c >= 'a' && c <= 'f' ? c - 'a' + 10 : c >= 'A' && c <= 'F' ? c - 'A' + 10 : -1;
+        int d = c >= '0' && c <= '9'   ? c - '0'
+                : c >= 'a' && c <= 'f' ? c - 'a' + 10
+                : c >= 'A' && c <= 'F' ? c - 'A' + 10
+                                       : -1;
         if (d < 0) return HEX16_EBAD;
         v = v << 4 | unsigned(d);
     }

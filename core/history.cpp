@@ -328,8 +328,8 @@ int32_t add_saved_point(const qm_history* h, int32_t restored, const char* stamp
         !history_path(log_path, h->root, h->doc, "history.log") || !history_path(refs_path, h->root, h->doc, "refs"))
         return QM_EIO;
     mode_t doc_mode, refs_mode, version_mode;
-    if (names_a_version(h, file) || !regular_or_absent(doc_path, &doc_mode) || !regular_or_absent(refs_path, &refs_mode) ||
-        !regular_or_absent(version_path, &version_mode))
+    if (names_a_version(h, file) || !regular_or_absent(doc_path, &doc_mode) ||
+        !regular_or_absent(refs_path, &refs_mode) || !regular_or_absent(version_path, &version_mode))
         return QM_EIO;
 
     uint64_t hash = fnv1a64(text, len);
@@ -344,18 +344,19 @@ int32_t add_saved_point(const qm_history* h, int32_t restored, const char* stamp
     char line[320];
     char tag[64];
     std::snprintf(tag, sizeof tag, "reverted to version %d", restored);
-    int line_len = std::snprintf(line, sizeof line, "%s%d\t%d\t%s\t%c\t%016llx\t%lu\t%s\t%.23s\t%s\n",
-                                 ends_with_newline(log, log_st.st_size) ? "" : "\n", number, latest->id,
-                                 latest->branch[0] ? latest->branch : "main", 't', static_cast<unsigned long long>(hash),
-                                 static_cast<unsigned long>(len), file, stamp, tag);
+    int line_len =
+        std::snprintf(line, sizeof line, "%s%d\t%d\t%s\t%c\t%016llx\t%lu\t%s\t%.23s\t%s\n",
+                      ends_with_newline(log, log_st.st_size) ? "" : "\n", number, latest->id,
+                      latest->branch[0] ? latest->branch : "main", 't', static_cast<unsigned long long>(hash),
+                      static_cast<unsigned long>(len), file, stamp, tag);
 
     // A file already bearing the new name is one that no log line names (checked above), left by
     // an interrupted restore, and is replaced.
     int version = drive_files::open_regular_for_writing(version_path, O_WRONLY | O_CREAT | O_TRUNC, 0644);
     bool version_made = version >= 0;
     Pending doc_temp, refs_temp;
-    bool ok = version_made && write_flushed(version, text, len, 0644) && doc_temp.write(doc_path, text, len, doc_mode) &&
-              refs_temp.write(refs_path, refs, refs_len, refs_mode);
+    bool ok = version_made && write_flushed(version, text, len, 0644) &&
+              doc_temp.write(doc_path, text, len, doc_mode) && refs_temp.write(refs_path, refs, refs_len, refs_mode);
     if (ok) flush_folder(version_path);  // the version file's name reaches the drive before a log line names it
     ok = ok && append_flushed(log, log_st.st_size, line, size_t(line_len));
     if (ok && !doc_temp.rename_to(doc_path)) {

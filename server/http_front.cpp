@@ -96,7 +96,8 @@ std::string header(MHD_Connection* c, const char* name) {
 
 std::string read_pem(const std::string& path, const char* what) {
     FILE* f = std::fopen(path.c_str(), "rb");
-    if (!f) throw std::runtime_error(std::string("cannot read the TLS ") + what + " " + path + ": " + std::strerror(errno));
+    if (!f)
+        throw std::runtime_error(std::string("cannot read the TLS ") + what + " " + path + ": " + std::strerror(errno));
     std::string text;
     char buf[4096];
     size_t n;
@@ -214,7 +215,8 @@ private:
     }
 
     void run() {
-        auto tick = std::clamp<Clock::duration>(limit_ / 8, std::chrono::milliseconds(10), std::chrono::milliseconds(250));
+        auto tick =
+            std::clamp<Clock::duration>(limit_ / 8, std::chrono::milliseconds(10), std::chrono::milliseconds(250));
         std::unique_lock lock(mutex_);
         while (!wake_.wait_for(lock, tick, [this] { return stopping_; })) {
             auto now = Clock::now();
@@ -327,7 +329,8 @@ struct HttpFront::Impl {
             if (n > Service::kMaxBody) {
                 // Far too large, or the client waits for our word before sending: answer now,
                 // and the library closes the connection.
-                if (n > kMaxDiscarded || !header(c, MHD_HTTP_HEADER_EXPECT).empty()) return queue(c, error_response(413));
+                if (n > kMaxDiscarded || !header(c, MHD_HTTP_HEADER_EXPECT).empty())
+                    return queue(c, error_response(413));
                 x.too_large = true;
             }
             // Not all of it: a client announcing 1 MiB and sending nothing must not hold 1 MiB.
@@ -468,7 +471,8 @@ int HttpFront::bind(const std::string& host, int port) {
     hints.ai_socktype = SOCK_STREAM;
     hints.ai_flags = AI_PASSIVE | AI_NUMERICSERV;
     addrinfo* found = nullptr;
-    if (getaddrinfo(host.empty() ? nullptr : host.c_str(), std::to_string(port).c_str(), &hints, &found) != 0) return -1;
+    if (getaddrinfo(host.empty() ? nullptr : host.c_str(), std::to_string(port).c_str(), &hints, &found) != 0)
+        return -1;
     for (addrinfo* a = found; a && f.listen_fd < 0; a = a->ai_next) {
         int fd = ::socket(a->ai_family, a->ai_socktype | SOCK_NONBLOCK | SOCK_CLOEXEC, a->ai_protocol);
         if (fd < 0) continue;
@@ -494,7 +498,8 @@ bool HttpFront::serve(Service& service) {
     f.service = &service;
     f.deadlines.start();
     f.workers.start(std::max(1, f.options.threads));
-    MHD_Daemon* daemon = f.start_daemon(MHD_USE_INTERNAL_POLLING_THREAD | MHD_USE_EPOLL | MHD_ALLOW_SUSPEND_RESUME, true);
+    MHD_Daemon* daemon =
+        f.start_daemon(MHD_USE_INTERNAL_POLLING_THREAD | MHD_USE_EPOLL | MHD_ALLOW_SUSPEND_RESUME, true);
     if (daemon) {
         std::unique_lock lock(f.stop_mutex);
         f.stop_wanted.wait(lock, [&f] { return f.stop_requested; });

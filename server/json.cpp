@@ -204,7 +204,8 @@ private:
             if ((c & 0xC0) != 0x80) return false;
             cp = cp << 6 | (c & 0x3F);
         }
-        if ((extra == 2 && (cp < 0x800 || (cp >= 0xD800 && cp <= 0xDFFF))) || (extra == 3 && (cp < 0x10000 || cp > 0x10FFFF)))
+        if ((extra == 2 && (cp < 0x800 || (cp >= 0xD800 && cp <= 0xDFFF))) ||
+            (extra == 3 && (cp < 0x10000 || cp > 0x10FFFF)))
             return false;
         out.append(s_.substr(pos_, size_t(extra) + 1));
         pos_ += size_t(extra) + 1;

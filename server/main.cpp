@@ -123,7 +123,8 @@ int add_user(const Arguments& a) {
     if (password.empty()) throw std::invalid_argument("no password on standard input");
     if (characters(password) < kMinPassword) {
         sodium_memzero(password.data(), password.size());
-        std::fprintf(stderr, "qm-server: the password is shorter than %zu characters; choose a longer one\n", kMinPassword);
+        std::fprintf(stderr, "qm-server: the password is shorter than %zu characters; choose a longer one\n",
+                     kMinPassword);
         return 1;
     }
     std::unique_ptr<Storage> storage = open_storage(a.db);
@@ -173,7 +174,8 @@ int serve(const Arguments& a) {
     auto [host, port] = split_address(a.listen);
     bool tls = !a.tls_cert.empty();
     if (!tls && !is_loopback(host))
-        throw std::invalid_argument("without --tls-cert and --tls-key the service listens on loopback only (127.0.0.1 or ::1), not " + host);
+        throw std::invalid_argument(
+            "without --tls-cert and --tls-key the service listens on loopback only (127.0.0.1 or ::1), not " + host);
     struct stat st;
     if (!a.releases.empty() && (stat(a.releases.c_str(), &st) != 0 || !S_ISDIR(st.st_mode)))
         throw std::invalid_argument("--releases " + a.releases + " is not a folder");

@@ -13,7 +13,8 @@ PasswordCost PasswordCost::fastest() { return {crypto_pwhash_OPSLIMIT_MIN, crypt
 std::string hash_password(const std::string& password, PasswordCost cost) {
     char out[crypto_pwhash_STRBYTES];
     // crypto_pwhash_str picks Argon2id in every libsodium from 1.0.15 on.
-    if (crypto_pwhash_str_alg(out, password.data(), password.size(), cost.ops, cost.mem, crypto_pwhash_ALG_ARGON2ID13) != 0)
+    if (crypto_pwhash_str_alg(out, password.data(), password.size(), cost.ops, cost.mem,
+                              crypto_pwhash_ALG_ARGON2ID13) != 0)
         throw std::runtime_error("not enough memory to hash a password");
     return out;
 }

@@ -35,7 +35,8 @@ public:
     void login_succeeded(int64_t attempt, const std::string& email, const std::string& address, int64_t now) override;
     RegisterResult register_drive(const DriveRecord& drive) override;
     std::optional<DriveRecord> drive(const std::string& drive_id) override;
-    PublishResult publish(const Upload& upload, const PublishedStats& stats, int64_t now, int64_t forget_before) override;
+    PublishResult publish(const Upload& upload, const PublishedStats& stats, int64_t now,
+                          int64_t forget_before) override;
     std::optional<std::pair<PublishedStats, int64_t>> published(const std::string& drive_id) override;
 
     // The URI with its password, if any, replaced by "***": for messages and logs.

@@ -63,7 +63,8 @@ std::string heat_map(const std::vector<PublishedDay>& days) {
             if (day < 0 || day > int64_t(latest)) continue;
             auto it = words.find(uint32_t(day));
             uint32_t n = it == words.end() ? 0 : it->second;
-            svg += format("<rect x=\"%d\" y=\"%d\" width=\"%d\" height=\"%d\" rx=\"2\" fill=\"%s\"><title>%s: %s words</title></rect>",
+            svg += format("<rect x=\"%d\" y=\"%d\" width=\"%d\" height=\"%d\" rx=\"2\" fill=\"%s\">"
+                          "<title>%s: %s words</title></rect>",
                           kLeft + w * (kCell + kGap), kTop + d * (kCell + kGap), kCell, kCell, shade(n, peak),
                           format_date(uint32_t(day)).c_str(), grouped(n).c_str());
         }

@@ -49,7 +49,8 @@ std::string read_counts(const json::Value& doc, PublishedStats& s) {
     if (!counters || counters->kind != json::Value::Kind::Object) return invalid("\"counters\" must be an object");
     for (size_t i = 0; i < s.counters.size(); ++i)
         if (!read_unsigned(*counters, PublishedStats::kCounterNames[i], s.counters[i]))
-            return invalid(std::string("the counter \"") + PublishedStats::kCounterNames[i] + "\" is missing or not a whole number");
+            return invalid(std::string("the counter \"") + PublishedStats::kCounterNames[i] +
+                           "\" is missing or not a whole number");
     const json::Value* streak = doc.find("device_streak");
     if (!streak || streak->kind != json::Value::Kind::Object || !read_unsigned(*streak, "current", s.streak_current) ||
         !read_unsigned(*streak, "best", s.streak_best) || !read_unsigned(*streak, "days_written", s.days_written))
@@ -65,7 +66,8 @@ std::variant<PublishedStats, std::string> read_export(std::string_view body, std
     const json::Value* format = doc->find("format");
     if (!format || format->as_unsigned() != uint64_t(kExportFormat))
         return invalid("only format 2 is accepted; update the app");
-    if (doc->string_at("drive_id") != drive_id) return invalid("the \"drive_id\" inside differs from the drive in the address");
+    if (doc->string_at("drive_id") != drive_id)
+        return invalid("the \"drive_id\" inside differs from the drive in the address");
     PublishedStats s;
     if (!read_unsigned(*doc, "seq", s.seq)) return invalid("\"seq\" must be a whole number");
     if (auto error = read_counts(*doc, s); !error.empty()) return error;

@@ -88,7 +88,8 @@ std::variant<Release, std::string> read_release(std::string_view text) {
     if (!bytes) return std::string("\"size\" is not a whole number of bytes");
     r.size = int64_t(*bytes);
     const json::Value* mandatory = doc->find("mandatory");
-    if (!mandatory || mandatory->kind != json::Value::Kind::Bool) return std::string("\"mandatory\" is not true or false");
+    if (!mandatory || mandatory->kind != json::Value::Kind::Bool)
+        return std::string("\"mandatory\" is not true or false");
     r.mandatory = mandatory->boolean;
     for (char& c : r.signature)
         if (c >= 'A' && c <= 'F') c = char(c - 'A' + 'a');
@@ -122,7 +123,8 @@ std::vector<Release> ReleaseFeed::releases() {
         if (stat(path.c_str(), &st) != 0) continue;  // gone since the listing
         int64_t mtime_ns = int64_t(st.st_mtim.tv_sec) * 1000000000 + st.st_mtim.tv_nsec;
         Seen& seen = seen_[name];
-        bool unchanged = seen.inode == uint64_t(st.st_ino) && seen.mtime_ns == mtime_ns && seen.size == int64_t(st.st_size);
+        bool unchanged =
+            seen.inode == uint64_t(st.st_ino) && seen.mtime_ns == mtime_ns && seen.size == int64_t(st.st_size);
         if (!unchanged) {
             seen = Seen{mtime_ns, int64_t(st.st_size), uint64_t(st.st_ino), std::nullopt};
             std::string why;
@@ -134,7 +136,8 @@ std::vector<Release> ReleaseFeed::releases() {
             else if (int64_t(text->size()) > kMaxDescription) why = "larger than 64 KiB";
             else if (auto r = read_release(*text); auto* release = std::get_if<Release>(&r)) seen.release = *release;
             else why = std::get<std::string>(r);
-            if (!why.empty()) std::fprintf(stderr, "qm-server: skipping the release description %s: %s\n", path.c_str(), why.c_str());
+            if (!why.empty())
+                std::fprintf(stderr, "qm-server: skipping the release description %s: %s\n", path.c_str(), why.c_str());
         }
         if (seen.release) out.push_back(*seen.release);
     }
@@ -148,8 +151,9 @@ ServiceResponse ReleaseFeed::check(const std::map<std::string, std::string>& que
     };
     std::string platform = value("platform"), channel = value("channel"), version = value("version");
     if (platform.empty() || channel.empty())
-        return json_answer(400, json::message("Ask with the query parameters platform, channel and version, for example "
-                                              "?platform=macos&channel=stable&version=1.2.0."));
+        return json_answer(400,
+                           json::message("Ask with the query parameters platform, channel and version, for example "
+                                         "?platform=macos&channel=stable&version=1.2.0."));
     std::optional<Release> newest;
     for (Release& r : releases()) {
         if (r.platform != platform || r.channel != channel) continue;

@@ -69,7 +69,8 @@ Service::~Service() = default;
 
 int64_t Service::now() const {
     if (options_.clock) return options_.clock();
-    return std::chrono::duration_cast<std::chrono::seconds>(std::chrono::system_clock::now().time_since_epoch()).count();
+    return std::chrono::duration_cast<std::chrono::seconds>(std::chrono::system_clock::now().time_since_epoch())
+        .count();
 }
 
 ServiceResponse Service::handle(const ServiceRequest& request) {
@@ -148,7 +149,8 @@ namespace {
 // Holds one of the service's password-hashing slots for as long as it lives.
 class HashingSlot {
 public:
-    explicit HashingSlot(std::counting_semaphore<1024>& s) : s_(s), held_(s.try_acquire_for(std::chrono::seconds(10))) {}
+    explicit HashingSlot(std::counting_semaphore<1024>& s)
+        : s_(s), held_(s.try_acquire_for(std::chrono::seconds(10))) {}
     ~HashingSlot() {
         if (held_) s_.release();
     }
@@ -164,7 +166,9 @@ ServiceResponse too_many_attempts(const LoginReservation& refusal) {
     std::string in = std::to_string(minutes) + (minutes == 1 ? " minute" : " minutes");
     std::string text;
     switch (refusal.refused) {
-    case LoginReservation::Address: text = "Too many failed sign-ins from your network. Try again in " + in + "."; break;
+    case LoginReservation::Address:
+        text = "Too many failed sign-ins from your network. Try again in " + in + ".";
+        break;
     case LoginReservation::Account:
         text = "Too many failed sign-ins for this e-mail address from new places. Try again in " + in +
                ", or from where you signed in before.";
@@ -231,9 +235,11 @@ ServiceResponse Service::register_drive(const ServiceRequest& r) {
     auto drive_id = normalised_hex(*id, 32);
     if (!drive_id) return refuse(400, kDriveIdForm);
     unsigned char key_bytes[32];
-    if (!from_hex(*key, key_bytes, sizeof key_bytes)) return refuse(400, "The upload key must be 64 hexadecimal digits.");
+    if (!from_hex(*key, key_bytes, sizeof key_bytes))
+        return refuse(400, "The upload key must be 64 hexadecimal digits.");
     if (label->size() > 256) return refuse(400, "The drive's label is too long; 256 bytes at most.");
-    DriveRecord drive{*drive_id, account->id, std::string(reinterpret_cast<char*>(key_bytes), sizeof key_bytes), *label};
+    DriveRecord drive{*drive_id, account->id, std::string(reinterpret_cast<char*>(key_bytes), sizeof key_bytes),
+                      *label};
     sodium_memzero(key_bytes, sizeof key_bytes);
     switch (storage_.register_drive(drive)) {
     case RegisterResult::Created: return answer(200, json::message("The drive is registered with your account."));
@@ -249,13 +255,15 @@ std::optional<ServiceResponse> Service::refuse_upload_headers(const ServiceReque
     auto ts = unix_seconds(r.timestamp);
     unsigned char sent[32];
     if (!ts || !from_hex(r.signature, sent, sizeof sent))
-        return refuse(400, "The upload needs X-QM-Timestamp (Unix seconds) and X-QM-Signature (64 hexadecimal digits).");
+        return refuse(400,
+                      "The upload needs X-QM-Timestamp (Unix seconds) and X-QM-Signature (64 hexadecimal digits).");
     if (*ts < now() - kTimestampWindow || *ts > now() + kTimestampWindow)
         return refuse(400, "The upload's time differs from the service's clock by more than 5 minutes. "
                            "Check the computer's date and time, then publish again.");
     unsigned char mac[crypto_auth_hmacsha256_BYTES];
     crypto_auth_hmacsha256_state st;
-    crypto_auth_hmacsha256_init(&st, reinterpret_cast<const unsigned char*>(drive.upload_key.data()), drive.upload_key.size());
+    crypto_auth_hmacsha256_init(&st, reinterpret_cast<const unsigned char*>(drive.upload_key.data()),
+                                drive.upload_key.size());
     crypto_auth_hmacsha256_update(&st, reinterpret_cast<const unsigned char*>(r.timestamp.data()), r.timestamp.size());
     crypto_auth_hmacsha256_update(&st, reinterpret_cast<const unsigned char*>("."), 1);
     crypto_auth_hmacsha256_update(&st, reinterpret_cast<const unsigned char*>(r.body.data()), r.body.size());
@@ -267,13 +275,15 @@ std::optional<ServiceResponse> Service::refuse_upload_headers(const ServiceReque
 }
 
 ServiceResponse Service::publish(const ServiceRequest& r, const std::string& path_id) {
-    if (r.body.size() > kMaxBody) return refuse(413, "The statistics are larger than 1 MiB; no drive's export is that large.");
+    if (r.body.size() > kMaxBody)
+        return refuse(413, "The statistics are larger than 1 MiB; no drive's export is that large.");
     auto account = signed_in(r);
     if (!account) return refuse(401, kNotSignedIn);
     auto drive_id = normalised_hex(path_id, 32);
     if (!drive_id) return refuse(400, kDriveIdForm);
     auto drive = storage_.drive(*drive_id);
-    if (!drive) return refuse(404, "This drive is not registered yet. Publish from the Statistics tab, which registers it.");
+    if (!drive)
+        return refuse(404, "This drive is not registered yet. Publish from the Statistics tab, which registers it.");
     if (drive->owner != account->id) return refuse(409, "That drive belongs to another account.");
     if (auto refused = refuse_upload_headers(r, *drive)) return *refused;
     auto stats = read_export(r.body, *drive_id);
@@ -282,7 +292,8 @@ ServiceResponse Service::publish(const ServiceRequest& r, const std::string& pat
     int64_t t = now();
     switch (storage_.publish(upload, std::get<PublishedStats>(stats), t, t - kTimestampWindow)) {
     case PublishResult::Replayed:
-        return refuse(409, "This exact upload was received before and is not taken twice. Publish again to send it anew.");
+        return refuse(409,
+                      "This exact upload was received before and is not taken twice. Publish again to send it anew.");
     case PublishResult::OlderSeq:
         return refuse(409, "These statistics are older than the ones already published for this drive. "
                            "Publish from the drive with the latest statistics.");

@@ -158,7 +158,8 @@ struct SqliteStorage::Cache {
 };
 
 SqliteStorage::SqliteStorage(const std::string& path) : cache_(new Cache) {
-    int rc = sqlite3_open_v2(path.c_str(), &db_, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX, nullptr);
+    int rc =
+        sqlite3_open_v2(path.c_str(), &db_, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX, nullptr);
     if (rc != SQLITE_OK) {
         std::string why = db_ ? sqlite3_errmsg(db_) : "out of memory";
         sqlite3_close(db_);
@@ -225,7 +226,8 @@ void SqliteStorage::migrate() {
             if (read.step()) version = read.integer(0);
         }
         if (version > kSchemaVersion)
-            throw std::runtime_error("the database was made by a newer qm-server (schema " + std::to_string(version) + ")");
+            throw std::runtime_error("the database was made by a newer qm-server (schema " + std::to_string(version) +
+                                     ")");
         for (int64_t v = version; v < kSchemaVersion; ++v) exec(kMigrations[v]);
         if (version == 0) Statement(db_, "INSERT INTO schema_version VALUES (0)").run();
         Statement(db_, "UPDATE schema_version SET version = ?").bind(1, kSchemaVersion).run();
@@ -274,8 +276,10 @@ std::optional<Account> SqliteStorage::account_by_token(const std::string& token_
         last_used = s.integer(3);
     }
     // Once an hour is exact enough for a 90-day limit and spares a write on every request.
-    if (now - last_used >= kTokenUseResolution)
-        prepared("UPDATE tokens SET last_used = ? WHERE token_sha256 = ?").bind(1, now).bind_blob(2, token_sha256).run();
+    if (now - last_used >= kTokenUseResolution) {
+        Statement& touch = prepared("UPDATE tokens SET last_used = ? WHERE token_sha256 = ?");
+        touch.bind(1, now).bind_blob(2, token_sha256).run();
+    }
     return account;
 }
 
@@ -324,9 +328,10 @@ LoginReservation SqliteStorage::reserve_login(const std::string& email, const st
             r.refused = why;
             r.retry_after = std::max<int64_t>(1, counted.second + limits.window - now);
         };
-        refuse_when(attempts_since("SELECT count(*), min(at) FROM login_attempts WHERE email = ? AND address = ? AND at > ?",
-                                   email, &address, since),
-                    limits.per_source, LoginReservation::Source);
+        refuse_when(
+            attempts_since("SELECT count(*), min(at) FROM login_attempts WHERE email = ? AND address = ? AND at > ?",
+                           email, &address, since),
+            limits.per_source, LoginReservation::Source);
         refuse_when(attempts_since("SELECT count(*), min(at) FROM login_attempts WHERE address = ? AND at > ?", address,
                                    nullptr, since),
                     limits.per_address, LoginReservation::Address);
@@ -380,7 +385,8 @@ void SqliteStorage::login_succeeded(int64_t attempt, const std::string& email, c
 
 RegisterResult SqliteStorage::register_drive(const DriveRecord& d) {
     std::lock_guard lock(mutex_);
-    Statement& insert = prepared("INSERT OR IGNORE INTO drives (drive_id, owner, upload_key, label) VALUES (?, ?, ?, ?)");
+    Statement& insert =
+        prepared("INSERT OR IGNORE INTO drives (drive_id, owner, upload_key, label) VALUES (?, ?, ?, ?)");
     insert.bind(1, d.drive_id).bind(2, d.owner).bind_blob(3, d.upload_key).bind(4, d.label).run();
     if (sqlite3_changes(db_) == 1) return RegisterResult::Created;
     // Only the label can change, and only for the owner: the key stays the one first registered.

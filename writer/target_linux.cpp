@@ -64,14 +64,16 @@ std::string node_of_by_id_link(const std::string& link) {
     if (n < 0) throw WriterError("cannot read " + link + ": " + std::strerror(errno));
     std::string target(buf, static_cast<size_t>(n));
     std::string name = target.rfind("../../", 0) == 0 ? target.substr(6) : "";
-    if (!disk_policy::is_safe_device_name(name)) throw WriterError(link + " does not lead to a disk in /dev; choose the disk again");
+    if (!disk_policy::is_safe_device_name(name))
+        throw WriterError(link + " does not lead to a disk in /dev; choose the disk again");
     return "/dev/" + name;
 }
 
 // "/dev/NAME", or a by-id link that leads to one; empty for any other path.
 std::string device_node(const std::string& path, std::string* by_id) {
     if (path.rfind(kById, 0) == 0) {
-        if (!disk_policy::is_safe_device_name(path.substr(kById.size()))) throw WriterError(path + " is not a disk's name in /dev/disk/by-id");
+        if (!disk_policy::is_safe_device_name(path.substr(kById.size())))
+            throw WriterError(path + " is not a disk's name in /dev/disk/by-id");
         *by_id = path;
         return node_of_by_id_link(path);
     }

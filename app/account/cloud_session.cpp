@@ -76,7 +76,8 @@ CloudSession::Answer CloudSession::request(const QByteArray& method, const QStri
 
 QString CloudSession::failureText(const Answer& answer) const {
     if (answer.status == 0 || answer.body.isEmpty()) return QStringLiteral("Could not reach %1.").arg(base_);
-    if (std::optional<QString> message = JSON::field(answer.body, QStringLiteral("message")); message && !message->isEmpty())
+    if (std::optional<QString> message = JSON::field(answer.body, QStringLiteral("message"));
+        message && !message->isEmpty())
         return *message;
     return QStringLiteral("The account service gave an answer this app does not understand (HTTP %1). Try again "
                           "later.")

@@ -19,7 +19,9 @@ QMutex lock;  // each model's client asks from a thread of its own
 const QString kToken = QStringLiteral("token");
 const QString kEmail = QStringLiteral("email");
 
-QString folder() { return QStandardPaths::writableLocation(QStandardPaths::GenericDataLocation) + QStringLiteral("/Quillmate"); }
+QString folder() {
+    return QStandardPaths::writableLocation(QStandardPaths::GenericDataLocation) + QStringLiteral("/Quillmate");
+}
 
 bool isDefault(const QString& base) { return base == CloudSession::kDefaultBaseURL; }
 

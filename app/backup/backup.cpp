@@ -49,14 +49,18 @@ bool neverTravels(const QByteArray& rel, bool folder) {
 QString shown(const QByteArray& rel) { return QString::fromUtf8(rel); }
 QString nameOf(const QByteArray& rel) { return shown(DriveTree::leafOf(rel)); }
 
-QString couldNotRead(const QByteArray& rel) { return nameOf(rel) + QStringLiteral(" (could not read it on the drive)"); }
+QString couldNotRead(const QByteArray& rel) {
+    return nameOf(rel) + QStringLiteral(" (could not read it on the drive)");
+}
 
 QString problemLine(const DriveTree::Problem& p) {
     switch (p.kind) {
         case DriveTree::Problem::TooDeep:
-            return shown(p.rel) + QStringLiteral(" (folders nested more than %1 deep are not copied)").arg(DriveTree::kMaxDepth);
+            return shown(p.rel) +
+                   QStringLiteral(" (folders nested more than %1 deep are not copied)").arg(DriveTree::kMaxDepth);
         case DriveTree::Problem::Loop:
-            return shown(p.rel) + QStringLiteral(" (this folder leads back into itself; the drive's file system may be damaged)");
+            return shown(p.rel) +
+                   QStringLiteral(" (this folder leads back into itself; the drive's file system may be damaged)");
         case DriveTree::Problem::Unreadable: break;
     }
     return couldNotRead(p.rel);
@@ -65,7 +69,8 @@ QString problemLine(const DriveTree::Problem& p) {
 QString copyFailure(const QByteArray& rel, VerifiedCopy::Outcome outcome) {
     switch (outcome) {
         case VerifiedCopy::Outcome::SourceUnreadable: return couldNotRead(rel);
-        case VerifiedCopy::Outcome::DiskFull: return nameOf(rel) + QStringLiteral(" (the disk holding the backup folder is full)");
+        case VerifiedCopy::Outcome::DiskFull:
+            return nameOf(rel) + QStringLiteral(" (the disk holding the backup folder is full)");
         default: return nameOf(rel) + QStringLiteral(" (what arrived did not match what was sent)");
     }
 }
@@ -101,8 +106,10 @@ bool isInside(const QString& inner, const QString& outer) {
 // be backed up into itself.
 std::optional<QString> overlapError(const QString& mount, const QString& destination) {
     QString drive = resolved(mount), folder = resolved(destination);
-    if (isInside(folder, drive)) return QStringLiteral("the chosen folder is on the drive itself; choose a folder on this computer");
-    if (isInside(drive, folder)) return QStringLiteral("the drive is inside the chosen folder; choose a folder outside it");
+    if (isInside(folder, drive))
+        return QStringLiteral("the chosen folder is on the drive itself; choose a folder on this computer");
+    if (isInside(drive, folder))
+        return QStringLiteral("the drive is inside the chosen folder; choose a folder outside it");
     return std::nullopt;
 }
 
@@ -119,7 +126,8 @@ std::optional<QString> createFolder(const QString& destination, const QString& f
 
 // Re-reads each chosen copy from the disk and tells whether it still matches its row. Copies are
 // independent, so they are hashed on all cores.
-std::vector<char> intactCopies(int folderFd, const QList<BackupEntry>& rows, const std::function<void(int64_t)>& checked) {
+std::vector<char> intactCopies(int folderFd, const QList<BackupEntry>& rows,
+                               const std::function<void(int64_t)>& checked) {
     std::vector<char> intact(static_cast<size_t>(rows.size()), 0);
     std::atomic<qsizetype> next{0};
     auto work = [&] {
@@ -161,7 +169,8 @@ public:
         std::vector<DriveTree::File> changed;
         for (DriveTree::File& f : listing.files) {
             if (!BackupManifest::canRecord(f.rel)) {
-                result_.failures << nameOf(f.rel) + QStringLiteral(" (a line break in its name cannot go into the backup's list; rename it)");
+                result_.failures << nameOf(f.rel) + QStringLiteral(" (a line break in its name cannot go into the "
+                                                                   "backup's list; rename it)");
                 continue;
             }
             auto row = manifest_.rows().find(f.rel);
@@ -374,7 +383,8 @@ QString folderFor(const QString& destination, const QmVolume& volume) {
     QString base = folderName(volume.name);
     // The drive's name, then the same name with " 2", " 3"... as they exist, in that order.
     std::map<int, QString> named;
-    QRegularExpression numbered(QStringLiteral("^") + QRegularExpression::escape(base) + QStringLiteral(" ([0-9]{1,6})$"));
+    QRegularExpression numbered(QStringLiteral("^") + QRegularExpression::escape(base) +
+                                QStringLiteral(" ([0-9]{1,6})$"));
     for (const QString& entry : parent.entryList(QDir::Dirs | QDir::NoDotAndDotDot | QDir::Hidden)) {
         if (entry == base) named[1] = entry;
         else if (QRegularExpressionMatch m = numbered.match(entry); m.hasMatch() && m.captured(1).toInt() >= 2)
@@ -417,8 +427,8 @@ std::optional<QString> copyVerified(const QString& src, const QString& dst, cons
         return std::nullopt;
     }
     qint64 ms = mtime.toMSecsSinceEpoch();
-    VerifiedCopy::Request request{fd, -1, QFile::encodeName(QFileInfo(dst).fileName()),
-                                  {static_cast<time_t>(ms / 1000), static_cast<long>(ms % 1000) * 1'000'000}, std::nullopt, false};
+    const timespec mtimeSpec{static_cast<time_t>(ms / 1000), static_cast<long>(ms % 1000) * 1'000'000};
+    VerifiedCopy::Request request{fd, -1, QFile::encodeName(QFileInfo(dst).fileName()), mtimeSpec, std::nullopt, false};
     if (request.mtime.tv_nsec < 0) {
         request.mtime.tv_sec -= 1;
         request.mtime.tv_nsec += 1'000'000'000;
@@ -517,7 +527,8 @@ QString BackupResult::summary() const {
     else
         text = QStringLiteral("Already up to date (%1 file%2 checked).").arg(unchanged).arg(unchanged == 1 ? "" : "s");
     if (repaired >= 1)
-        text += QStringLiteral("  Put back %1 damaged or missing cop%2.").arg(repaired).arg(repaired == 1 ? "y" : "ies");
+        text +=
+            QStringLiteral("  Put back %1 damaged or missing cop%2.").arg(repaired).arg(repaired == 1 ? "y" : "ies");
     else if (rechecked >= 1)
         text += QStringLiteral("  Re-checked %1, all intact.").arg(rechecked);
     return text;

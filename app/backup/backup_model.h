@@ -31,7 +31,8 @@ public:
     // Opens a folder in the file manager; true when it could.
     using Opener = std::function<bool(const QUrl&)>;
 
-    explicit BackupModel(DriveSelection* drives, std::unique_ptr<BackupClock> clock = nullptr, QObject* parent = nullptr);
+    explicit BackupModel(DriveSelection* drives, std::unique_ptr<BackupClock> clock = nullptr,
+                         QObject* parent = nullptr);
 
     DriveSelection* driveSelection() const { return drives_; }
     const QList<QmVolume>& volumes() const { return drives_->volumes(); }

@@ -18,9 +18,11 @@ QString shown(const QByteArray& rel) { return QString::fromUtf8(rel); }
 
 QString failureLine(const QByteArray& rel, VerifiedCopy::Outcome outcome) {
     switch (outcome) {
-        case VerifiedCopy::Outcome::SourceUnreadable: return shown(rel) + QStringLiteral(" (could not read it in the backup folder)");
+        case VerifiedCopy::Outcome::SourceUnreadable:
+            return shown(rel) + QStringLiteral(" (could not read it in the backup folder)");
         case VerifiedCopy::Outcome::SourceDamaged:
-            return shown(rel) + QStringLiteral(" (the copy in the backup folder is damaged; it no longer matches its fingerprint)");
+            return shown(rel) +
+                   QStringLiteral(" (the copy in the backup folder is damaged; it no longer matches its fingerprint)");
         case VerifiedCopy::Outcome::DiskFull: return shown(rel) + QStringLiteral(" (the drive is full)");
         default: return shown(rel) + QStringLiteral(" (what arrived on the drive did not match the backup)");
     }
@@ -128,14 +130,16 @@ QByteArray besideName(const QByteArray& rel, int attempt) {
     QByteArray folder = rel.left(rel.size() - leaf.size());
     qsizetype dot = leaf.lastIndexOf('.');
     if (dot <= 0) dot = leaf.size();  // no extension, or a hidden file's leading dot
-    QByteArray mark = attempt <= 1 ? QByteArray(" (from backup)") : " (from backup " + QByteArray::number(attempt) + ")";
+    QByteArray mark =
+        attempt <= 1 ? QByteArray(" (from backup)") : " (from backup " + QByteArray::number(attempt) + ")";
     return folder + leaf.left(dot) + mark + leaf.mid(dot);
 }
 
 RestoreResult restore(const QString& backupFolder, const QString& driveRoot, const RunOptions& options) {
     if (!QFileInfo::exists(backupFolder + QLatin1Char('/') + QLatin1String(BackupManifest::kFileName)))
-        return failed(QStringLiteral("%1 holds no backup (it has no %2 file); choose the drive's folder inside Quillmate")
-                          .arg(backupFolder, QLatin1String(BackupManifest::kFileName)));
+        return failed(
+            QStringLiteral("%1 holds no backup (it has no %2 file); choose the drive's folder inside Quillmate")
+                .arg(backupFolder, QLatin1String(BackupManifest::kFileName)));
     BackupManifest manifest(backupFolder);
     int folderFd = DriveTree::openRoot(backupFolder);
     if (folderFd < 0) return failed(QStringLiteral("cannot read the backup folder"));
@@ -156,9 +160,10 @@ RestoreResult restore(const QString& backupFolder, const QString& driveRoot, con
 
 QString RestoreResult::summary() const {
     if (error) return QStringLiteral("Putting the writing back failed: ") + *error;
-    QString text = restored > 0
-                       ? QStringLiteral("Put back %1 (%2), each one verified.").arg(files(restored), BackupResult::human(bytes))
-                       : QStringLiteral("Nothing to put back.");
+    QString text =
+        restored > 0
+            ? QStringLiteral("Put back %1 (%2), each one verified.").arg(files(restored), BackupResult::human(bytes))
+            : QStringLiteral("Nothing to put back.");
     if (alreadyThere > 0) text += QStringLiteral("  %1 already on the drive.").arg(files(alreadyThere));
     if (keptBeside > 0)
         text += QStringLiteral("  Kept the drive's own version of %1; the backup's copy is beside each, marked "

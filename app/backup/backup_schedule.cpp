@@ -100,7 +100,8 @@ void BackupSchedule::watchBelow(const QString& folder) {
             if (e.isSymLink() || path == skipped_ || (!e.isDir() && known.contains(path))) continue;
             if (e.isDir())
                 pending << path;
-            else if (historyFolder && e.fileName() != QLatin1String("history.log") && e.fileName() != QLatin1String("refs"))
+            else if (historyFolder && e.fileName() != QLatin1String("history.log") &&
+                     e.fileName() != QLatin1String("refs"))
                 versions << path;
             else
                 files << path;

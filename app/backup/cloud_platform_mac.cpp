@@ -10,14 +10,17 @@ namespace CloudPlatform {
 
 QList<Candidate> candidates(const QString& home) {
     QList<Candidate> list{{"iCloud Drive", "Library/Mobile Documents/com~apple~CloudDocs"}};
-    const QStringList storage = QDir(home + QStringLiteral("/Library/CloudStorage")).entryList(QDir::Dirs | QDir::NoDotAndDotDot);
+    const QStringList storage =
+        QDir(home + QStringLiteral("/Library/CloudStorage")).entryList(QDir::Dirs | QDir::NoDotAndDotDot);
     for (const QString& entry : storage) {
         QString rel = QStringLiteral("Library/CloudStorage/") + entry;
         if (entry.startsWith(QLatin1String("Dropbox"))) list.append({"Dropbox", rel});
-        if (entry.startsWith(QLatin1String("GoogleDrive"))) list.append({"Google Drive", rel + QStringLiteral("/My Drive")});
+        if (entry.startsWith(QLatin1String("GoogleDrive")))
+            list.append({"Google Drive", rel + QStringLiteral("/My Drive")});
         if (entry.startsWith(QLatin1String("OneDrive"))) list.append({"OneDrive", rel});
     }
-    list.append({{"Dropbox", "Dropbox"}, {"Google Drive", "Google Drive/My Drive"}, {"Box", "Box"}, {"Box", "Box Sync"}});
+    list.append(
+        {{"Dropbox", "Dropbox"}, {"Google Drive", "Google Drive/My Drive"}, {"Box", "Box"}, {"Box", "Box Sync"}});
     return list;
 }
 
@@ -43,7 +46,8 @@ bool anyRunning(const QStringList& bundleIds) {
 bool anyInstalled(const QStringList& bundleIds) {
     QProcess find;
     find.start(QStringLiteral("/usr/bin/mdfind"),
-               {QStringLiteral("kMDItemCFBundleIdentifier == '%1'").arg(bundleIds.join(QLatin1String("' || kMDItemCFBundleIdentifier == '")))});
+               {QStringLiteral("kMDItemCFBundleIdentifier == '%1'")
+                    .arg(bundleIds.join(QLatin1String("' || kMDItemCFBundleIdentifier == '")))});
     return !find.waitForFinished(5000) || !find.readAllStandardOutput().trimmed().isEmpty();
 }
 

@@ -151,7 +151,9 @@ bool stat(int rootFd, const QByteArray& rel, File& out) {
     return true;
 }
 
-int openParentMaking(int rootFd, const QByteArray& rel, QByteArray& leaf) { return openParent(rootFd, rel, leaf, true); }
+int openParentMaking(int rootFd, const QByteArray& rel, QByteArray& leaf) {
+    return openParent(rootFd, rel, leaf, true);
+}
 
 QByteArray leafOf(const QByteArray& rel) {
     qsizetype slash = rel.lastIndexOf('/');

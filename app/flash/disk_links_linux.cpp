@@ -19,12 +19,14 @@ int rank(const QString& link) {
 QHash<QString, QString> DiskLinks::best(const QString& folder) {
     QHash<QString, QString> chosen;
     QDir dir(folder);
-    for (const QString& link : dir.entryList(QDir::AllEntries | QDir::System | QDir::Hidden | QDir::NoDotAndDotDot, QDir::Name)) {
+    for (const QString& link :
+         dir.entryList(QDir::AllEntries | QDir::System | QDir::Hidden | QDir::NoDotAndDotDot, QDir::Name)) {
         const QFileInfo info(dir.filePath(link));
         if (!info.isSymLink()) continue;
         const QString device = info.symLinkTarget().section(u'/', -1);
         auto found = chosen.constFind(device);
-        if (found == chosen.constEnd() || rank(link) < rank(found->section(u'/', -1))) chosen.insert(device, info.filePath());
+        if (found == chosen.constEnd() || rank(link) < rank(found->section(u'/', -1)))
+            chosen.insert(device, info.filePath());
     }
     return chosen;
 }

@@ -24,8 +24,9 @@ class MacScanner final : public DiskScanner {
 public:
     QList<USBDrive> externalDrives() override {
         QList<USBDrive> out;
-        const QStringList ids = diskutil::wholeDisks(diskutil(
-            {QStringLiteral("list"), QStringLiteral("-plist"), QStringLiteral("external"), QStringLiteral("physical")}));
+        const QStringList ids =
+            diskutil::wholeDisks(diskutil({QStringLiteral("list"), QStringLiteral("-plist"), QStringLiteral("external"),
+                                           QStringLiteral("physical")}));
         for (const QString& id : ids) {
             auto drive = diskutil::driveFromInfo(id, diskutil({QStringLiteral("info"), QStringLiteral("-plist"), id}));
             if (!drive) continue;
@@ -41,7 +42,8 @@ public:
         p.setStandardInputFile(QProcess::nullDevice());
         p.setStandardOutputFile(QProcess::nullDevice());
         p.setStandardErrorFile(QProcess::nullDevice());
-        p.start(kDiskutil, {QStringLiteral("unmountDisk"), QStringLiteral("force"), wholeDiskPath}, QIODevice::ReadOnly);
+        p.start(kDiskutil, {QStringLiteral("unmountDisk"), QStringLiteral("force"), wholeDiskPath},
+                QIODevice::ReadOnly);
         if (!p.waitForStarted()) return false;
         p.waitForFinished(-1);
         return p.exitStatus() == QProcess::NormalExit && p.exitCode() == 0;

@@ -77,8 +77,8 @@ std::optional<KeptFile> keepOne(int driveFd, const QString& rel, const QString& 
     if (!makePrivateFolder(QFileInfo(target).absolutePath())) return std::nullopt;
     UniqueFd folder(DriveTree::openRoot(QFileInfo(target).absolutePath()));
     VerifiedCopy::Copied copied;
-    if (!folder || copyPrivately(from.get(), folder.get(), QFile::encodeName(QFileInfo(target).fileName()), std::nullopt,
-                                 copied) != VerifiedCopy::Outcome::Verified)
+    if (!folder || copyPrivately(from.get(), folder.get(), QFile::encodeName(QFileInfo(target).fileName()),
+                                 std::nullopt, copied) != VerifiedCopy::Outcome::Verified)
         return std::nullopt;
     return KeptFile{rel, copied.sha256, copied.bytes};
 }
@@ -214,7 +214,8 @@ Kept keep(const Plan& plan, const QString& keptRoot, const Backup::RunOptions& o
     UniqueFd drive(DriveTree::openRoot(plan.volume.path));
     QStringList missed;
     for (const QString& rel : ownFiles(plan.volume.path)) {
-        std::optional<KeptFile> kept = drive ? keepOne(drive.get(), rel, set.folder + u'/' + kFilesFolder) : std::nullopt;
+        std::optional<KeptFile> kept =
+            drive ? keepOne(drive.get(), rel, set.folder + u'/' + kFilesFolder) : std::nullopt;
         if (kept)
             set.files.append(*kept);
         else
@@ -222,7 +223,8 @@ Kept keep(const Plan& plan, const QString& keptRoot, const Backup::RunOptions& o
     }
     if (!missed.isEmpty() || !FileWrites::replaceDurably(set.folder + u'/' + kIndexName, indexOf(set), 0600)) {
         QDir(set.folder).removeRecursively();
-        return {std::nullopt, couldNotKeep + (missed.isEmpty() ? QStringLiteral(".") : QStringLiteral(": ") + listed(missed) + u'.')};
+        return {std::nullopt,
+                couldNotKeep + (missed.isEmpty() ? QStringLiteral(".") : QStringLiteral(": ") + listed(missed) + u'.')};
     }
     FileWrites::syncFolder(keptRoot);
     return {set, QString()};
@@ -240,13 +242,14 @@ PutBack putBack(const KeptSet& set, const QString& driveRoot, const Backup::RunO
     else
         failures << restored.failures;
     if (!failures.isEmpty())
-        return {false, (failures.size() == 1 ? QStringLiteral("One thing could not be put back: ")
-                                             : QStringLiteral("%1 things could not be put back: ").arg(failures.size())) +
-                           listed(failures)};
+        return {false,
+                (failures.size() == 1 ? QStringLiteral("One thing could not be put back: ")
+                                      : QStringLiteral("%1 things could not be put back: ").arg(failures.size())) +
+                    listed(failures)};
     QString message = restored.summary() + QStringLiteral("\n\nThe drive's key and statistics are back too.");
     if (!forget(set))
-        message += QStringLiteral(" The copies kept on this computer could not all be deleted; they are in ") + set.folder +
-                   u'.';
+        message += QStringLiteral(" The copies kept on this computer could not all be deleted; they are in ") +
+                   set.folder + u'.';
     return {true, message};
 }
 

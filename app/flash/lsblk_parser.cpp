@@ -158,7 +158,8 @@ struct Walk {
         const QHash<QString, QStringList> own = mounts;
         for (auto it = own.cbegin(); it != own.cend(); ++it) {
             QString p = parent.value(it.key());
-            for (int depth = 0; !p.isEmpty() && depth <= kMaxDepth; ++depth, p = parent.value(p)) mounts[p] += it.value();
+            for (int depth = 0; !p.isEmpty() && depth <= kMaxDepth; ++depth, p = parent.value(p))
+                mounts[p] += it.value();
         }
     }
 };
@@ -235,7 +236,8 @@ QList<Mount> parseMountinfo(const QByteArray& mountinfo) {
 
 QStringList parseSwaps(const QByteArray& procSwaps) {
     QStringList out;
-    for (const std::string& name : disk_policy::parse_swaps(procSwaps.toStdString())) out << QString::fromStdString(name);
+    for (const std::string& name : disk_policy::parse_swaps(procSwaps.toStdString()))
+        out << QString::fromStdString(name);
     return out;
 }
 

@@ -75,7 +75,8 @@ public:
     std::optional<QString> dataRoot(const QString& disk) override {
         QString name = kernelName(disk), part = name.isEmpty() ? QString() : lastPartition(name);
         if (part.isEmpty()) return std::nullopt;
-        QString dev = QString::fromLatin1(readAll(QStringLiteral("/sys/class/block/") + part + QStringLiteral("/dev")).trimmed());
+        QString dev =
+            QString::fromLatin1(readAll(QStringLiteral("/sys/class/block/") + part + QStringLiteral("/dev")).trimmed());
         for (const lsblk::Mount& m : lsblk::parseMountinfo(readAll(QStringLiteral("/proc/self/mountinfo"))))
             if (m.majorMinor == dev) return m.mountPoint;
         return std::nullopt;
@@ -89,8 +90,9 @@ public:
         if (std::optional<QString> root = dataRoot(disk)) return root;
         QString udisks = ChildProcess::findTool(QStringLiteral("udisksctl"));
         if (!udisks.isEmpty())
-            ChildProcess::run(udisks, {QStringLiteral("mount"), QStringLiteral("--no-user-interaction"), QStringLiteral("-b"),
-                                       QStringLiteral("/dev/") + part},
+            ChildProcess::run(udisks,
+                              {QStringLiteral("mount"), QStringLiteral("--no-user-interaction"), QStringLiteral("-b"),
+                               QStringLiteral("/dev/") + part},
                               kMountTimeoutMs);
         // Whoever mounted it (udisks for us, or the desktop on its own), the mount table says where.
         QDeadlineTimer settled(kSettleMs);

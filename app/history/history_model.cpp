@@ -40,14 +40,16 @@ void fill_comparison(State& s, const QString& old, const QString& now) {
         if (r.op == DiffOp::change || r.op == DiffOp::add)
             s.diffLines.append({QStringLiteral("+ ") + line(b, r.bLine), DiffOp::add});
     }
-    s.status = differences == 0 ? QStringLiteral("This version is identical to the document on the drive now.")
-                                : count_text(differences, "line") + QStringLiteral(" differ from the document on the drive now.");
+    s.status = differences == 0
+                   ? QStringLiteral("This version is identical to the document on the drive now.")
+                   : count_text(differences, "line") + QStringLiteral(" differ from the document on the drive now.");
 }
 
 // Why a text cannot be read, as the end of a sentence about a version's file or the document.
 QString why(ReadProblem problem, bool versionFile) {
     switch (problem) {
-    case ReadProblem::missing: return versionFile ? QStringLiteral("its file is missing") : QStringLiteral("it is missing");
+    case ReadProblem::missing:
+        return versionFile ? QStringLiteral("its file is missing") : QStringLiteral("it is missing");
     case ReadProblem::tooLarge: return QStringLiteral("it is larger than 4 MB");
     case ReadProblem::unreadable: break;
     }

@@ -31,7 +31,8 @@ QString usageText() {
         "       quillmate-flasher --shot <dir> [--drive <folder>]       draw each tab into <dir> as PNG\n"
         "       quillmate-flasher --backup-run <drive> <folder> [--verify]  back up a drive's writing into <folder>\n"
         "       quillmate-flasher --backup-check <folder>              say which cloud service keeps <folder>\n"
-        "       quillmate-flasher --restore-run <backup> <drive>       put the writing of a backup folder back on a drive\n"
+        "       quillmate-flasher --restore-run <backup> <drive>       put the writing of a backup folder"
+        " back on a drive\n"
         "       quillmate-flasher --check-update                       ask the release feed for a newer version\n"
         "       quillmate-flasher --fetch-update                       also download the newer version and check it\n");
 }

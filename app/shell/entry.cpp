@@ -91,7 +91,8 @@ int run_window(const QStringList& args, const QElapsedTimer& clock) {
     app.start(args);
     MainWindow window(&app);
     if (qEnvironmentVariableIntValue("QM_REPORT_WINDOW")) report_first_paint(&window, app, clock);
-    if (qEnvironmentVariableIsSet("QM_WINDOW_IMAGE")) save_window_image(&window, app, qEnvironmentVariable("QM_WINDOW_IMAGE"));
+    if (qEnvironmentVariableIsSet("QM_WINDOW_IMAGE"))
+        save_window_image(&window, app, qEnvironmentVariable("QM_WINDOW_IMAGE"));
     window.show();
     return QApplication::exec();
 }

@@ -76,7 +76,8 @@ int backupRun(const QStringList& args) {
     for (const QString& failure : result.failures) printLine(QStringLiteral("  UNVERIFIED: ") + failure);
     if (result.cloudWarning) printLine(QStringLiteral("  WARNING: ") + *result.cloudWarning);
     if (!result.folder.isEmpty()) {
-        if (std::optional<QString> note = CloudSync::uploadNote(result.folder)) printLine(QStringLiteral("  NOTE: ") + *note);
+        if (std::optional<QString> note = CloudSync::uploadNote(result.folder))
+            printLine(QStringLiteral("  NOTE: ") + *note);
         printLine(QStringLiteral("into: ") + result.folder);
     }
     std::fflush(stdout);
@@ -95,7 +96,8 @@ int backupCheck(const QStringList& args) {
     bool named = service && CloudSync::uploadedByClient(*service);
     std::optional<QString> warning = CloudSync::check(folder);
     printLine(QStringLiteral("folder:  ") + folder);
-    printLine(QStringLiteral("service: ") + (named ? *service : QStringLiteral("(none, or its client is not running)")));
+    printLine(QStringLiteral("service: ") +
+              (named ? *service : QStringLiteral("(none, or its client is not running)")));
     printLine(QStringLiteral("warning: ") + warning.value_or(QStringLiteral("(none)")));
     std::fflush(stdout);
     return 0;

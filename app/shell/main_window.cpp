@@ -55,7 +55,8 @@ bool MainWindow::confirmQuit() {
     std::optional<RunningWork::QuitWarning> warning =
         RunningWork::quitWarning(app_->flash, app_->backup, app_->history);
     if (!warning) return true;
-    QMessageBox box(QMessageBox::Warning, tr("Quit Quillmate Flasher?"), warning->question, QMessageBox::NoButton, this);
+    QMessageBox box(QMessageBox::Warning, tr("Quit Quillmate Flasher?"), warning->question, QMessageBox::NoButton,
+                    this);
     box.setInformativeText(warning->text);
     QPushButton* quit = box.addButton(tr("Quit anyway"), QMessageBox::DestructiveRole);
     QPushButton* stay = box.addButton(tr("Keep running"), QMessageBox::RejectRole);

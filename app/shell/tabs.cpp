@@ -15,7 +15,8 @@ const TabEntry kTabs[] = {
     {"History", "mac-history", [](QuillmateFlasherApp* app) -> QWidget* { return new HistoryTab(&app->history); }},
     {"Backup", "mac-backup", [](QuillmateFlasherApp* app) -> QWidget* { return new BackupTab(&app->backup); }},
     {"Account", "mac-account", [](QuillmateFlasherApp* app) -> QWidget* { return new AccountTab(&app->account); }},
-    {"Settings", "mac-settings", [](QuillmateFlasherApp* app) -> QWidget* { return new SettingsTab(&app->settings, &app->backup); }},
+    {"Settings", "mac-settings",
+     [](QuillmateFlasherApp* app) -> QWidget* { return new SettingsTab(&app->settings, &app->backup); }},
 };
 }  // namespace
 

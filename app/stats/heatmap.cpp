@@ -53,7 +53,8 @@ QRect Heatmap::cellRect(int week, int weekday) const {
 int Heatmap::cellAt(QPoint pos) const {
     QPoint p = pos - QPoint(left_, kTop);
     int week = p.x() / (kCell + kGap), weekday = p.y() / (kCell + kGap);
-    if (p.x() < 0 || p.y() < 0 || week >= HeatmapCalendar::kWeeks || weekday >= HeatmapCalendar::kDaysPerWeek) return -1;
+    if (p.x() < 0 || p.y() < 0 || week >= HeatmapCalendar::kWeeks || weekday >= HeatmapCalendar::kDaysPerWeek)
+        return -1;
     int index = week * HeatmapCalendar::kDaysPerWeek + weekday;
     return calendar_.cells[index].day ? index : -1;
 }
@@ -139,6 +140,6 @@ void Heatmap::keyPressEvent(QKeyEvent* e) {
     current_ = next;
     update();
     // What a pointer over the cell would show, for whoever moves with the keys.
-    QToolTip::showText(mapToGlobal(cellRect(current_).bottomRight()), HeatmapCalendar::tooltip(calendar_.cells[current_]),
-                       this);
+    QToolTip::showText(mapToGlobal(cellRect(current_).bottomRight()),
+                       HeatmapCalendar::tooltip(calendar_.cells[current_]), this);
 }

@@ -29,7 +29,9 @@ protected:
 
 private:
     QRect cellRect(int week, int weekday) const;
-    QRect cellRect(int index) const { return cellRect(index / HeatmapCalendar::kDaysPerWeek, index % HeatmapCalendar::kDaysPerWeek); }
+    QRect cellRect(int index) const {
+        return cellRect(index / HeatmapCalendar::kDaysPerWeek, index % HeatmapCalendar::kDaysPerWeek);
+    }
     int cellAt(QPoint pos) const;  // index in the calendar's cells, or -1
     QFont labelFont() const;
 

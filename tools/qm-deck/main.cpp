@@ -87,7 +87,8 @@ std::string parse_make(const std::vector<std::string>& args, MakeOptions* o) {
         if (a == "--force") {
             o->force = true;
         } else if (states.count(a)) {
-            if (!state_seen.empty()) return "choose at most one statistics state (got " + state_seen + " and " + a + ")";
+            if (!state_seen.empty())
+                return "choose at most one statistics state (got " + state_seen + " and " + a + ")";
             state_seen = a;
             o->stats.state = states.at(a);
         } else if (doc_flags.count(a)) {

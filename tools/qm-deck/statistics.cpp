@@ -32,7 +32,8 @@ struct Day {
 std::string read_key(const std::string& dir, qm_drive_key* key) {
     std::ifstream f(dir + "/.qm/drive.key", std::ios::binary);
     Bytes buf((std::istreambuf_iterator<char>(f)), {});
-    if (drivekey_unpack(buf.data(), unsigned(buf.size()), key) != 0) return "the drive key just written does not read back";
+    if (drivekey_unpack(buf.data(), unsigned(buf.size()), key) != 0)
+        return "the drive key just written does not read back";
     return "";
 }
 

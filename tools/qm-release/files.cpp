@@ -59,7 +59,8 @@ void AtomicFile::commit() {
     int fd = fd_;
     fd_ = -1;
     if (close(fd) != 0) throw Failure("cannot write " + temp_ + ": " + why());
-    if (rename(temp_.c_str(), final_.c_str()) != 0) throw Failure("cannot rename " + temp_ + " to " + final_ + ": " + why());
+    if (rename(temp_.c_str(), final_.c_str()) != 0)
+        throw Failure("cannot rename " + temp_ + " to " + final_ + ": " + why());
     committed_ = true;
 }
 
@@ -102,7 +103,8 @@ std::string read_small_fd(int fd, size_t limit, const std::string& what) {
         if (n < 0) throw Failure("cannot read " + what + ": " + why());
         if (n == 0) return out;
         out.append(buf, size_t(n));
-        if (out.size() > limit) throw Failure("cannot read " + what + ": larger than " + std::to_string(limit / 1024) + " KiB");
+        if (out.size() > limit)
+            throw Failure("cannot read " + what + ": larger than " + std::to_string(limit / 1024) + " KiB");
     }
 }
 

@@ -15,7 +15,8 @@ KeyPaths keygen(const std::string& name) {
     // Checked first, so that a key is never written beside a public key that is not its own.
     struct stat st;
     for (const std::string& p : {paths.secret, paths.pub})
-        if (lstat(p.c_str(), &st) == 0) throw Failure("cannot create " + p + ": it exists already, and a key is never replaced");
+        if (lstat(p.c_str(), &st) == 0)
+            throw Failure("cannot create " + p + ": it exists already, and a key is never replaced");
     SecretKey key;
     unsigned char pub[crypto_sign_PUBLICKEYBYTES];
     crypto_sign_keypair(pub, key.bytes);
@@ -58,16 +59,18 @@ void load_secret_key(const std::string& path, SecretKey& key) {
     close(fd);
     while (!text.empty() && (text.back() == '\n' || text.back() == '\r')) text.pop_back();
     size_t bin_len = 0;
-    bool decoded = text.size() == 2 * sizeof key.bytes &&
-                   sodium_hex2bin(key.bytes, sizeof key.bytes, text.data(), text.size(), nullptr, &bin_len, nullptr) == 0 &&
-                   bin_len == sizeof key.bytes;
+    bool decoded =
+        text.size() == 2 * sizeof key.bytes &&
+        sodium_hex2bin(key.bytes, sizeof key.bytes, text.data(), text.size(), nullptr, &bin_len, nullptr) == 0 &&
+        bin_len == sizeof key.bytes;
     sodium_memzero(text.data(), text.size());
     if (!decoded) throw Failure(what + " is not " + std::to_string(2 * sizeof key.bytes) + " hexadecimal digits");
     // The public half is stored beside the seed; a key whose halves disagree signs nothing verifiable.
     unsigned char pub[crypto_sign_PUBLICKEYBYTES];
     SecretKey again;
     crypto_sign_seed_keypair(pub, again.bytes, key.bytes);
-    if (sodium_memcmp(pub, key.public_key(), sizeof pub) != 0) throw Failure(what + " is damaged: its two halves do not match");
+    if (sodium_memcmp(pub, key.public_key(), sizeof pub) != 0)
+        throw Failure(what + " is damaged: its two halves do not match");
 }
 
 }  // namespace release

@@ -91,9 +91,10 @@ int run(int argc, char** argv) {
         return 0;
     }
     if (command == "sign") {
-        CommandLine c = parse(argc, argv,
-                              {"--key", "--archive", "--platform", "--channel", "--url", "--version", "--notes-file", "--out"},
-                              {"--mandatory"});
+        CommandLine c =
+            parse(argc, argv,
+                  {"--key", "--archive", "--platform", "--channel", "--url", "--version", "--notes-file", "--out"},
+                  {"--mandatory"});
         if (!c.positional.empty()) throw UsageError{"unexpected argument " + c.positional[0]};
         release::SignOptions o;
         o.key = required(c, "--key");

@@ -45,7 +45,8 @@ bool inside(const std::string& path, const std::string& root) { return path == r
 
 class Packer {
 public:
-    Packer(const std::string& root, archive* a) : root_(root), root_real_(real_path(root)), top_(base_name(root)), a_(a) {}
+    Packer(const std::string& root, archive* a)
+        : root_(root), root_real_(real_path(root)), top_(base_name(root)), a_(a) {}
 
     // rel: the path below the bundle folder, empty for the folder itself.
     void add(const std::string& rel) {
@@ -183,10 +184,12 @@ void make_out_dir(const std::string& out_dir, const std::string& bundle) {
     }
     if (!S_ISDIR(st.st_mode)) throw Failure(existing + " is not a folder");
     if (missing.empty()) return;
-    if (inside(real_path(existing), real_path(bundle))) throw Failure("the archive cannot be written inside the bundle it packs");
+    if (inside(real_path(existing), real_path(bundle)))
+        throw Failure("the archive cannot be written inside the bundle it packs");
     for (auto name = missing.rbegin(); name != missing.rend(); ++name) {
         existing += "/" + *name;
-        if (mkdir(existing.c_str(), 0777) != 0 && errno != EEXIST) throw Failure("cannot make the folder " + existing + ": " + why());
+        if (mkdir(existing.c_str(), 0777) != 0 && errno != EEXIST)
+            throw Failure("cannot make the folder " + existing + ": " + why());
     }
 }
 
@@ -203,7 +206,8 @@ std::string pack(const std::string& bundle_dir, const std::string& out_dir) {
     std::string version = bundle_version(bundle);
     make_out_dir(out_dir, bundle);
     // An archive growing inside the folder it packs would pack itself.
-    if (inside(real_path(out_dir), real_path(bundle))) throw Failure("the archive cannot be written inside the bundle it packs");
+    if (inside(real_path(out_dir), real_path(bundle)))
+        throw Failure("the archive cannot be written inside the bundle it packs");
 
     std::string path = without_trailing_slashes(out_dir) + "/QuillmateFlasher-" + version + ".zip";
     AtomicFile out(path);

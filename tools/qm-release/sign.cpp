@@ -74,7 +74,8 @@ bool plausible_url(const std::string& url) {
 bool plain_label(const std::string& s) {
     if (s.empty() || s.size() > 64 || s.front() == '.') return false;
     for (unsigned char c : s) {
-        bool ok = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || (c && std::strchr(".-+_~", c));
+        bool ok = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
+                  (c && std::strchr(".-+_~", c));
         if (!ok) return false;
     }
     return true;
@@ -92,10 +93,12 @@ std::string sign(const SignOptions& o) {
     const char* const label_rule = "is not 1 to 64 letters, digits, '.', '-', '+', '_' and '~'";
     if (!plain_label(o.platform)) throw Failure("the platform \"" + o.platform + "\" " + label_rule);
     if (!plain_label(o.channel)) throw Failure("the channel \"" + o.channel + "\" " + label_rule);
-    if (!plausible_url(o.url)) throw Failure("the URL \"" + o.url + "\" is not an http:// or https:// address without spaces");
+    if (!plausible_url(o.url))
+        throw Failure("the URL \"" + o.url + "\" is not an http:// or https:// address without spaces");
     std::string file_name = base_name(o.archive);
     if (!ends_with(file_name, ".zip") || file_name.size() <= 4 || file_name.front() == '.')
-        throw Failure("the archive's name " + file_name + " does not end in .zip or starts with a dot; the service serves neither");
+        throw Failure("the archive's name " + file_name +
+                      " does not end in .zip or starts with a dot; the service serves neither");
     std::string version;
     if (o.version) {
         version = *o.version;
@@ -120,9 +123,11 @@ std::string sign(const SignOptions& o) {
     int made = qm_update_message(o.platform.c_str(), o.channel.c_str(), version.c_str(), d.sha256.c_str(), d.size,
                                  message, int(sizeof message));
     if (made != 0 || std::strlen(message) > kMaxMessage)
-        throw Failure("platform, channel and version are too long together: the app checks signed messages of at most 256 bytes");
+        throw Failure(
+            "platform, channel and version are too long together: the app checks signed messages of at most 256 bytes");
     unsigned char signature[crypto_sign_BYTES];
-    crypto_sign_detached(signature, nullptr, reinterpret_cast<const unsigned char*>(message), std::strlen(message), key.bytes);
+    crypto_sign_detached(signature, nullptr, reinterpret_cast<const unsigned char*>(message), std::strlen(message),
+                         key.bytes);
     // Checked with the app's own verifier, so a release that cannot install is never published.
     if (qm_update_verify(message, signature, key.public_key()) != 1)
         throw Failure("the signature does not pass the app's own check; nothing was written");
@@ -143,7 +148,8 @@ std::string sign(const SignOptions& o) {
 
     std::string out = o.out;
     if (out.empty())
-        out = dir_name(o.archive) + "/" + file_name.substr(0, file_name.size() - 4) + "-" + o.platform + "-" + o.channel + ".json";
+        out = dir_name(o.archive) + "/" + file_name.substr(0, file_name.size() - 4) + "-" + o.platform + "-" +
+              o.channel + ".json";
     AtomicFile file(out);
     file.write(json.data(), json.size());
     file.commit();

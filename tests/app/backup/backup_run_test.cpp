@@ -139,7 +139,8 @@ TEST(BackupRun, LaterRunsRecheckRepairAndNeverDelete) {
     ASSERT_GT(files, 20);
 
     BackupResult again = f.run();
-    EXPECT_EQ(again.summary(), QString("Already up to date (%1 files checked).  Re-checked 20, all intact.").arg(files));
+    EXPECT_EQ(again.summary(),
+              QString("Already up to date (%1 files checked).  Re-checked 20, all intact.").arg(files));
 
     // A copy removed from the folder comes back from the drive.
     std::string victim = ".qmv/Novel.md/history.log";
@@ -202,7 +203,8 @@ TEST(BackupRun, ChangedFilesAndDamagedManifestsAreCopiedAgain) {
     QByteArray text = BackupManifest::serialize(f.manifest().rows());
     QByteArray row = "\t" + QByteArray::number(refs.size) + "\t" + QByteArray::number(refs.modified) + "\t";
     ASSERT_TRUE(text.contains(row));
-    spit(f.copy(".quillmate-backup"), text.replace(row, "\t1x2\t" + QByteArray::number(refs.modified) + "\t").toStdString());
+    spit(f.copy(".quillmate-backup"),
+         text.replace(row, "\t1x2\t" + QByteArray::number(refs.modified) + "\t").toStdString());
     EXPECT_EQ(f.run().copied, 1);
 
     // A manifest that is a folder reads as empty and cannot be saved: every run copies all again.
@@ -220,7 +222,8 @@ TEST(BackupRun, FolderNamesAndRefusals) {
     Fixture f;
     EXPECT_EQ(Backup::run(f.volume, "", false).summary(), "Backup failed: no folder chosen");
     BackupResult inside = Backup::run(f.volume, f.volume.path + "/backups", false);
-    EXPECT_EQ(inside.summary(), "Backup failed: the chosen folder is on the drive itself; choose a folder on this computer");
+    EXPECT_EQ(inside.summary(),
+              "Backup failed: the chosen folder is on the drive itself; choose a folder on this computer");
     EXPECT_FALSE(QFileInfo::exists(f.volume.path + "/backups"));
     QmVolume nested{q(f.dest / "media/Deck"), "Deck", true};
     QDir().mkpath(nested.path);
@@ -229,8 +232,9 @@ TEST(BackupRun, FolderNamesAndRefusals) {
     QmVolume gone{q(f.driveDir / "nowhere"), "Gone", true};
     EXPECT_EQ(Backup::run(gone, q(f.dest), false).summary(), "Backup failed: cannot read the drive");
     // A chosen folder that has gone (its disk unplugged) is not made again on this computer.
-    EXPECT_EQ(Backup::run(f.volume, q(f.dest / "unplugged/Backups"), false).summary(),
-              "Backup failed: the folder " + q(f.dest / "unplugged/Backups") + " is not there. Is its disk plugged in?");
+    EXPECT_EQ(
+        Backup::run(f.volume, q(f.dest / "unplugged/Backups"), false).summary(),
+        "Backup failed: the folder " + q(f.dest / "unplugged/Backups") + " is not there. Is its disk plugged in?");
     EXPECT_FALSE(QFileInfo::exists(q(f.dest / "unplugged")));
     spit(f.dest / "file", "x");
     EXPECT_TRUE(Backup::run(f.volume, q(f.dest / "file"), false).summary().startsWith("Backup failed: "));
@@ -249,7 +253,8 @@ TEST(BackupRun, CopyVerifiedReportsTheFileByName) {
                                        "ok.md (what arrived did not match what was sent)",
                                        "link.md (could not read it on the drive)"}));
     QDateTime when = QDateTime::fromSecsSinceEpoch(1'600'000'000);
-    EXPECT_EQ(Backup::copyVerified(q(dir / "ok.md"), q(dir / "out/ok.md"), when, r), Backup::hashFile(q(dir / "ok.md")));
+    EXPECT_EQ(Backup::copyVerified(q(dir / "ok.md"), q(dir / "out/ok.md"), when, r),
+              Backup::hashFile(q(dir / "ok.md")));
     EXPECT_EQ(QFileInfo(q(dir / "out/ok.md")).lastModified(), when);
 }
 
@@ -264,7 +269,8 @@ TEST(BackupRun, DrivesWithOneNameNeverShareAFolder) {
     QmVolume first = stick(one, "stick one"), second = stick(two, "stick two");
     QString legacy = q(dest / "Quillmate/DATA");
     QDir().mkpath(legacy);
-    spit(dest / "Quillmate/DATA/.quillmate-backup", "# Quillmate backup manifest v1 - sha256, size, modified, verified, path\n");
+    spit(dest / "Quillmate/DATA/.quillmate-backup",
+         "# Quillmate backup manifest v1 - sha256, size, modified, verified, path\n");
 
     for (int round = 0; round < 2; ++round) {
         for (const QmVolume& v : {first, second}) {
@@ -295,9 +301,11 @@ TEST(BackupRun, OddNamesAndTreesAreCopiedOrReported) {
 
     BackupResult r = f.run();
     r.failures.sort();
-    EXPECT_EQ(r.failures, QStringList({q(deep).chopped(1) + " (folders nested more than 64 deep are not copied)",
-                                       "two\nlines.md (a line break in its name cannot go into the backup's list; rename it)"}));
-    for (const char* rel : {"caf\xe9.md", "Notes\r", "d/top.md"}) EXPECT_EQ(slurp(f.copy(rel)), slurp(f.drive(rel))) << rel;
+    EXPECT_EQ(r.failures,
+              QStringList({q(deep).chopped(1) + " (folders nested more than 64 deep are not copied)",
+                           "two\nlines.md (a line break in its name cannot go into the backup's list; rename it)"}));
+    for (const char* rel : {"caf\xe9.md", "Notes\r", "d/top.md"})
+        EXPECT_EQ(slurp(f.copy(rel)), slurp(f.drive(rel))) << rel;
     BackupResult again = f.run(true);
     EXPECT_EQ(again.copied, 0);
     EXPECT_EQ(again.repaired, 0);
@@ -316,7 +324,9 @@ TEST(BackupRestore, PutsTheWritingBackWithoutOverwritingAnything) {
     spit(f.copy(damaged), bad);
 
     RestoreResult r = Backup::restore(f.folder, q(fresh));
-    EXPECT_EQ(r.failures, QStringList{q(damaged) + " (the copy in the backup folder is damaged; it no longer matches its fingerprint)"});
+    EXPECT_EQ(
+        r.failures,
+        QStringList{q(damaged) + " (the copy in the backup folder is damaged; it no longer matches its fingerprint)"});
     EXPECT_EQ(r.keptBeside, 1);
     EXPECT_EQ(slurp(fresh / "Novel.md"), "written on the new stick");
     EXPECT_EQ(slurp(fresh / "Novel (from backup).md"), slurp(f.drive("Novel.md")));

@@ -61,10 +61,11 @@ TEST(CloudSync, WarnsWhenTheClientIsNotRunningAndNotesWhenItIs) {
         const char* folder;
         const char* process;  // nullptr: the service has no client to wait for
     };
-    const Case cases[] = {{"Dropbox", "Dropbox", "dropbox"},
-                          {"Google Drive", "Google Drive/My Drive", "google-drive-ocamlfuse"},  // past the 15-byte short name
-                          {"Syncthing", "Sync", "syncthing"},
-                          {"Box", "Box", nullptr}};
+    const Case cases[] = {
+        {"Dropbox", "Dropbox", "dropbox"},
+        {"Google Drive", "Google Drive/My Drive", "google-drive-ocamlfuse"},  // past the 15-byte short name
+        {"Syncthing", "Sync", "syncthing"},
+        {"Box", "Box", nullptr}};
     for (const Case& c : cases) {
         SCOPED_TRACE(c.service);
         QString target = q(home / c.folder) + "/Quillmate/Deck";

@@ -82,7 +82,8 @@ TEST(HistoryChain, ReadingComparingAndTheirTexts) {
     a.m.show(true);
     a.settle();
     EXPECT_EQ(a.m.status(), "This version is identical to the document on the drive now.");
-    EXPECT_EQ(a.m.diffLines(), (QList<DiffLine>{{"  a", DiffOp::equal}, {"  b", DiffOp::equal}, {"  ", DiffOp::equal}}));
+    EXPECT_EQ(a.m.diffLines(),
+              (QList<DiffLine>{{"  a", DiffOp::equal}, {"  b", DiffOp::equal}, {"  ", DiffOp::equal}}));
     EXPECT_TRUE(a.m.text().isEmpty());
 
     Tab b;

@@ -32,7 +32,8 @@ struct Program {
         QString out = QString::fromUtf8(p.readAllStandardOutput());
         EXPECT_TRUE(out.isEmpty() || out.endsWith('\n')) << out.toStdString();
         out.chop(1);
-        return {p.exitCode(), out.isEmpty() ? QStringList() : out.split('\n'), QString::fromUtf8(p.readAllStandardError())};
+        return {p.exitCode(), out.isEmpty() ? QStringList() : out.split('\n'),
+                QString::fromUtf8(p.readAllStandardError())};
     }
 };
 
@@ -47,10 +48,11 @@ TEST(HeadlessBackup, RunPrintsTheOutcomeAndExitsWithIt) {
     EXPECT_EQ(first.status, 0);
     ASSERT_EQ(first.lines.size(), 3) << first.lines.join('\n').toStdString();
     EXPECT_TRUE(first.lines[0].startsWith("Copied ") && first.lines[0].endsWith("), each one verified."));
-    EXPECT_EQ(first.lines.mid(1),
-              QStringList({"  WARNING: Dropbox is not running on this computer, so the copies are sitting in its folder "
-                           "rather than going anywhere. Open Dropbox and they will upload.",
-                           "into: " + dest + "/Quillmate/" + QDir(drive).dirName()}));
+    EXPECT_EQ(
+        first.lines.mid(1),
+        QStringList({"  WARNING: Dropbox is not running on this computer, so the copies are sitting in its folder "
+                     "rather than going anywhere. Open Dropbox and they will upload.",
+                     "into: " + dest + "/Quillmate/" + QDir(drive).dirName()}));
 
     AppRun verify = app.run({"--verify", "--backup-run", drive, dest});
     EXPECT_EQ(verify.status, 0);
@@ -76,16 +78,18 @@ TEST(HeadlessBackup, RunPrintsTheOutcomeAndExitsWithIt) {
 
 TEST(HeadlessBackup, CheckNamesTheServiceOnlyWhenItsClientRuns) {
     Program app;
-    for (const char* folder : {"Dropbox/notes", "Box", "elsewhere"}) std::filesystem::create_directories(app.home / folder);
+    for (const char* folder : {"Dropbox/notes", "Box", "elsewhere"})
+        std::filesystem::create_directories(app.home / folder);
     const std::string none = "service: (none, or its client is not running)";
     const QString missing = q(app.home / "unplugged");
     const struct {
         std::string folder, second;
         int status;
-    } cases[] = {{"Dropbox/notes", none, 0},
-                 {"Box", "service: Box", 0},
-                 {"elsewhere", none, 0},
-                 {"unplugged", "error:   the folder " + missing.toStdString() + " is not there. Is its disk plugged in?", 1}};
+    } cases[] = {
+        {"Dropbox/notes", none, 0},
+        {"Box", "service: Box", 0},
+        {"elsewhere", none, 0},
+        {"unplugged", "error:   the folder " + missing.toStdString() + " is not there. Is its disk plugged in?", 1}};
     for (const auto& c : cases) {
         QString folder = q(app.home / c.folder);
         AppRun r = app.run({"--backup-check", folder});

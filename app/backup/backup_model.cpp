@@ -190,11 +190,11 @@ void BackupModel::runNow(bool deepVerify) {
                 return std::nullopt;
             return Backup::run(volume, destination, deepVerify, options);
         },
-        [this](std::optional<BackupResult> result) {
+        [this, drive = v->path](std::optional<BackupResult> result) {
             --manualRuns_;
-            if (result) return show(*result);
-            if (volume()) setStatus(kNothingToCheckStatus);
-            else refreshStatus();  // the drive went meanwhile: that is what the tab says
+            if (result) return show(*result, drive);
+            if (shows(drive)) setStatus(kNothingToCheckStatus);
+            else refreshStatus();  // the drive went or another was chosen meanwhile: that is what the tab says
             emit changed();
             emit reported();
         });
@@ -206,9 +206,9 @@ void BackupModel::restoreFrom(const QString& backupFolder) {
     startManual(kRestoringStatus);
     background_.post([backupFolder, root = v->path,
                       options = optionsFor(false)] { return Backup::restore(backupFolder, root, options); },
-                     [this](RestoreResult result) {
+                     [this, drive = v->path](RestoreResult result) {
                          --manualRuns_;
-                         show(result);
+                         show(result, drive);
                      });
 }
 
@@ -217,7 +217,7 @@ void BackupModel::runAutomatic(const QmVolume& v, const QString& destination) {
     automaticRunning_ = true;
     background_.post(
         [v, destination, options = optionsFor(true)] { return Backup::run(v, destination, false, options); },
-        [this](BackupResult result) {
+        [this, drive = v.path](BackupResult result) {
             automaticRunning_ = false;
             if (result.skipped) {  // another run had the folder; it reports for both
                 if (progress_ && !busy()) {
@@ -226,7 +226,7 @@ void BackupModel::runAutomatic(const QmVolume& v, const QString& destination) {
                 }
                 return;
             }
-            show(result);
+            show(result, drive);
         });
 }
 
@@ -239,22 +239,22 @@ std::optional<QString> BackupModel::revealFolder() {
         .arg(QDir::toNativeSeparators(*f));
 }
 
-bool BackupModel::showSummary(const QString& summary, const QDateTime& when) {
+bool BackupModel::showSummary(const QString& summary, const QDateTime& when, const QString& drive) {
     progress_.reset();
-    warning_.reset();
-    warningIsSerious_ = false;
-    if (!volume() && drives_->gone()) {  // the run's drive went meanwhile: that is what the tab says
+    if (!shows(drive)) {  // the run's drive went, or another was chosen, meanwhile: the tab keeps to the one shown
         refreshStatus();
         emit changed();
         emit reported();
         return false;
     }
+    warning_.reset();
+    warningIsSerious_ = false;
     setStatus(summary + QLatin1Char('\n') + QLocale().toString(when, QLocale::ShortFormat));
     return true;
 }
 
-void BackupModel::show(const RestoreResult& result) {
-    if (!showSummary(result.summary(), QDateTime::currentDateTime())) return;
+void BackupModel::show(const RestoreResult& result, const QString& drive) {
+    if (!showSummary(result.summary(), QDateTime::currentDateTime(), drive)) return;
     if (!result.failures.isEmpty()) {
         warning_ = failuresWarning(result.failures, QStringLiteral("One file could not be put back: "),
                                    QStringLiteral("%1 files could not be put back: "));
@@ -264,8 +264,8 @@ void BackupModel::show(const RestoreResult& result) {
     emit reported();
 }
 
-void BackupModel::show(const BackupResult& result) {
-    if (!showSummary(result.summary(), result.finished)) return;
+void BackupModel::show(const BackupResult& result, const QString& drive) {
+    if (!showSummary(result.summary(), result.finished, drive)) return;
     if (!result.folder.isEmpty()) {
         ++folderAsked_;  // a look begun before the run may not have seen the folder made
         folder_ = result.folder;

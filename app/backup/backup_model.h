@@ -84,9 +84,10 @@ public:
 
     // The status for the drive and destination now, and a new look for the drive's folder.
     void refreshStatus();
-    // A finished run's outcome as status and warning (manual and automatic runs alike).
-    void show(const BackupResult& result);
-    void show(const RestoreResult& result);
+    // A finished run's outcome on the drive at path, as status and warning (manual and automatic
+    // runs alike); nothing of it shows once another drive, or none, is selected.
+    void show(const BackupResult& result, const QString& drive);
+    void show(const RestoreResult& result, const QString& drive);
 
 signals:
     void changed();
@@ -103,7 +104,8 @@ private:
     void startManual(const QString& status);
     // The outcome's summary and the time as status, the warning cleared. False when the run's
     // drive has gone meanwhile: the status then says so and the outcome is not shown.
-    bool showSummary(const QString& summary, const QDateTime& when);
+    bool showSummary(const QString& summary, const QDateTime& when, const QString& drive);
+    bool shows(const QString& drive) const { return volume() && volume()->path == drive; }
     Backup::RunOptions optionsFor(bool automatic);
 
     DriveSelection* drives_;

@@ -76,7 +76,7 @@ TEST_F(BackupModelStatus, WaitingTextsGiveWayToReadyOnlyUntilARunReports) {
 
     BackupResult r;
     r.unchanged = 2;
-    m.show(r);
+    m.show(r, q(drive));
     const QString outcome = r.summary() + "\n" + QLocale().toString(r.finished, QLocale::ShortFormat);
     EXPECT_EQ(m.status(), outcome);
     m.choose(q(dest) + "/elsewhere");  // the outcome stays rather than a Ready that hides it
@@ -85,17 +85,23 @@ TEST_F(BackupModelStatus, WaitingTextsGiveWayToReadyOnlyUntilARunReports) {
 
     // A drive that goes takes its outcome and warning along, also one of a run that ends later.
     r.cloudWarning = "Dropbox is not running";
-    m.show(r);
+    m.show(r, q(drive));
     m.runNow(true);  // a check that finds nothing to check, after the drive has gone
     drives.pin(QList<QmVolume>{});
     auto showsGone = [&] { return m.status() == DriveSelection::goneText("Q") && !m.warning() && !m.folder(); };
     EXPECT_TRUE(showsGone()) << m.status().toStdString();
-    m.show(r);
+    m.show(r, q(drive));
     EXPECT_TRUE(showsGone()) << m.status().toStdString();
     ASSERT_TRUE(QTest::qWaitFor([&] { return !m.busy(); }, 20000));
     EXPECT_TRUE(showsGone()) << m.status().toStdString();
     drives.pin({QmVolume{q(drive), "Q", true}});  // back: waiting texts give way again
     EXPECT_EQ(m.status(), BackupModel::kReadyStatus);
+    TempDir other;  // nor does a run's outcome show over another drive chosen meanwhile
+    drives.pin({QmVolume{q(other), "R", true}});
+    r.folder = q(dest) + "/Quillmate/Q";
+    m.show(r, q(drive));
+    EXPECT_EQ(m.status(), BackupModel::kReadyStatus) << m.status().toStdString();
+    EXPECT_FALSE(m.warning() || m.folder() == r.folder);
 
     m.choose(QString());
     EXPECT_EQ(m.status(), BackupModel::kNoDestinationStatus);
@@ -134,7 +140,7 @@ TEST_F(BackupModelStatus, WarningAfterARun) {
         r.failures = c.failures;
         r.cloudWarning = c.cloud;
         QSignalSpy reported(&m, &BackupModel::reported);
-        m.show(r);
+        m.show(r, q(drive));
         EXPECT_EQ(reported.count(), 1);
         EXPECT_EQ(m.warning(), c.warning);
         EXPECT_EQ(m.warningIsSerious(), c.warning.has_value());

@@ -199,7 +199,7 @@ TEST(BackupView, FollowsTheModelThroughRunsAndTheSettingsChooseTheFolder) {
 
     BackupResult failed;
     failed.failures = {"a.md: gone"};
-    model.show(failed);
+    model.show(failed, model.volume()->path);
     QLabel* warning = withText<QLabel>(&tab, "One copy could not be verified: a.md: gone");
     ASSERT_TRUE(warning);
     EXPECT_NE(warning->palette().color(QPalette::WindowText), tab.palette().color(QPalette::WindowText));

@@ -104,28 +104,27 @@ void BackupModel::refreshStatus() {
     lookUpFolder(v);
     if (!v && drives_->gone()) {
         // A drive that went takes what was shown of it along, the last run's outcome included.
-        if (warning_) {
-            warning_.reset();
-            warningIsSerious_ = false;
-            emit changed();
-        }
+        dropWarning();
         setWaiting(DriveSelection::goneText(*drives_->gone()));
     } else if (!v) {
         setWaiting(kNoDriveStatus);
     } else if (destination_.isEmpty()) {
         setWaiting(kNoDestinationStatus);
-    } else if (status_.isEmpty() || waiting_) {
-        // The outcome of the last run stays until the next one; only the waiting texts give way.
+    } else if (status_.isEmpty() || waiting_ || v->path != statusDrive_) {
+        // The outcome of the last run stays until the next one while its drive is shown; the
+        // waiting texts, and what was said of another drive, give way.
+        if (v->path != statusDrive_) dropWarning();
         setStatus(kReadyStatus);
     }
 }
 
 void BackupModel::lookUpFolder(const std::optional<QmVolume>& v) {
     const int asked = ++folderAsked_;
-    if (!v || destination_.isEmpty()) {
-        setFolder(std::nullopt, false);
-        return;
-    }
+    const std::pair<QString, QString> wanted{v ? v->path : QString(), destination_};
+    // Another drive's or folder's copies are not shown while this one's are looked up.
+    if (!v || destination_.isEmpty() || wanted != folderFor_) setFolder(std::nullopt, false);
+    folderFor_ = wanted;
+    if (!v || destination_.isEmpty()) return;
     ++folderLookups_;
     lookups_.post(
         [volume = *v, destination = destination_] {
@@ -142,6 +141,13 @@ void BackupModel::setFolder(const std::optional<QString>& folder, bool exists) {
     if (folder == folder_ && exists == folderExists_) return;
     folder_ = folder;
     folderExists_ = exists;
+    emit changed();
+}
+
+void BackupModel::dropWarning() {
+    if (!warning_) return;
+    warning_.reset();
+    warningIsSerious_ = false;
     emit changed();
 }
 
@@ -169,8 +175,9 @@ Backup::RunOptions BackupModel::optionsFor(bool automatic) {
     return options;
 }
 
-void BackupModel::startManual(const QString& status) {
+void BackupModel::startManual(const QString& status, const QString& drive) {
     ++manualRuns_;
+    statusDrive_ = drive;
     warning_.reset();
     warningIsSerious_ = false;
     setStatus(status);
@@ -180,7 +187,7 @@ void BackupModel::startManual(const QString& status) {
 void BackupModel::runNow(bool deepVerify) {
     std::optional<QmVolume> v = volume();
     if (!v || busy()) return;
-    startManual(deepVerify ? kCheckingStatus : kCopyingStatus);
+    startManual(deepVerify ? kCheckingStatus : kCopyingStatus, v->path);
     background_.post(
         [volume = *v, destination = destination_, deepVerify,
          options = optionsFor(false)]() -> std::optional<BackupResult> {
@@ -203,7 +210,7 @@ void BackupModel::runNow(bool deepVerify) {
 void BackupModel::restoreFrom(const QString& backupFolder) {
     std::optional<QmVolume> v = volume();
     if (!v || busy()) return;
-    startManual(kRestoringStatus);
+    startManual(kRestoringStatus, v->path);
     background_.post([backupFolder, root = v->path,
                       options = optionsFor(false)] { return Backup::restore(backupFolder, root, options); },
                      [this, drive = v->path](RestoreResult result) {
@@ -249,6 +256,7 @@ bool BackupModel::showSummary(const QString& summary, const QDateTime& when, con
     }
     warning_.reset();
     warningIsSerious_ = false;
+    statusDrive_ = drive;
     setStatus(summary + QLatin1Char('\n') + QLocale().toString(when, QLocale::ShortFormat));
     return true;
 }

@@ -99,9 +99,10 @@ private:
     void setFolder(const std::optional<QString>& folder, bool exists);
     void runAutomatic(const QmVolume& volume, const QString& destination);
     void setStatus(const QString& status);
+    void dropWarning();
     // A status that tells what is missing before a run can happen; it gives way once nothing is.
     void setWaiting(const QString& status);
-    void startManual(const QString& status);
+    void startManual(const QString& status, const QString& drive);
     // The outcome's summary and the time as status, the warning cleared. False when the run's
     // drive has gone meanwhile: the status then says so and the outcome is not shown.
     bool showSummary(const QString& summary, const QDateTime& when, const QString& drive);
@@ -112,6 +113,7 @@ private:
     QString destination_;
     std::optional<QString> folder_;
     bool folderExists_ = false;
+    std::pair<QString, QString> folderFor_;  // the drive and destination folder_ was looked up for
     int folderAsked_ = 0;    // the latest look's number: an earlier one's answer is out of date
     int folderLookups_ = 0;  // looks under way
     bool automatic_ = true;
@@ -119,6 +121,7 @@ private:
     QList<CloudFolder> missing_;
     QString status_;
     bool waiting_ = false;  // status_ was set by setWaiting
+    QString statusDrive_;   // the drive a run's status or outcome speaks of
     std::optional<QString> warning_;
     bool warningIsSerious_ = false;
     std::optional<BackupProgress> progress_;

@@ -1,5 +1,6 @@
 // The modes without a window that drive the backup: a run from the command line, the check of
-// a folder's cloud service, and putting the writing back from a backup. Each prints plain lines and returns the exit status.
+// a folder's cloud service, and putting the writing back from a backup. Each prints plain lines
+// and returns the exit status.
 #pragma once
 #include <QStringList>
 

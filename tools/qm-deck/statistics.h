@@ -27,7 +27,8 @@ struct StatsOptions {
 uint32_t default_last_day();
 
 // Provisions (or, with force, replaces) the drive key and writes stats.db and stats.bak.
-// Without force a folder that already holds a key or statistics is left alone. Returns an empty string or a message saying what went wrong.
+// Without force a folder that already holds a key or statistics is left alone. Returns an empty
+// string or a message saying what went wrong.
 std::string write_statistics(const std::string& dir, const StatsOptions& options, bool force);
 
 }  // namespace deck

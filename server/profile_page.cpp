@@ -50,7 +50,8 @@ std::string heat_map(const std::vector<PublishedDay>& days) {
     static const char* kMonths[] = {"Jan", "Feb", "Mar", "Apr", "May", "Jun", "Jul", "Aug", "Sep", "Oct", "Nov", "Dec"};
     static const char* kRows[] = {"Mon", "", "Wed", "", "Fri", "", ""};
     for (int d = 0; d < 7; ++d)
-        if (*kRows[d]) svg += format("<text x=\"0\" y=\"%d\" class=\"l\">%s</text>", kTop + d * (kCell + kGap) + 9, kRows[d]);
+        if (*kRows[d])
+            svg += format("<text x=\"0\" y=\"%d\" class=\"l\">%s</text>", kTop + d * (kCell + kGap) + 9, kRows[d]);
     std::string shown_month;
     for (int w = 0; w < kWeeks; ++w) {
         int64_t monday = first + int64_t(w) * 7;

@@ -152,7 +152,7 @@ int main(int argc, char** argv) {
     updater.install(info, downloaded->archive, [&](InstallOutcome o) { installed = o; });
     (void)QTest::qWaitFor([&] { return installed.has_value(); }, 60000);
     if (!installed) installed = InstallOutcome{QString("the install never ended"), std::nullopt, 0};
-    int status = installed->relaunched > 0 ? exitStatusOf(pid_t(installed->relaunched)) : -1;
+    int status = installed->relaunched > 0 ? exit_status(pid_t(installed->relaunched)) : -1;
     double install = double(clock.nsecsElapsed()) / 1e6;
     std::fflush(stdout);
     ::dup2(saved, STDOUT_FILENO);

@@ -16,8 +16,6 @@ inline std::vector<std::string> stdStrings(const QStringList& list) {
     return out;
 }
 
-inline int exitStatusOf(pid_t pid) { return exit_status(pid); }
-
 // Runs a program to its end with `input` on its standard input and, when given, its standard output
 // in a file; its exit status.
 inline int runProgram(const QStringList& args, const QByteArray& input = {}, const QString& output = {}) {

@@ -375,7 +375,7 @@ TEST_F(UpdaterTest, TheOldCopyGoesOnlyOnceTheNewOneHasShownItsWindow) {
     InstallOutcome o;
     ASSERT_EQ(update(identity(), good, &o, {{"--keep", "a b"}, "tab=3;x=10;y=20"}), std::nullopt);
     ASSERT_GT(o.relaunched, 0);
-    EXPECT_EQ(exitStatusOf(pid_t(o.relaunched)), 0);
+    EXPECT_EQ(exit_status(pid_t(o.relaunched)), 0);
     const QString text = QString::fromStdString(slurp(said.toStdString()));
     EXPECT_TRUE(text.startsWith("--updated\n0.2.2\n--keep\na b\ntab=3;x=10;y=20\n")) << text.toStdString();
     EXPECT_TRUE(text.contains("\"version\": \"0.1.0\"")) << text.toStdString();
